@@ -1,0 +1,75 @@
+// ContextData: the JSON document that every payload of the library passes through.
+#ifndef LUMORA_CONTEXTDATA_H
+#define LUMORA_CONTEXTDATA_H
+
+#include <json/value.h>
+#include <lumora/lumora-export.h>
+
+#include <string>
+
+/**
+ * One JSON document: a root value, an object once anything was set or parsed,
+ * and the text of its last serialisation.
+ *
+ * Keys are plain member names of the top-level object. Nothing here throws for
+ * a missing member or a member of another type: a missing string reads as "",
+ * a missing integer or count as 0, and IsValid() is the test to make first.
+ * Copies are deep. An instance is used by one thread at a time.
+ */
+class LUMORA_EXPORT ContextData {
+public:
+    ContextData();
+    ~ContextData();
+    ContextData(const ContextData&) = default;
+    ContextData& operator=(const ContextData&) = default;
+    ContextData(ContextData&&) noexcept = default;
+    ContextData& operator=(ContextData&&) noexcept = default;
+
+    /// Parses json and makes it the root. False for a null pointer, an empty
+    /// or truncated text, or anything after the value; the document is then
+    /// left as it was.
+    bool MakeData(const char* json);
+
+    /// Serialises the root as compact JSON ("{}" for an empty document). The
+    /// text belongs to the document and stays valid until the document is
+    /// changed or destroyed; never free it.
+    char* MakeStr();
+
+    /// A copy of member key as a document of its own; empty when missing.
+    ContextData GetValue(const char* key);
+    /// A copy of element index (from 0) of the array member key; empty when
+    /// the member is not an array or the index is out of range.
+    ContextData GetValue(const char* key, int index);
+    /// The member as an int (jsoncpp's conversions); 0 when missing or not a number.
+    int GetValueInt(const char* key);
+    /// The member as a string (numbers and booleans are converted); "" when
+    /// missing, null, an object or an array.
+    std::string GetValueStr(const char* key);
+    /// Element index of the array member key as a string, as GetValueStr does.
+    std::string GetValueStrFromArray(const char* key, int index);
+    /// Number of elements of the array member key; 0 when missing or not an array.
+    int GetSize(const char* key);
+    /// True when the root has a member key whose value is not null.
+    bool IsValid(const char* key);
+
+    /// Set a scalar member, replacing any earlier value. A null string value
+    /// stores JSON null.
+    void SetValue(const char* key, const char* value);
+    void SetValue(const char* key, std::string value);
+    void SetValue(const char* key, int value);
+    /// Appends value's root as the new last element of the array member key,
+    /// creating the array when the member is absent (or is not an array).
+    void SetValue(const char* key, ContextData& value);
+    /// Stores value's root as member key itself, replacing any earlier value.
+    void SetValueNoArry(const char* key, ContextData& value);
+    /// Removes member key; nothing happens when it is absent.
+    void RemoveMember(const char* key);
+
+private:
+    friend class ContextDataAccess;  // internal helpers of the implementation
+
+    Json::Value m_jsonRoot;
+    std::string m_strText;
+};
+
+#endif  // LUMORA_CONTEXTDATA_H
