@@ -1,0 +1,16 @@
+/* liblumora-api: the client library of the television's context service.
+ *
+ * Include this one header. From C it declares the plain functions, records and
+ * enumerations; from C++ also the classes. */
+#ifndef LUMORA_API_H
+#define LUMORA_API_H
+
+#include <lumora/lumora-c.h>
+
+#ifdef __cplusplus
+#include <lumora/ContextAutoLock.h>
+#include <lumora/ContextData.h>
+#include <lumora/DBusClient.h>
+#endif
+
+#endif /* LUMORA_API_H */
