@@ -17,6 +17,10 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/LumoraApiConfigVersion.cm
 install(FILES ${PROJECT_BINARY_DIR}/LumoraApiConfig.cmake ${PROJECT_BINARY_DIR}/LumoraApiConfigVersion.cmake
   DESTINATION ${LUMORA_CMAKE_DIR})
 
+# The .pc files find their prefix from where they lie, so that an installed
+# tree can be moved (or installed with --prefix) and still be found.
+file(RELATIVE_PATH LUMORA_PC_TO_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+string(REGEX REPLACE "/$" "" LUMORA_PC_TO_PREFIX "${LUMORA_PC_TO_PREFIX}")
 foreach(pc lumora-api lumora-common)
   configure_file(${PROJECT_SOURCE_DIR}/cmake/${pc}.pc.in ${PROJECT_BINARY_DIR}/${pc}.pc @ONLY)
   install(FILES ${PROJECT_BINARY_DIR}/${pc}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

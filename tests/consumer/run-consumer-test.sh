@@ -1,0 +1,27 @@
+#!/bin/sh
+# Installs the build tree into a temporary prefix, then builds and runs a C and
+# a C++ application against the installed tree, once with pkg-config and once
+# with find_package.
+set -eu
+build_dir=$1
+here=$(cd "$(dirname "$0")" && pwd)
+work=$(mktemp -d /tmp/lumora-consumer-XXXXXX)
+trap 'rm -rf "$work"' EXIT
+prefix=$work/prefix
+
+cmake --install "$build_dir" --prefix "$prefix" >/dev/null
+libdir=$(dirname "$(find "$prefix" -name 'liblumora-api.so.1' | head -n 1)")
+export PKG_CONFIG_PATH=$libdir/pkgconfig
+export LD_LIBRARY_PATH=$libdir
+
+echo "pkg-config: $(pkg-config --modversion lumora-api)"
+cc -std=c11 -Wall -Wextra -Werror -o "$work/c_pc" "$here/consumer.c" $(pkg-config --cflags --libs lumora-api)
+c++ -std=c++17 -Wall -Wextra -Werror -o "$work/cpp_pc" "$here/consumer.cpp" $(pkg-config --cflags --libs lumora-api)
+"$work/c_pc"
+"$work/cpp_pc"
+
+cmake -S "$here" -B "$work/cmake" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake --build "$work/cmake" >/dev/null
+"$work/cmake/consumer_c"
+"$work/cmake/consumer_cpp"
+echo "installed-tree consumers ok"
