@@ -1,32 +1,333 @@
-// DBusClient: instance management and the process name.
+// DBusClient: instance, connection, service readiness, reconnection and the
+// three timers that finish that work later from the main loop.
 #include <lumora/ContextAutoLock.h>
 #include <lumora/DBusClient.h>
+#include <unistd.h>
 
+#include "DBusClientInternal.h"
+#include "internal/Atomic.h"
+#include "internal/Boundary.h"
 #include "internal/Log.h"
+#include "internal/ServiceContract.h"
+
+namespace contract = lumora::contract;
+using lumora::internal::AtomicLoad;
+using lumora::internal::AtomicStore;
+using lumora::internal::Guarded;
 
 DBusClient* DBusClient::m_pInstance = nullptr;
 GMutex DBusClient::m_clientMutex;
+
+namespace {
+
+constexpr guint kInitCallbackDelaySeconds = 1;
+constexpr guint kRecheckIntervalSeconds = 3;
+constexpr guint kReconnectIntervalSeconds = 2;
+constexpr int kRecheckLimit = 10;
+
+gboolean InitTimeoutThunk(gpointer data) {
+    return Guarded("InitTimeoutCb", FALSE, [data] { return static_cast<DBusClient*>(data)->InitTimeoutCb(); });
+}
+
+gboolean RecheckTimeoutThunk(gpointer data) {
+    return Guarded("RecheckTimeoutCb", FALSE, [data] { return static_cast<DBusClient*>(data)->RecheckTimeoutCb(); });
+}
+
+gboolean ReConnectTimeoutThunk(gpointer data) {
+    return Guarded("ReConnectTimeoutCb", FALSE,
+                   [data] { return static_cast<DBusClient*>(data)->ReConnectTimeoutCb(); });
+}
+
+void RemoveSource(guint& id) {
+    if (id == 0) return;
+    g_source_remove(id);
+    id = 0;
+}
+
+void SetResult(LMF_INIT_RESULT* result, LMF_INIT_RESULT value) {
+    if (result != nullptr) *result = value;
+}
+
+}  // namespace
+
+// ---- helpers -----------------------------------------------------------------
+
+GDBusConnection* DBusClientInternal::OpenConnection(GError** error) {
+    gchar* address = g_dbus_address_get_for_bus_sync(contract::kBusType, nullptr, error);
+    if (address == nullptr) return nullptr;
+    GDBusConnection* connection =
+        g_dbus_connection_new_for_address_sync(address, contract::kConnectionFlags, nullptr, nullptr, error);
+    g_free(address);
+    return connection;
+}
+
+GDBusConnection* DBusClientInternal::Connection(const DBusClient& client) { return AtomicLoad(client.m_connection); }
+
+void DBusClientInternal::MarkServiceAvailable(DBusClient& client, bool available) {
+    AtomicStore(client.m_bServiceAvailable, available);
+}
+
+void DBusClientInternal::MarkBusConnected(DBusClient& client, bool connected) {
+    AtomicStore(client.m_bBusConnected, connected);
+}
+
+guint DBusClientInternal::SubscribeResponseSignal(DBusClient& client) {
+    return g_dbus_connection_signal_subscribe(client.m_connection, nullptr, contract::kInterface,
+                                              contract::kSignalResponse, contract::kObjectPath, nullptr,
+                                              G_DBUS_SIGNAL_FLAGS_NONE, &DBusClient::OnSubscribe, &client, nullptr);
+}
+
+void DBusClientInternal::ScheduleInitCallback(DBusClient& client) {
+    client.m_nInitCbTimerId = g_timeout_add_seconds(kInitCallbackDelaySeconds, InitTimeoutThunk, &client);
+}
+
+// An open connection kept from an earlier Initialize: only the service is asked
+// again. Unlike a fresh connection, a service that is not enabled here starts
+// no recheck timer; callers have always relied on that difference.
+void DBusClientInternal::InitializeOnOpenConnection(DBusClient& client, LMF_INIT_RESULT* result) {
+    MarkBusConnected(client, true);
+    if (!client.__IsServiceEnable()) {
+        MarkServiceAvailable(client, false);
+        SetResult(result, LMF_INIT_SERVICE_NOT_READY);
+        return;
+    }
+    MarkServiceAvailable(client, true);
+    if (client.m_fnInitCb != nullptr) ScheduleInitCallback(client);
+    SetResult(result, LMF_INIT_OK);
+}
+
+void DBusClientInternal::InitializeOnNewConnection(DBusClient& client, LMF_INIT_RESULT* result) {
+    const char* name = ProcessName(client);
+    LMF_LOGE("[%s] Success to connect Dbus ", name);
+    if (client.m_subscriberID == 0) client.m_subscriberID = SubscribeResponseSignal(client);
+    MarkBusConnected(client, true);
+    // The marker file is consulted only here, on a fresh connection.
+    if (client.__IsLMFServiceReady() && client.__IsServiceEnable()) {
+        LMF_LOGE("[%s] LMF service is available now ..", name);
+        MarkServiceAvailable(client, true);
+        if (client.m_fnInitCb != nullptr) {
+            RemoveSource(client.m_nInitCbTimerId);
+            ScheduleInitCallback(client);
+        }
+        SetResult(result, LMF_INIT_OK);
+        return;
+    }
+    LMF_LOGE("[%s] LMF service isn't ready or available yet ..", name);
+    MarkServiceAvailable(client, false);
+    SetResult(result, LMF_INIT_SERVICE_NOT_READY);
+    LMF_LOGE("[%s] Set Timer ..", name);
+    RemoveSource(client.m_nRecheckTimerId);
+    client.m_nRecheckTimerId = g_timeout_add_seconds(kRecheckIntervalSeconds, RecheckTimeoutThunk, &client);
+}
+
+// ---- instance ----------------------------------------------------------------
 
 DBusClient::DBusClient() = default;
 
 DBusClient::~DBusClient() = default;
 
 DBusClient* DBusClient::GetInstance() {
-    if (m_pInstance == nullptr) {
+    if (AtomicLoad(m_pInstance) == nullptr) {
         ContextAutoLock lock(&m_clientMutex);
-        if (m_pInstance == nullptr) m_pInstance = new DBusClient();
+        if (m_pInstance == nullptr) AtomicStore(m_pInstance, new DBusClient());
     }
-    return m_pInstance;
+    return AtomicLoad(m_pInstance);
 }
 
 void DBusClient::DeleteInstance() {
-    if (m_pInstance == nullptr) return;
+    if (AtomicLoad(m_pInstance) == nullptr) return;
     ContextAutoLock lock(&m_clientMutex);
     delete m_pInstance;
-    m_pInstance = nullptr;
+    AtomicStore(m_pInstance, static_cast<DBusClient*>(nullptr));
 }
 
 void DBusClient::SetProcessName(const char* name) {
     m_strProcessName = name != nullptr ? name : "";
     LMF_LOGE("Currernt Process Name[%s]", m_strProcessName.c_str());
+}
+
+bool DBusClient::IsAvailable() { return AtomicLoad(m_bServiceAvailable); }
+
+bool DBusClient::__IsLMFServiceReady() { return access(contract::kReadyMarkerFile, F_OK) == 0; }
+
+bool DBusClient::__IsServiceEnable() {
+    GDBusConnection* connection = DBusClientInternal::Connection(*this);
+    if (connection == nullptr) {
+        LMF_LOGE("[%s] m_connection is null", m_strProcessName.c_str());
+        return false;
+    }
+    GError* error = nullptr;
+    GVariant* reply = g_dbus_connection_call_sync(connection, contract::kBusName, contract::kObjectPath,
+                                                  contract::kInterface, contract::kMethodServiceEnable, nullptr,
+                                                  nullptr, G_DBUS_CALL_FLAGS_NONE,
+                                                  contract::kServiceEnableTimeoutMs, nullptr, &error);
+    if (reply == nullptr) {
+        LMF_LOGE("Error : %s", error != nullptr ? error->message : "no reply");
+        if (error != nullptr) g_error_free(error);
+        return false;
+    }
+    if (!g_variant_is_of_type(reply, G_VARIANT_TYPE(contract::kServiceEnableReply))) {
+        LMF_LOGE("Error : unexpected reply %s, expected %s", g_variant_get_type_string(reply),
+                 contract::kServiceEnableReply);
+        g_variant_unref(reply);
+        return false;
+    }
+    gboolean enabled = FALSE;
+    const gchar* whiteList = nullptr;
+    g_variant_get(reply, "(b&s)", &enabled, &whiteList);
+    __SetWhiteList(whiteList);
+    g_variant_unref(reply);
+    if (enabled) {
+        LMF_LOGE("LMF is available");
+        return true;
+    }
+    LMF_LOGE("LMF isn't available yet ..");
+    return false;
+}
+
+// ---- Initialize / Finalize ---------------------------------------------------
+
+bool DBusClient::Initialize(LMF_INIT_RESULT* result, LumoraInitCb callback, void* userData) {
+    ContextAutoLock lock(&m_clientMutex);
+    // The records are not freed here: Finalize frees them, and an Initialize
+    // without Finalize abandons them to the calls that may still hold them.
+    m_vWhiteList.clear();
+    m_vSubscribeList.clear();
+    m_vRequestList.clear();
+    ++m_nInitCnt;
+    if (callback != nullptr) {
+        m_fnInitCb = callback;
+        m_pInitUserData = userData;
+    }
+    if (m_connection != nullptr && !g_dbus_connection_is_closed(m_connection)) {
+        DBusClientInternal::InitializeOnOpenConnection(*this, result);
+        return true;
+    }
+    if (m_connection != nullptr) {
+        // A closed connection is forgotten, not released: GIO may still be
+        // delivering its last callbacks.
+        AtomicStore(m_connection, static_cast<GDBusConnection*>(nullptr));
+        DBusClientInternal::MarkBusConnected(*this, false);
+        DBusClientInternal::MarkServiceAvailable(*this, false);
+    }
+    GError* error = nullptr;
+    AtomicStore(m_connection, DBusClientInternal::OpenConnection(&error));
+    if (m_connection == nullptr) {
+        if (error != nullptr) {
+            LMF_LOGE("[%s] m_connection error msg[%s]", m_strProcessName.c_str(), error->message);
+            g_error_free(error);
+        }
+        // One reconnect timer at a time, however often Initialize is called.
+        RemoveSource(m_nReConnectTimerId);
+        m_nReConnectTimerId = g_timeout_add_seconds(kReconnectIntervalSeconds, ReConnectTimeoutThunk, this);
+        SetResult(result, LMF_INIT_CONNECTION_FAILED);
+        return true;
+    }
+    DBusClientInternal::InitializeOnNewConnection(*this, result);
+    return true;
+}
+
+bool DBusClient::Finalize() {
+    ContextAutoLock lock(&m_clientMutex);
+    if (!m_vSubscribeList.empty()) __DeleteAllSubscribes();
+    if (!m_vRequestList.empty()) __DeleteAllRequests();
+    m_vWhiteList.clear();
+    RemoveSource(m_nInitCbTimerId);
+    RemoveSource(m_nRecheckTimerId);
+    if (m_connection != nullptr && !g_dbus_connection_is_closed(m_connection)) {
+        if (m_subscriberID != 0) {
+            g_dbus_connection_signal_unsubscribe(m_connection, m_subscriberID);
+            m_subscriberID = 0;
+        }
+        g_dbus_connection_flush_sync(m_connection, nullptr, nullptr);
+        // The connection stays open and owned, for the next Initialize; a
+        // reconnect timer left from before keeps running.
+    } else {
+        if (m_connection != nullptr) AtomicStore(m_connection, static_cast<GDBusConnection*>(nullptr));
+        RemoveSource(m_nReConnectTimerId);
+    }
+    m_fnInitCb = nullptr;
+    m_pInitUserData = nullptr;
+    DBusClientInternal::MarkServiceAvailable(*this, false);
+    DBusClientInternal::MarkBusConnected(*this, false);
+    m_nRecheckCnt = 0;
+    return true;
+}
+
+// ---- timers ------------------------------------------------------------------
+
+gboolean DBusClient::InitTimeoutCb() {
+    LumoraInitCb callback = nullptr;
+    void* userData = nullptr;
+    {
+        // Only the hand-over of the stored pair is locked; the application's
+        // callback runs without the client mutex, so that it may use the
+        // library.
+        ContextAutoLock lock(&m_clientMutex);
+        callback = m_fnInitCb;
+        userData = m_pInitUserData;
+        m_fnInitCb = nullptr;
+        m_pInitUserData = nullptr;
+        m_nInitCbTimerId = 0;
+    }
+    if (callback != nullptr) callback(nullptr, userData);
+    return FALSE;
+}
+
+gboolean DBusClient::RecheckTimeoutCb() {
+    ContextAutoLock lock(&m_clientMutex);
+    const char* name = m_strProcessName.c_str();
+    if (!__IsLMFServiceReady()) {
+        // Not counted: the rechecks go on for as long as the service has not
+        // started at all.
+        LMF_LOGE("LMF Service Not Ready...");
+        return TRUE;
+    }
+    ++m_nRecheckCnt;
+    LMF_LOGE("[%s] Check Service Availability... [%d/%d]", name, m_nRecheckCnt, kRecheckLimit);
+    if (__IsServiceEnable()) {
+        LMF_LOGE("[%s] LMF service is available now ..", name);
+        DBusClientInternal::MarkServiceAvailable(*this, true);
+        if (m_fnInitCb != nullptr) DBusClientInternal::ScheduleInitCallback(*this);
+        m_nRecheckTimerId = 0;
+        return FALSE;
+    }
+    LMF_LOGE("[%s] LMF service isn't available yet ..", name);
+    DBusClientInternal::MarkServiceAvailable(*this, false);
+    // Stops after the eleventh check although the log names ten as the total.
+    if (m_nRecheckCnt > kRecheckLimit) {
+        LMF_LOGE("[%s] Stop Checking Service Availability", name);
+        m_nRecheckTimerId = 0;
+        return FALSE;
+    }
+    return TRUE;
+}
+
+gboolean DBusClient::ReConnectTimeoutCb() {
+    ContextAutoLock lock(&m_clientMutex);
+    GDBusConnection* connection = DBusClientInternal::OpenConnection(nullptr);
+    if (connection == nullptr) {
+        LMF_LOGE("m_connection error");
+        return TRUE;
+    }
+    AtomicStore(m_connection, connection);
+    // Only a process with subscriptions listens and asks the service again
+    // here; any other keeps the new connection with its flags as they were,
+    // and is brought up by its next Initialize.
+    if (m_subscriberID == 0 && !m_vSubscribeList.empty()) {
+        m_subscriberID = DBusClientInternal::SubscribeResponseSignal(*this);
+        LMF_LOGE("m_subscriberID : %d", m_subscriberID);
+        DBusClientInternal::MarkBusConnected(*this, true);
+        if (!__IsServiceEnable()) {
+            LMF_LOGE("[%s] LMF service isn't available yet ..", m_strProcessName.c_str());
+            DBusClientInternal::MarkServiceAvailable(*this, false);
+        } else {
+            LMF_LOGE("[%s] LMF service is available now ..", m_strProcessName.c_str());
+            DBusClientInternal::MarkServiceAvailable(*this, true);
+            DBusClientInternal::ResubscribeAll(*this);
+            DBusClientInternal::ResendPendingRequests(*this);
+        }
+    }
+    m_nReConnectTimerId = 0;
+    return FALSE;
 }

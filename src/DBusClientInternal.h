@@ -1,0 +1,30 @@
+// DBusClient's own helpers: reach its private state, never exported.
+#ifndef LUMORA_SRC_DBUSCLIENTINTERNAL_H
+#define LUMORA_SRC_DBUSCLIENTINTERNAL_H
+
+#include <lumora/DBusClient.h>
+
+class DBusClientInternal {
+public:
+    static GMutex* Mutex() { return &DBusClient::m_clientMutex; }
+    static const char* ProcessName(const DBusClient& client) { return client.m_strProcessName.c_str(); }
+
+    // Connection and readiness.
+    static GDBusConnection* OpenConnection(GError** error);
+    static guint SubscribeResponseSignal(DBusClient& client);
+    static void InitializeOnOpenConnection(DBusClient& client, LMF_INIT_RESULT* result);
+    static void InitializeOnNewConnection(DBusClient& client, LMF_INIT_RESULT* result);
+    static void ScheduleInitCallback(DBusClient& client);
+    static void MarkServiceAvailable(DBusClient& client, bool available);
+    static void MarkBusConnected(DBusClient& client, bool connected);
+
+    // What a reconnection or the service's "HELLO" sends again: a type-3
+    // subscribe per subscription record, then every unsent request.
+    static void ResubscribeAll(DBusClient& client);
+    static void ResendPendingRequests(DBusClient& client);
+
+    // The connection pointer as read by operations that take no lock.
+    static GDBusConnection* Connection(const DBusClient& client);
+};
+
+#endif  // LUMORA_SRC_DBUSCLIENTINTERNAL_H

@@ -1,0 +1,229 @@
+// DBusClient: the subscription table, the "Response" signal and the service's
+// "HELLO" and "BYE".
+#include <lumora/ContextAutoLock.h>
+#include <lumora/DBusClient.h>
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+
+#include "DBusClientInternal.h"
+#include "internal/Boundary.h"
+#include "internal/Log.h"
+#include "internal/ServiceContract.h"
+
+namespace contract = lumora::contract;
+
+namespace {
+
+bool SameSubject(const DBusClientSubscribe* record, const char* subject) {
+    return record != nullptr && subject != nullptr && record->subject == subject;
+}
+
+// What a signal is delivered to, copied out of the table under the client
+// mutex so that the callbacks run without it and a record removed meanwhile
+// by another thread is never touched.
+struct Delivery {
+    LumoraSubjectCb callback;
+    void* userData;
+};
+
+void SendToService(DBusClient& client, int type, const std::string& subject) {
+    client.__RequestSync(type, client.__GenerateSeqId(), subject.c_str(), contract::kEmptyJson, nullptr);
+}
+
+}  // namespace
+
+bool DBusClient::Subscribe(const char* subject, LumoraSubjectCb callback, void* userData) {
+    {
+        ContextAutoLock lock(&m_clientMutex);
+        if (!m_bBusConnected) {
+            // Counted as a success although nothing is stored: callers test a
+            // bool and have always treated an early subscription this way.
+            LMF_LOGE("[%s] Dbus is not connected", m_strProcessName.c_str());
+            return true;
+        }
+        if (m_vSubscribeList.empty() && m_connection != nullptr && m_subscriberID == 0)
+            m_subscriberID = DBusClientInternal::SubscribeResponseSignal(*this);
+    }
+    return __InsertSubscribe(subject, callback, userData);
+}
+
+bool DBusClient::__InsertSubscribe(const char* subject, LumoraSubjectCb callback, void* userData) {
+    ContextAutoLock lock(&m_clientMutex);
+    if (subject == nullptr) {
+        LMF_LOGE("[%s] szSubject is null", m_strProcessName.c_str());
+        return false;
+    }
+    if (FindSubscribe(subject, callback) != nullptr) {
+        LMF_LOGE("Error! %s is already registered", subject);
+        return false;
+    }
+    if (m_bServiceAvailable) {
+        if (FindSubscribe(subject) == nullptr) {
+            SendToService(*this, contract::kRequestSubscribe, subject);
+            LMF_LOGI("It is first subscribing to LMF, call dbus to subscribe");
+        } else {
+            LMF_LOGI("There is another request previously, need not to call dbus");
+        }
+    }
+    // The service is told first and the record made second: a failed
+    // allocation leaves the service subscribed, which costs only signals.
+    DBusClientSubscribe* record = new (std::nothrow) DBusClientSubscribe;
+    if (record == nullptr) {
+        LMF_LOGE("Memory Allocation Failed");
+        return false;
+    }
+    record->subject = subject;
+    record->callback = callback;
+    record->userData = userData;
+    m_vSubscribeList.push_back(record);
+    LMF_LOGI("Success to InsertSubscribe(%s)", subject);
+    return true;
+}
+
+bool DBusClient::Unsubscribe(const char* subject, LumoraSubjectCb callback) {
+    {
+        ContextAutoLock lock(&m_clientMutex);
+        if (!m_bBusConnected) {
+            LMF_LOGE("[%s] Dbus is not connected", m_strProcessName.c_str());
+            return true;
+        }
+    }
+    if (!__DeleteSubscribe(subject, callback)) return false;
+    {
+        ContextAutoLock lock(&m_clientMutex);
+        if (m_vSubscribeList.empty() && m_connection != nullptr && m_subscriberID != 0) {
+            g_dbus_connection_signal_unsubscribe(m_connection, m_subscriberID);
+            m_subscriberID = 0;
+        }
+    }
+    LMF_LOGI("Success to unsubscribe ..");
+    return true;
+}
+
+bool DBusClient::__DeleteSubscribe(const char* subject, LumoraSubjectCb callback) {
+    ContextAutoLock lock(&m_clientMutex);
+    size_t before = m_vSubscribeList.size();
+    auto end = std::remove_if(m_vSubscribeList.begin(), m_vSubscribeList.end(), [&](DBusClientSubscribe* record) {
+        if (!SameSubject(record, subject) || record->callback != callback) return false;
+        delete record;
+        return true;
+    });
+    m_vSubscribeList.erase(end, m_vSubscribeList.end());
+    if (m_vSubscribeList.size() == before) {
+        LMF_LOGI("Fail to delete subscribe(%s), not found", subject != nullptr ? subject : "(null)");
+        return false;
+    }
+    if (m_bServiceAvailable && FindSubscribe(subject) == nullptr)
+        SendToService(*this, contract::kRequestUnsubscribe, subject);
+    LMF_LOGI("Success to delete subscribe(%s)", subject);
+    return true;
+}
+
+DBusClientSubscribe* DBusClient::FindSubscribe(const char* subject) {
+    auto it = std::find_if(m_vSubscribeList.begin(), m_vSubscribeList.end(),
+                           [subject](DBusClientSubscribe* record) { return SameSubject(record, subject); });
+    return it != m_vSubscribeList.end() ? *it : nullptr;
+}
+
+DBusClientSubscribe* DBusClient::FindSubscribe(const char* subject, LumoraSubjectCb callback) {
+    auto it = std::find_if(m_vSubscribeList.begin(), m_vSubscribeList.end(), [&](DBusClientSubscribe* record) {
+        return SameSubject(record, subject) && record->callback == callback;
+    });
+    return it != m_vSubscribeList.end() ? *it : nullptr;
+}
+
+bool DBusClient::FindSubscribesVector(const char* subject, std::vector<DBusClientSubscribe*>& out) {
+    for (DBusClientSubscribe* record : m_vSubscribeList) {
+        if (SameSubject(record, subject)) out.push_back(record);
+    }
+    return true;
+}
+
+// Once per record, not per subject: a subject with several local subscribers
+// is unsubscribed as often, which the service tolerates.
+void DBusClient::__DeleteAllSubscribes() {
+    for (DBusClientSubscribe* record : m_vSubscribeList) {
+        if (record == nullptr) continue;
+        if (m_bServiceAvailable) SendToService(*this, contract::kRequestUnsubscribe, record->subject);
+        delete record;
+    }
+    m_vSubscribeList.clear();
+}
+
+void DBusClientInternal::ResubscribeAll(DBusClient& client) {
+    for (DBusClientSubscribe* record : client.m_vSubscribeList) {
+        if (record == nullptr) {
+            LMF_LOGE("vector item is NULL, abnormal state ..");
+            continue;
+        }
+        SendToService(client, contract::kRequestSubscribe, record->subject);
+    }
+}
+
+void DBusClient::OnSubscribe(GDBusConnection* /*connection*/, const gchar* /*sender*/, const gchar* /*objectPath*/,
+                             const gchar* /*interfaceName*/, const gchar* /*signalName*/, GVariant* parameters,
+                             gpointer userData) {
+    lumora::internal::GuardedVoid("OnSubscribe", [&] {
+        auto* client = static_cast<DBusClient*>(userData);
+        if (client == nullptr || !g_variant_is_of_type(parameters, G_VARIANT_TYPE(contract::kResponseSignal))) {
+            LMF_LOGE("unexpected signal %s, expected %s", g_variant_get_type_string(parameters),
+                     contract::kResponseSignal);
+            return;
+        }
+        gint32 unused = 0;
+        const gchar* subject = nullptr;
+        const gchar* data = nullptr;
+        g_variant_get(parameters, "(i&s&s)", &unused, &subject, &data);
+        std::vector<Delivery> deliveries;
+        {
+            ContextAutoLock lock(DBusClientInternal::Mutex());
+            std::vector<DBusClientSubscribe*> records;
+            client->FindSubscribesVector(subject, records);
+            for (const DBusClientSubscribe* record : records) deliveries.push_back({record->callback, record->userData});
+        }
+        LMF_LOGD("Subscribes size[%zu]", deliveries.size());
+        if (deliveries.empty()) {
+            client->SubscribeStateCheck(subject, data);
+            return;
+        }
+        // Callbacks get the data as char* but must neither free nor keep it.
+        for (const Delivery& delivery : deliveries) {
+            if (delivery.callback != nullptr) delivery.callback(subject, const_cast<char*>(data), delivery.userData);
+        }
+    });
+}
+
+bool DBusClient::__GetReqIdFromServerMessage(const char* subject, const char* data, int& reqType) {
+    LMF_LOGI("[%s] %s, %s", m_strProcessName.c_str(), subject, data);
+    if (strcmp(subject, contract::kHello) == 0) {
+        reqType = contract::kRequestSubscribe;
+        DBusClientInternal::MarkServiceAvailable(*this, true);
+        DBusClientInternal::ScheduleInitCallback(*this);
+        __SetWhiteList(data);
+        return true;
+    }
+    if (strcmp(subject, contract::kBye) == 0) {
+        reqType = contract::kRequestUnsubscribe;
+        DBusClientInternal::MarkServiceAvailable(*this, false);
+        return true;
+    }
+    return false;
+}
+
+void DBusClient::SubscribeStateCheck(const char* subject, const char* data) {
+    ContextAutoLock lock(&m_clientMutex);
+    int reqType = 0;
+    if (!__GetReqIdFromServerMessage(subject, data, reqType)) {
+        LMF_LOGE("Unknown Message: %s", subject);
+        return;
+    }
+    if (reqType == contract::kRequestUnsubscribe) return;  // records and requests wait for "HELLO"
+    if (reqType != contract::kRequestSubscribe) {
+        LMF_LOGE("SubscrubeStateCheck Error ..");
+        return;
+    }
+    DBusClientInternal::ResubscribeAll(*this);
+    DBusClientInternal::ResendPendingRequests(*this);
+}
