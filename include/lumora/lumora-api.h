@@ -11,6 +11,7 @@
 #include <lumora/ContextAutoLock.h>
 #include <lumora/ContextData.h>
 #include <lumora/DBusClient.h>
+#include <lumora/LMFServiceAPI.h>
 #endif
 
 #endif /* LUMORA_API_H */

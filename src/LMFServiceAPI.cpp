@@ -1,0 +1,196 @@
+// LMFServiceAPI: counted start and stop, availability, the process name, the
+// stored source and model, and the generic read and write.
+#include <lumora/ContextAutoLock.h>
+#include <lumora/LMFServiceAPI.h>
+#include <lumora/lumora-platform.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+#include "internal/Log.h"
+
+std::string LMFServiceAPI::m_strProgName;
+LumoraChannelCb LMFServiceAPI::m_fnChannelCb = nullptr;
+DBusClient* LMFServiceAPI::m_pDbusClient = nullptr;
+int LMFServiceAPI::m_nRefCnt = 0;
+GMutex LMFServiceAPI::m_mutex;
+std::vector<SubscribeDataNonType*> LMFServiceAPI::g_vSubscribeNonTypeList;
+std::vector<SubscribeData*> LMFServiceAPI::g_vSubscribeList;
+
+namespace {
+
+constexpr const char* kServiceFeatureKey = "com.kaldor/featureconf/lumora.service_enable";
+
+LMF_SRC_TYPE g_eSourceType = LMF_SRC_ALL;
+LMF_MODEL_TYPE g_eModelType = LMF_MODEL_DEFAULT;
+
+// An extra start while the service is in use only counts. Returns true when
+// that was the case; repairs a count left positive without a client.
+bool CountAnotherStart() {
+    if (LMFServiceAPI::m_nRefCnt <= 0) return false;
+    if (LMFServiceAPI::m_pDbusClient != nullptr) {
+        ++LMFServiceAPI::m_nRefCnt;
+        LMF_LOGE("[%s] Initialize LMFServiceAPI : There are already created threads ..RefCnt(%d)",
+                 LMFServiceAPI::_GetProcessName(), LMFServiceAPI::m_nRefCnt);
+        return true;
+    }
+    LMF_LOGE("[%s] InitService Error occur, Set RefCnt = 0 // PreRefCnt(%d) m_pDbusClient(%p)",
+             LMFServiceAPI::_GetProcessName(), LMFServiceAPI::m_nRefCnt,
+             static_cast<void*>(LMFServiceAPI::m_pDbusClient));
+    LMFServiceAPI::m_nRefCnt = 0;
+    return false;
+}
+
+// The first start: the shared client, this process's name, a fresh count.
+bool PrepareFirstStart() {
+    LMFServiceAPI::m_pDbusClient = DBusClient::GetInstance();
+    if (LMFServiceAPI::m_pDbusClient == nullptr) {
+        LMF_LOGE("Memory Allocation Failed");
+        return false;
+    }
+    LMFServiceAPI::m_pDbusClient->SetProcessName(LMFServiceAPI::_GetProcessName());
+    ++LMFServiceAPI::m_nRefCnt;
+    LMFServiceAPI::m_fnChannelCb = nullptr;
+    return true;
+}
+
+}  // namespace
+
+extern "C" bool Is_LMFSupported() {
+    bool enabled = false;
+    if (feature_get_custom_bool(kServiceFeatureKey, &enabled) != 0 || !enabled) return false;
+    LMF_LOGE("LMF is Supported in this device");
+    return true;
+}
+
+bool LMFServiceAPI::InitService() {
+    ContextAutoLock lock(&m_mutex);
+    if (!Is_LMFSupported()) {
+        LMF_LOGE("LMF Not Supported in this Device");
+        return false;
+    }
+    LMF_LOGE("[%s] Start LMF InitService", _GetProcessName());
+    if (CountAnotherStart()) return true;
+    if (!PrepareFirstStart()) return false;
+    // Readiness is not part of the result: callers ask IsAvailable().
+    return m_pDbusClient->Initialize(nullptr, nullptr, nullptr);
+}
+
+// Deliberately does not consult the feature switch, unlike InitService.
+LMF_INIT_RESULT LMFServiceAPI::InitServiceWithResponse(LumoraInitCb callback, void* userData) {
+    ContextAutoLock lock(&m_mutex);
+    LMF_LOGE("[%s] Start LMF InitService with response func(%p) user_data(%p)", _GetProcessName(),
+             reinterpret_cast<void*>(callback), userData);
+    if (CountAnotherStart()) return LMF_INIT_OK;  // the callback is neither stored nor called
+    if (!PrepareFirstStart()) return LMF_INIT_CONNECTION_FAILED;
+    LMF_INIT_RESULT result = LMF_INIT_OK;
+    bool ret = m_pDbusClient->Initialize(&result, callback, userData);
+    LMF_LOGI("Initialize ret(%d) InitResult(%d)", ret, result);
+    return result;
+}
+
+bool LMFServiceAPI::FiniService() {
+    ContextAutoLock lock(&m_mutex);
+    if (m_pDbusClient == nullptr) {
+        LMF_LOGE("[%s] FiniService with (m_pDbusClient == NULL) case", _GetProcessName());
+        m_nRefCnt = 0;
+        LMF_LOGE("[%s] End LMF FiniService", _GetProcessName());
+        return false;
+    }
+    --m_nRefCnt;
+    if (m_nRefCnt > 0) {
+        LMF_LOGE("[%s] Finalize LMFServiceAPI : Still remain another threads .. RefCnt(%d)", _GetProcessName(),
+                 m_nRefCnt);
+        return true;
+    }
+    // The last stop, or one too many: finalise (again) and settle at 0. The
+    // client itself is kept, with its open connection, for a later start.
+    bool result = m_pDbusClient->Finalize();
+    _RemoveAllSubscribeData();
+    _RemoveAllSubscribeDataNonType();
+    m_nRefCnt = 0;
+    m_fnChannelCb = nullptr;
+    m_strProgName.clear();
+    LMF_LOGE("[%s] End LMF FiniService", _GetProcessName());
+    return result;
+}
+
+bool LMFServiceAPI::IsAvailable() {
+    DBusClient* client = m_pDbusClient;
+    if (client == nullptr) {
+        LMF_LOGE("dbus not created!");
+        return false;
+    }
+    return client->IsAvailable();
+}
+
+bool LMFServiceAPI::SetSourceAndModel(LMF_SRC_TYPE source, LMF_MODEL_TYPE model) {
+    g_eSourceType = source;
+    g_eModelType = model;
+    LMF_LOGI("SetSourceAndModel : Source[%d] Model[%d]", source, model);
+    return true;
+}
+
+bool LMFServiceAPI::GetSourceAndModel(LMF_SRC_TYPE& source, LMF_MODEL_TYPE& model) {
+    source = g_eSourceType;
+    model = g_eModelType;
+    return true;
+}
+
+const char* LMFServiceAPI::_GetProcessName() {
+    if (m_strProgName.empty()) m_strProgName = program_invocation_short_name;
+    return m_strProgName.c_str();
+}
+
+bool LMFServiceAPI::_CheckInternalSubject(const char* subject) {
+    return subject != nullptr && subject[0] == 'I' && subject[1] != '\0';
+}
+
+void LMFServiceAPI::_RemoveAllSubscribeData() {
+    for (SubscribeData* record : g_vSubscribeList) delete record;
+    g_vSubscribeList.clear();
+}
+
+void LMFServiceAPI::_RemoveAllSubscribeDataNonType() {
+    for (SubscribeDataNonType* record : g_vSubscribeNonTypeList) delete record;
+    g_vSubscribeNonTypeList.clear();
+}
+
+bool LMFServiceAPI::Read(const char* subject, const char* input, std::string& output) {
+    DBusClient* client = m_pDbusClient;
+    if (client == nullptr) {
+        LMF_LOGE("dbus not created!");
+        return false;
+    }
+    // Only internal subjects are guarded; reads of anything else go through.
+    if (_CheckInternalSubject(subject) && !client->CheckWhiteListProcess()) {
+        LMF_LOGE("This subject is not for external apps .. ");
+        return false;
+    }
+    char* text = nullptr;
+    int result = client->Read(subject, input, &text);
+    if (result != 0) {
+        LMF_LOGE("error %d", result);
+        return false;
+    }
+    if (text == nullptr) {
+        LMF_LOGE("error output is null");
+        return false;
+    }
+    output = text;
+    free(text);
+    return true;
+}
+
+// Writes are not checked against the whitelist, internal subjects included.
+bool LMFServiceAPI::Write(const char* subject, const char* input) {
+    DBusClient* client = m_pDbusClient;
+    if (client == nullptr) {
+        LMF_LOGE("dbus not created!");
+        return false;
+    }
+    int result = client->Write(subject, input);
+    if (result == 0) return true;
+    LMF_LOGE("error %d", result);
+    return false;
+}
