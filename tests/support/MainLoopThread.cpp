@@ -49,6 +49,15 @@ void MainLoopThread::Invoke(const std::function<void()>& fn) {
     call.done.wait(lock, [&call] { return call.finished; });
 }
 
+bool WaitUntil(const std::function<bool()>& done, int timeoutMs) {
+    gint64 deadline = g_get_monotonic_time() + static_cast<gint64>(timeoutMs) * 1000;
+    while (!done()) {
+        if (g_get_monotonic_time() >= deadline) return false;
+        g_usleep(10 * 1000);
+    }
+    return true;
+}
+
 bool IterateUntil(const std::function<bool()>& done, int timeoutMs, GMainContext* context) {
     gint64 deadline = g_get_monotonic_time() + static_cast<gint64>(timeoutMs) * 1000;
     while (!done()) {

@@ -33,6 +33,10 @@ private:
     std::thread m_thread;
 };
 
+/// Polls done() every 10 ms until it holds or timeoutMs pass, for use while
+/// another thread runs the main loop.
+bool WaitUntil(const std::function<bool()>& done, int timeoutMs);
+
 /// Iterates context (the default one when null) until done() or timeoutMs.
 bool IterateUntil(const std::function<bool()>& done, int timeoutMs, GMainContext* context = nullptr);
 

@@ -22,12 +22,18 @@ const char* PrivateBusConfig() { return LUMORA_PRIVATE_BUS_CONFIG; }
 
 namespace {
 
-[[noreturn]] void ExecDaemon(int addressFd) {
+[[noreturn]] void ExecDaemon(int addressFd, const std::string& address) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     std::string printAddress = "--print-address=" + std::to_string(addressFd);
     std::string config = std::string("--config-file=") + PrivateBusConfig();
-    execl(LUMORA_DBUS_DAEMON, LUMORA_DBUS_DAEMON, config.c_str(), "--nofork", "--nopidfile",
-          printAddress.c_str(), static_cast<char*>(nullptr));
+    std::string listen = "--address=" + address;
+    if (address.empty()) {
+        execl(LUMORA_DBUS_DAEMON, LUMORA_DBUS_DAEMON, config.c_str(), "--nofork", "--nopidfile",
+              printAddress.c_str(), static_cast<char*>(nullptr));
+    } else {
+        execl(LUMORA_DBUS_DAEMON, LUMORA_DBUS_DAEMON, config.c_str(), "--nofork", "--nopidfile",
+              printAddress.c_str(), listen.c_str(), static_cast<char*>(nullptr));
+    }
     fprintf(stderr, "exec %s: %s\n", LUMORA_DBUS_DAEMON, strerror(errno));
     _exit(127);
 }
@@ -56,7 +62,9 @@ std::string ReadAddressLine(int fd, int timeoutMs) {
 
 TestBus::~TestBus() { Stop(); }
 
-bool TestBus::Start(bool exportAddress) {
+bool TestBus::Start(bool exportAddress) { return StartAt(std::string(), exportAddress); }
+
+bool TestBus::StartAt(const std::string& address, bool exportAddress) {
     int fds[2];
     if (pipe2(fds, O_CLOEXEC) != 0) return false;
     m_pid = fork();
@@ -68,7 +76,7 @@ bool TestBus::Start(bool exportAddress) {
     if (m_pid == 0) {
         close(fds[0]);
         int addressFd = dup(fds[1]);  // without O_CLOEXEC, so that it survives exec
-        ExecDaemon(addressFd);
+        ExecDaemon(addressFd, address);
     }
     close(fds[1]);
     m_address = ReadAddressLine(fds[0], 10000);

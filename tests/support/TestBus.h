@@ -24,6 +24,9 @@ public:
     /// Starts the daemon; false (with a message on stderr) if it did not come up.
     /// With exportAddress, DBUS_SYSTEM_BUS_ADDRESS names it afterwards.
     bool Start(bool exportAddress = true);
+    /// Starts the daemon listening on address (for example "unix:path=...")
+    /// instead of a fresh temporary socket.
+    bool StartAt(const std::string& address, bool exportAddress = true);
     /// Stops the daemon (SIGTERM, then SIGKILL after 5 s) and reaps it.
     void Stop();
     bool Running() const { return m_pid > 0; }

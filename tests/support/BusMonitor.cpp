@@ -1,0 +1,145 @@
+// BusMonitor: a dbus-daemon monitor connection with a recording filter.
+#include "BusMonitor.h"
+
+#include <chrono>
+#include <cstdio>
+
+namespace lumora::test {
+
+namespace {
+
+constexpr const char* kService = "org.verdin.tv.lumora2";
+constexpr const char* kInterface = "org.verdin.tv.lumora.interface2";
+
+std::string TypeName(GDBusMessageType type) {
+    switch (type) {
+        case G_DBUS_MESSAGE_TYPE_METHOD_CALL:
+            return "method_call";
+        case G_DBUS_MESSAGE_TYPE_METHOD_RETURN:
+            return "method_return";
+        case G_DBUS_MESSAGE_TYPE_ERROR:
+            return "error";
+        case G_DBUS_MESSAGE_TYPE_SIGNAL:
+            return "signal";
+        default:
+            return "invalid";
+    }
+}
+
+std::string OrEmpty(const char* text) { return text != nullptr ? text : ""; }
+
+BusMessage Describe(GDBusMessage* message) {
+    BusMessage seen;
+    seen.type = TypeName(g_dbus_message_get_message_type(message));
+    seen.sender = OrEmpty(g_dbus_message_get_sender(message));
+    seen.destination = OrEmpty(g_dbus_message_get_destination(message));
+    seen.member = OrEmpty(g_dbus_message_get_member(message));
+    seen.signature = OrEmpty(g_dbus_message_get_signature(message));
+    GVariant* body = g_dbus_message_get_body(message);
+    if (body != nullptr) {
+        gchar* printed = g_variant_print(body, TRUE);
+        seen.body = printed;
+        g_free(printed);
+        if (g_variant_is_of_type(body, G_VARIANT_TYPE("(iiiss)"))) {
+            const gchar *subject = nullptr, *input = nullptr;
+            g_variant_get(body, "(iii&s&s)", &seen.pid, &seen.requestType, &seen.requestId, &subject, &input);
+            seen.subject = subject;
+            seen.input = input;
+        }
+    }
+    return seen;
+}
+
+}  // namespace
+
+BusMonitor::BusMonitor(const std::string& address) {
+    GError* error = nullptr;
+    m_connection = g_dbus_connection_new_for_address_sync(
+        address.c_str(),
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, nullptr, &error);
+    if (m_connection == nullptr) {
+        fprintf(stderr, "monitor: %s\n", error->message);
+        g_error_free(error);
+        return;
+    }
+    g_dbus_connection_add_filter(m_connection, Filter, this, nullptr);
+    std::string toService = std::string("type='method_call',destination='") + kService + "'";
+    std::string signals = std::string("type='signal',interface='") + kInterface + "'";
+    const gchar* rules[] = {toService.c_str(), signals.c_str(), nullptr};
+    GVariant* reply = g_dbus_connection_call_sync(
+        m_connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus.Monitoring",
+        "BecomeMonitor", g_variant_new("(^asu)", rules, 0u), nullptr, G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &error);
+    if (reply == nullptr) {
+        fprintf(stderr, "monitor: %s\n", error->message);
+        g_error_free(error);
+        g_object_unref(m_connection);
+        m_connection = nullptr;
+        return;
+    }
+    g_variant_unref(reply);
+}
+
+BusMonitor::~BusMonitor() {
+    if (m_connection == nullptr) return;
+    g_dbus_connection_close_sync(m_connection, nullptr, nullptr);
+    g_object_unref(m_connection);
+}
+
+// Runs on GDBus's worker thread. Every incoming message is consumed here: a
+// monitor must never answer, and GIO would answer method calls it does not
+// know with an error.
+GDBusMessage* BusMonitor::Filter(GDBusConnection*, GDBusMessage* message, gboolean incoming, gpointer self) {
+    if (!incoming) return message;
+    auto* monitor = static_cast<BusMonitor*>(self);
+    GDBusMessageType type = g_dbus_message_get_message_type(message);
+    if (type == G_DBUS_MESSAGE_TYPE_METHOD_CALL || type == G_DBUS_MESSAGE_TYPE_SIGNAL) {
+        BusMessage seen = Describe(message);
+        // The monitor's own NameAcquired/NameLost from the bus are not traffic.
+        if (seen.sender != "org.freedesktop.DBus") {
+            std::lock_guard<std::mutex> lock(monitor->m_mutex);
+            monitor->m_messages.push_back(seen);
+            monitor->m_changed.notify_all();
+        }
+    }
+    g_object_unref(message);
+    return nullptr;
+}
+
+std::vector<BusMessage> BusMonitor::Calls(const std::string& member) const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    std::vector<BusMessage> calls;
+    for (const BusMessage& m : m_messages) {
+        if (m.type == "method_call" && (member.empty() || m.member == member)) calls.push_back(m);
+    }
+    return calls;
+}
+
+std::vector<BusMessage> BusMonitor::Signals() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    std::vector<BusMessage> signals;
+    for (const BusMessage& m : m_messages) {
+        if (m.type == "signal") signals.push_back(m);
+    }
+    return signals;
+}
+
+bool BusMonitor::WaitForCalls(size_t count, int timeoutMs, const std::string& member) const {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    std::unique_lock<std::mutex> lock(m_mutex);
+    return m_changed.wait_until(lock, deadline, [&] {
+        size_t n = 0;
+        for (const BusMessage& m : m_messages) {
+            if (m.type == "method_call" && (member.empty() || m.member == member)) ++n;
+        }
+        return n >= count;
+    });
+}
+
+void BusMonitor::Clear() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_messages.clear();
+}
+
+}  // namespace lumora::test

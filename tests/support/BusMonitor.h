@@ -1,0 +1,63 @@
+// Records what goes over the private bus to and from the context service.
+#ifndef LUMORA_TESTS_BUSMONITOR_H
+#define LUMORA_TESTS_BUSMONITOR_H
+
+#include <gio/gio.h>
+
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace lumora::test {
+
+/// One message seen on the bus.
+struct BusMessage {
+    std::string type;  // "method_call", "signal", "method_return", "error"
+    std::string sender;
+    std::string destination;
+    std::string member;
+    std::string signature;
+    std::string body;  // g_variant_print of the body, "" when empty
+    // The request tuple of "RequestSync", "RequestAsync" and "Write".
+    int pid = 0;
+    int requestType = 0;
+    int requestId = 0;
+    std::string subject;
+    std::string input;
+};
+
+/**
+ * A monitor connection (org.freedesktop.DBus.Monitoring.BecomeMonitor) on the
+ * bus at address: every method call to "org.verdin.tv.lumora2" and every
+ * signal of its interface is recorded, in bus order.
+ */
+class BusMonitor {
+public:
+    explicit BusMonitor(const std::string& address);
+    ~BusMonitor();
+    BusMonitor(const BusMonitor&) = delete;
+    BusMonitor& operator=(const BusMonitor&) = delete;
+
+    bool Ok() const { return m_connection != nullptr; }
+    /// Method calls to the service, optionally only of one member.
+    std::vector<BusMessage> Calls(const std::string& member = "") const;
+    /// Signals of the service's interface.
+    std::vector<BusMessage> Signals() const;
+    /// Waits until at least count calls (of member, if given) were seen.
+    bool WaitForCalls(size_t count, int timeoutMs, const std::string& member = "") const;
+    /// Forgets what was seen so far.
+    void Clear();
+
+private:
+    static GDBusMessage* Filter(GDBusConnection*, GDBusMessage* message, gboolean incoming, gpointer self);
+
+    GDBusConnection* m_connection = nullptr;
+    mutable std::mutex m_mutex;
+    mutable std::condition_variable m_changed;
+    std::vector<BusMessage> m_messages;
+};
+
+}  // namespace lumora::test
+
+#endif
