@@ -1,0 +1,30 @@
+// lumora: starting and stopping the library's connection to the service.
+#include <lumora/lumora-api.h>
+
+#include "Cli.h"
+
+namespace lumora::cli {
+
+bool StartService() {
+    if (!Is_LMFSupported()) {
+        Fail("the context service is disabled on this device (feature com.kaldor/featureconf/lumora.service_enable)");
+        return false;
+    }
+    switch (Lumora_InitServiceWithResponse(nullptr, nullptr)) {
+        case LMF_INIT_OK:
+            return true;
+        case LMF_INIT_CONNECTION_FAILED:
+            Fail("cannot connect to the system bus (DBUS_SYSTEM_BUS_ADDRESS)");
+            break;
+        case LMF_INIT_SERVICE_NOT_READY:
+            Fail("the context service is not ready");
+            break;
+    }
+    StopService();
+    return false;
+}
+
+// The last stop flushes the connection, so a queued write leaves before exit.
+void StopService() { Lumora_FiniService(); }
+
+}  // namespace lumora::cli
