@@ -1,0 +1,86 @@
+#include "MisbehavingService.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+
+namespace lumora::test {
+
+namespace {
+constexpr const char* kMarker = "/tmp/lmf_service_ready";
+}
+
+MisbehavingService::MisbehavingService(const std::string& address) {
+    GError* error = nullptr;
+    m_connection = g_dbus_connection_new_for_address_sync(
+        address.c_str(),
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, nullptr, &error);
+    if (m_connection == nullptr) {
+        fprintf(stderr, "misbehaving service: %s\n", error->message);
+        g_error_free(error);
+        return;
+    }
+    g_dbus_connection_add_filter(m_connection, Filter, this, nullptr);
+    GVariant* reply = g_dbus_connection_call_sync(m_connection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                                  "org.freedesktop.DBus", "RequestName",
+                                                  g_variant_new("(su)", "org.verdin.tv.lumora2", 0u),
+                                                  G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &error);
+    if (reply == nullptr) {
+        fprintf(stderr, "misbehaving service: %s\n", error->message);
+        g_error_free(error);
+        g_object_unref(m_connection);
+        m_connection = nullptr;
+        return;
+    }
+    g_variant_unref(reply);
+}
+
+MisbehavingService::~MisbehavingService() {
+    if (m_connection == nullptr) return;
+    g_dbus_connection_close_sync(m_connection, nullptr, nullptr);
+    g_object_unref(m_connection);
+}
+
+void MisbehavingService::SetReply(const std::string& member, const std::string& body) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_replies[member] = body;
+}
+
+bool MisbehavingService::EmitResponse(const std::string& body) {
+    GVariant* parameters = g_variant_new_parsed(body.c_str());
+    return g_dbus_connection_emit_signal(m_connection, nullptr, "/org/verdin/tv/lumora2",
+                                         "org.verdin.tv.lumora.interface2", "Response", parameters, nullptr) &&
+           g_dbus_connection_flush_sync(m_connection, nullptr, nullptr);
+}
+
+// Runs on GDBus's worker thread; answers the service's method calls itself.
+GDBusMessage* MisbehavingService::Filter(GDBusConnection* connection, GDBusMessage* message, gboolean incoming,
+                                         gpointer self) {
+    if (!incoming || g_dbus_message_get_message_type(message) != G_DBUS_MESSAGE_TYPE_METHOD_CALL ||
+        g_strcmp0(g_dbus_message_get_path(message), "/org/verdin/tv/lumora2") != 0)
+        return message;
+    auto* service = static_cast<MisbehavingService*>(self);
+    std::string body;
+    {
+        std::lock_guard<std::mutex> lock(service->m_mutex);
+        auto it = service->m_replies.find(g_dbus_message_get_member(message));
+        if (it != service->m_replies.end()) body = it->second;
+    }
+    if (!body.empty()) {
+        GDBusMessage* reply = g_dbus_message_new_method_reply(message);
+        g_dbus_message_set_body(reply, g_variant_new_parsed(body.c_str()));
+        g_dbus_connection_send_message(connection, reply, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
+        g_object_unref(reply);
+    }
+    g_object_unref(message);
+    return nullptr;
+}
+
+ReadyMarker::ReadyMarker() { std::ofstream(kMarker) << "test\n"; }
+
+ReadyMarker::~ReadyMarker() { unlink(kMarker); }
+
+}  // namespace lumora::test
