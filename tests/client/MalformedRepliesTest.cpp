@@ -26,7 +26,7 @@ constexpr const char* kEnabled = "(true, '{\"WhiteList\":[\"myapp\"]}')";
 
 struct Received {
     std::mutex mutex;
-    int calls = 0;
+    std::atomic<int> calls{0};
     std::string subject;
     std::string data;
     int statisticsCount = -1;

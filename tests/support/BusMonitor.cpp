@@ -82,9 +82,13 @@ BusMonitor::BusMonitor(const std::string& address) {
 }
 
 BusMonitor::~BusMonitor() {
-    if (m_connection == nullptr) return;
-    g_dbus_connection_close_sync(m_connection, nullptr, nullptr);
-    g_object_unref(m_connection);
+    if (m_connection != nullptr) {
+        g_dbus_connection_close_sync(m_connection, nullptr, nullptr);
+        g_object_unref(m_connection);
+    }
+    // Orders the filter's last run on GDBus's thread before the destruction.
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_messages.clear();
 }
 
 // Runs on GDBus's worker thread. Every incoming message is consumed here: a
