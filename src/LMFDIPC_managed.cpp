@@ -15,8 +15,8 @@
 struct LumoraDIPCHandle {
     char objectPath[50];
     guint32 ownerId;
-    guint32 registrationId;  // 0 until the object is registered
-    GDBusNodeInfo* nodeInfo;     // owned
+    guint32 registrationId;       // 0 until the object is registered
+    GDBusNodeInfo* nodeInfo;      // owned
     GDBusConnection* connection;  // set once registered; not owned
     LumoraDIPCCallbacks callbacks;
     void* userData;
@@ -57,9 +57,8 @@ void __OnMethodCall(GDBusConnection* /*connection*/, const gchar* sender, const 
     }
     LumoraDIPCMethodCallCb callback = handle->callbacks.onMethodCall;
     if (callback == nullptr) return;
-    CallUserCallback([&] {
-        callback(sender, objectPath, interfaceName, methodName, parameters, invocation, handle->userData);
-    });
+    CallUserCallback(
+        [&] { callback(sender, objectPath, interfaceName, methodName, parameters, invocation, handle->userData); });
 }
 
 const GDBusInterfaceVTable kMethodTable = {__OnMethodCall, nullptr, nullptr, {nullptr}};
@@ -108,9 +107,8 @@ void __OnNameLost(GDBusConnection* /*connection*/, const gchar* name, gpointer u
 
 }  // namespace
 
-LumoraDIPCHandle* Lumora_DIPC_Start(const char* processName, int systemBus, const char* busName,
-                                    const char* objectPath, const char* introspectionXml, void* userData,
-                                    LumoraDIPCCallbacks callbacks) {
+LumoraDIPCHandle* Lumora_DIPC_Start(const char* processName, int systemBus, const char* busName, const char* objectPath,
+                                    const char* introspectionXml, void* userData, LumoraDIPCCallbacks callbacks) {
     if (!IsPermittedProcess(processName)) {
         LMF_LOGE("the process name(%s) is not permitted", processName != nullptr ? processName : "(null)");
         return nullptr;
@@ -130,9 +128,9 @@ LumoraDIPCHandle* Lumora_DIPC_Start(const char* processName, int systemBus, cons
         LMF_LOGE("memory allocation failed!!!");
         return nullptr;
     }
-    guint ownerId = g_bus_own_name(systemBus != 0 ? G_BUS_TYPE_SYSTEM : G_BUS_TYPE_SESSION, busName,
-                                   G_BUS_NAME_OWNER_FLAGS_NONE, __OnBusAcquired, __OnNameAcquired, __OnNameLost,
-                                   handle, nullptr);
+    guint ownerId =
+        g_bus_own_name(systemBus != 0 ? G_BUS_TYPE_SYSTEM : G_BUS_TYPE_SESSION, busName, G_BUS_NAME_OWNER_FLAGS_NONE,
+                       __OnBusAcquired, __OnNameAcquired, __OnNameLost, handle, nullptr);
     if (ownerId == 0) {
         LMF_LOGE("bus own name failed");
         g_dbus_node_info_unref(nodeInfo);

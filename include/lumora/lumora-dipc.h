@@ -33,8 +33,8 @@ typedef void (*LumoraDIPCNameCb)(const char* name, void* userData);
  * (g_object_ref). The answer is the callback's business, normally through
  * Lumora_DIPC_SendData; a GIO error return works as well. */
 typedef void (*LumoraDIPCMethodCallCb)(const char* sender, const char* objectPath, const char* interfaceName,
-                                       const char* methodName, GVariant* parameters,
-                                       GDBusMethodInvocation* invocation, void* userData);
+                                       const char* methodName, GVariant* parameters, GDBusMethodInvocation* invocation,
+                                       void* userData);
 
 /* The callback set, copied into the handle by Lumora_DIPC_Start. Any member may
  * be NULL; a NULL member is skipped. */
@@ -59,8 +59,8 @@ typedef struct LumoraDIPCHandle LumoraDIPCHandle;
  * that the name was requested: owning it is reported through onNameAcquired or
  * onNameLost. */
 LUMORA_EXPORT LumoraDIPCHandle* Lumora_DIPC_Start(const char* processName, int systemBus, const char* busName,
-                                                  const char* objectPath, const char* introspectionXml,
-                                                  void* userData, LumoraDIPCCallbacks callbacks);
+                                                  const char* objectPath, const char* introspectionXml, void* userData,
+                                                  LumoraDIPCCallbacks callbacks);
 
 /* Unregisters the object, gives up the name, frees the handle and sets
  * *handlePtr to NULL. Returns false (and does nothing) when *handlePtr is NULL,

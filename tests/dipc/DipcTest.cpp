@@ -66,8 +66,8 @@ void OnNameAcquired(const char* name, void* data) { static_cast<Events*>(data)->
 void OnNameLost(const char* name, void* data) { static_cast<Events*>(data)->AddName("lost", name); }
 
 // Answers Echo(text) with "echo:" + text through Lumora_DIPC_SendData.
-void OnMethodCall(const char* sender, const char* path, const char* interface, const char* method,
-                  GVariant* parameters, GDBusMethodInvocation* invocation, void* data) {
+void OnMethodCall(const char* sender, const char* path, const char* interface, const char* method, GVariant* parameters,
+                  GDBusMethodInvocation* invocation, void* data) {
     gchar* printed = g_variant_print(parameters, FALSE);
     static_cast<Events*>(data)->AddCall(std::string(sender) + " " + path + " " + interface + "." + method + " " +
                                         printed);
@@ -280,9 +280,8 @@ TEST_F(DipcTest, ANameHeldByAnotherClientIsReportedLost) {
     EXPECT_TRUE(WaitUntil([&] { return m_events.HasName(std::string("lost:") + kName); }, kTimeoutMs));
     EXPECT_FALSE(m_events.HasName(std::string("acquired:") + kName));
     bool sent = true;
-    m_server.Invoke([&] {
-        sent = Lumora_DIPC_Publish(m_handle, nullptr, g_variant_new("(s)", "x"), kInterface, "Changed");
-    });
+    m_server.Invoke(
+        [&] { sent = Lumora_DIPC_Publish(m_handle, nullptr, g_variant_new("(s)", "x"), kInterface, "Changed"); });
     EXPECT_FALSE(sent);
 }
 

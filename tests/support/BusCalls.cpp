@@ -32,8 +32,8 @@ GDBusConnection* SharedSystemBusKeptAlive() {
 }
 
 bool NameHasOwner(GDBusConnection* connection, const char* name) {
-    CallResult result = CallMethod(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                   "org.freedesktop.DBus", "NameHasOwner", g_variant_new("(s)", name), 2000);
+    CallResult result = CallMethod(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                                   "NameHasOwner", g_variant_new("(s)", name), 2000);
     gboolean owned = FALSE;
     if (result.Ok()) g_variant_get(result.reply.get(), "(b)", &owned);
     return owned != FALSE;
@@ -60,9 +60,9 @@ CallResult CallMethod(GDBusConnection* connection, const char* destination, cons
                       const char* method, GVariant* parameters, int timeoutMs) {
     CallResult result;
     GError* error = nullptr;
-    result.reply = AdoptVariant(g_dbus_connection_call_sync(connection, destination, path, interface, method,
-                                                            parameters, nullptr, G_DBUS_CALL_FLAGS_NONE, timeoutMs,
-                                                            nullptr, &error));
+    result.reply =
+        AdoptVariant(g_dbus_connection_call_sync(connection, destination, path, interface, method, parameters, nullptr,
+                                                 G_DBUS_CALL_FLAGS_NONE, timeoutMs, nullptr, &error));
     if (error != nullptr) {
         gchar* name = g_dbus_error_get_remote_error(error);
         result.errorName = name != nullptr ? name : "";
@@ -104,7 +104,8 @@ void SignalRecorder::OnSignal(GDBusConnection*, const gchar* sender, const gchar
                               const gchar* member, GVariant* parameters, gpointer self) {
     auto* recorder = static_cast<SignalRecorder*>(self);
     std::lock_guard<std::mutex> lock(recorder->m_mutex);
-    recorder->m_signals.push_back({sender != nullptr ? sender : "", path, member, AdoptVariant(g_variant_ref(parameters))});
+    recorder->m_signals.push_back(
+        {sender != nullptr ? sender : "", path, member, AdoptVariant(g_variant_ref(parameters))});
 }
 
 std::vector<ReceivedSignal> SignalRecorder::Signals() const {
