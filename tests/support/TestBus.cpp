@@ -22,12 +22,12 @@ const char* PrivateBusConfig() { return LUMORA_PRIVATE_BUS_CONFIG; }
 
 namespace {
 
-[[noreturn]] void ExecDaemon(int addressFd) {
+[[noreturn]] void ExecDaemon(int addressFd, const std::string& configFile) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     std::string printAddress = "--print-address=" + std::to_string(addressFd);
-    std::string config = std::string("--config-file=") + PrivateBusConfig();
-    execl(LUMORA_DBUS_DAEMON, LUMORA_DBUS_DAEMON, config.c_str(), "--nofork", "--nopidfile",
-          printAddress.c_str(), static_cast<char*>(nullptr));
+    std::string config = "--config-file=" + configFile;
+    execl(LUMORA_DBUS_DAEMON, LUMORA_DBUS_DAEMON, config.c_str(), "--nofork", "--nopidfile", printAddress.c_str(),
+          static_cast<char*>(nullptr));
     fprintf(stderr, "exec %s: %s\n", LUMORA_DBUS_DAEMON, strerror(errno));
     _exit(127);
 }
@@ -56,7 +56,7 @@ std::string ReadAddressLine(int fd, int timeoutMs) {
 
 TestBus::~TestBus() { Stop(); }
 
-bool TestBus::Start(bool exportAddress) {
+bool TestBus::Start(bool exportAddress, const std::string& configFile) {
     int fds[2];
     if (pipe2(fds, O_CLOEXEC) != 0) return false;
     m_pid = fork();
@@ -68,7 +68,7 @@ bool TestBus::Start(bool exportAddress) {
     if (m_pid == 0) {
         close(fds[0]);
         int addressFd = dup(fds[1]);  // without O_CLOEXEC, so that it survives exec
-        ExecDaemon(addressFd);
+        ExecDaemon(addressFd, configFile);
     }
     close(fds[1]);
     m_address = ReadAddressLine(fds[0], 10000);

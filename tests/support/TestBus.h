@@ -8,6 +8,9 @@
 
 namespace lumora::test {
 
+/// The project's private-bus configuration file.
+const char* PrivateBusConfig();
+
 /**
  * Starts a real dbus-daemon with the project's private-bus configuration on a
  * temporary socket, reads its address from --print-address, and points
@@ -22,8 +25,9 @@ public:
     TestBus& operator=(const TestBus&) = delete;
 
     /// Starts the daemon; false (with a message on stderr) if it did not come up.
-    /// With exportAddress, DBUS_SYSTEM_BUS_ADDRESS names it afterwards.
-    bool Start(bool exportAddress = true);
+    /// With exportAddress, DBUS_SYSTEM_BUS_ADDRESS names it afterwards. A
+    /// configFile replaces the project's private-bus configuration.
+    bool Start(bool exportAddress = true, const std::string& configFile = PrivateBusConfig());
     /// Stops the daemon (SIGTERM, then SIGKILL after 5 s) and reaps it.
     void Stop();
     bool Running() const { return m_pid > 0; }
@@ -35,9 +39,6 @@ private:
     pid_t m_pid = -1;
     std::string m_address;
 };
-
-/// The project's private-bus configuration file.
-const char* PrivateBusConfig();
 
 }  // namespace lumora::test
 
