@@ -39,6 +39,17 @@ void LogRequest(const char* method, const std::string& sender, const RequestTupl
              request.type, request.reqId, request.subject, request.input);
 }
 
+// Reads and logs the tuple of a method that serves one request type; a call of
+// another type gets an error answer and false.
+bool AcceptRequest(const char* method, int type, const std::string& sender, GVariant* parameters,
+                   GDBusMethodInvocation* invocation, RequestTuple& request) {
+    request = ReadRequest(parameters);
+    LogRequest(method, sender, request);
+    if (request.type == type) return true;
+    RefuseType(invocation, method, request.type);
+    return false;
+}
+
 }  // namespace
 
 void SimService::OnMethodCall(const char* sender, const char* /*objectPath*/, const char* /*interfaceName*/,
@@ -104,10 +115,9 @@ void SimService::OnRequestSync(const std::string& sender, GVariant* parameters, 
 }
 
 void SimService::OnRequestAsync(const std::string& sender, GVariant* parameters, GDBusMethodInvocation* invocation) {
-    RequestTuple request = ReadRequest(parameters);
-    LogRequest(contract::kMethodRequestAsync, sender, request);
-    if (request.type != contract::kRequestAsync) {
-        RefuseType(invocation, contract::kMethodRequestAsync, request.type);
+    RequestTuple request;
+    if (!AcceptRequest(contract::kMethodRequestAsync, contract::kRequestAsync, sender, parameters, invocation,
+                       request)) {
         return;
     }
     std::string subject = request.subject;
@@ -121,12 +131,9 @@ void SimService::OnRequestAsync(const std::string& sender, GVariant* parameters,
 }
 
 void SimService::OnWrite(const std::string& sender, GVariant* parameters, GDBusMethodInvocation* invocation) {
-    RequestTuple request = ReadRequest(parameters);
-    LogRequest(contract::kMethodWrite, sender, request);
-    if (request.type != contract::kRequestWrite) {
-        RefuseType(invocation, contract::kMethodWrite, request.type);
+    RequestTuple request;
+    if (!AcceptRequest(contract::kMethodWrite, contract::kRequestWrite, sender, parameters, invocation, request))
         return;
-    }
     std::string subject = request.subject;
     std::string input = request.input;
     m_state.SetValue(subject, input);
