@@ -207,6 +207,17 @@ TEST_F(SimControlTest, TheCtlCommandDrivesTheControlObject) {
     EXPECT_EQ("(false, '{\"WhiteList\":[\"a\",\"b\"]}')", ServiceEnable().Print());
 }
 
+TEST_F(SimControlTest, TheCtlCommandListsItsCommandsOnHelp) {
+    RunResult help = SimProcess::Run({"ctl", "--help"});
+    EXPECT_EQ(0, help.exitStatus);
+    for (const char* usage :
+         {"emit SUBJECT DATA", "set SUBJECT DATA", "clear SUBJECT", "code SUBJECT CODE", "delay SUBJECT MILLISECONDS",
+          "stats SUBJECT TUPLES_JSON", "stop-answering", "resume-answering", "enable", "disable", "whitelist [NAME...]",
+          "restart [PAUSE_MS]", "status"}) {
+        EXPECT_NE(std::string::npos, help.out.find("  " + std::string(usage) + "\n")) << usage;
+    }
+}
+
 TEST_F(SimControlTest, TheCtlCommandRefusesBadUsageWithStatus2) {
     EXPECT_EQ(2, SimProcess::Run({"ctl", "frobnicate"}).exitStatus);
     EXPECT_EQ(2, SimProcess::Run({"ctl", "set", "only-subject"}).exitStatus);
@@ -219,6 +230,13 @@ TEST_F(SimControlTest, TheCtlCommandReportsARefusalWithStatus1) {
     RunResult refused = SimProcess::Run({"ctl", "stats", "I/TallyDB/Onoff/Duration", "[[-1, 2]]"});
     EXPECT_EQ(1, refused.exitStatus);
     EXPECT_NE(std::string::npos, refused.err.find("tuples[0][0]: expected an unsigned 32-bit integer")) << refused.err;
+}
+
+TEST_F(SimControlTest, TheCtlCommandFailsWithStatus1WhenNoSimulatorRuns) {
+    ASSERT_EQ(0, m_sim.Stop());
+    RunResult status = SimProcess::Run({"ctl", "status"});
+    EXPECT_EQ(1, status.exitStatus);
+    EXPECT_EQ(0u, status.err.find("lumora-sim ctl: status: ")) << status.err;
 }
 
 }  // namespace

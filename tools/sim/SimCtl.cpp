@@ -151,6 +151,10 @@ int RunCtl(int argc, char** argv) {
         address = argv[next + 1];
         next += 2;
     }
+    if (next < argc && (strcmp(argv[next], "--help") == 0 || strcmp(argv[next], "-h") == 0)) {
+        PrintCtlUsage(stdout);
+        return 0;
+    }
     const Command* cmd = next < argc ? FindCommand(argv[next]) : nullptr;
     if (cmd == nullptr) {
         if (next < argc) fprintf(stderr, "lumora-sim ctl: unknown command '%s'\n", argv[next]);
