@@ -22,28 +22,6 @@ protected:
         SimTest::SetUp();
         ASSERT_TRUE(m_sim.Start());
     }
-
-    std::string Status() {
-        CallResult result = Control(sim::kCtlGetStatus);
-        if (!result.Ok()) return result.Print();
-        const gchar* text = nullptr;
-        g_variant_get(result.reply.get(), "(&s)", &text);
-        return text;
-    }
-    bool StatusContains(const std::string& part) { return Status().find(part) != std::string::npos; }
-
-    // Runs a read on a connection of its own, so that the test thread stays free.
-    std::future<CallResult> ReadInBackground(const std::string& subject, int timeoutMs) {
-        std::string address = m_bus.Address();
-        return std::async(std::launch::async, [address, subject, timeoutMs] {
-            GDBusConnection* connection = ConnectToBus(address);
-            CallResult result =
-                CallMethod(connection, contract::kBusName, contract::kObjectPath, contract::kInterface,
-                           contract::kMethodRequestSync, Request(contract::kRequestRead, subject, ""), timeoutMs);
-            g_object_unref(connection);
-            return result;
-        });
-    }
 };
 
 TEST_F(SimControlTest, EmitSendsResponseToEachSubscriberAndCountsThem) {
@@ -90,7 +68,7 @@ TEST_F(SimControlTest, ADelayedSubjectAnswersLateWithoutHoldingUpOtherCalls) {
     ASSERT_TRUE(Control(sim::kCtlSetDelay, g_variant_new("(su)", "Data/Weather/Forecast", 1500u)).Ok());
     Clock::time_point start = Clock::now();
     std::future<CallResult> slow = ReadInBackground("Data/Weather/Forecast", 20000);
-    ASSERT_TRUE(WaitUntil([&] { return StatusContains("\"delayedAnswers\":1"); }, 10000)) << Status();
+    ASSERT_TRUE(WaitForStatus("\"delayedAnswers\":1")) << Status();
     EXPECT_TRUE(ServiceEnable().Ok());
     EXPECT_TRUE(Read("Ctx/App/Info/Current").Ok());
     EXPECT_EQ(std::future_status::timeout, slow.wait_for(std::chrono::milliseconds(0)));
@@ -117,7 +95,7 @@ TEST_F(SimControlTest, StoppedAnsweringLetsTheClientTimeOut) {
 TEST_F(SimControlTest, ResumeAnsweringAnswersTheHeldCallsInOrder) {
     ASSERT_TRUE(Control(sim::kCtlStopAnswering).Ok());
     std::future<CallResult> waiting = ReadInBackground("Ctx/Sound/Output/Mode/Current", 20000);
-    ASSERT_TRUE(WaitUntil([&] { return StatusContains("\"heldCalls\":1"); }, 10000)) << Status();
+    ASSERT_TRUE(WaitForStatus("\"heldCalls\":1")) << Status();
     EXPECT_EQ("(uint32 1,)", Control(sim::kCtlResumeAnswering).Print());
     EXPECT_EQ("(0, '{\"Mode\":\"Standard\",\"Surround\":false}')", waiting.get().Print());
     EXPECT_TRUE(StatusContains("\"heldCalls\":0")) << Status();

@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <future>
 #include <string>
 
 #include "BusCalls.h"
@@ -54,6 +56,18 @@ protected:
     CallResult Control(const char* method, GVariant* parameters = nullptr, int timeoutMs = 10000) {
         return CallControl(m_client, method, parameters, timeoutMs);
     }
+    /// The control object's status JSON, or the printed error.
+    std::string Status() {
+        CallResult result = Control(lumora::sim::kCtlGetStatus);
+        if (!result.Ok()) return result.Print();
+        const gchar* text = nullptr;
+        g_variant_get(result.reply.get(), "(&s)", &text);
+        return text;
+    }
+    bool StatusContains(const std::string& part) { return Status().find(part) != std::string::npos; }
+    bool WaitForStatus(const std::string& part) {
+        return WaitUntil([&] { return StatusContains(part); }, 10000);
+    }
     /// Subscribes connection (a listener's own) to subject, as the library does.
     CallResult SubscribeFrom(GDBusConnection* connection, int type, const std::string& subject) {
         return CallMethod(connection, contract::kBusName, contract::kObjectPath, contract::kInterface,
@@ -65,8 +79,22 @@ protected:
                                                 contract::kSignalResponse, contract::kObjectPath);
     }
 
+    /// Reads subject on a connection of its own, off the test's thread, so that
+    /// the test can go on while the answer is late or held.
+    std::future<CallResult> ReadInBackground(const std::string& subject, int timeoutMs) {
+        std::string address = m_bus.Address();
+        return std::async(std::launch::async, [address, subject, timeoutMs] {
+            GDBusConnection* connection = ConnectToBus(address);
+            CallResult result =
+                CallMethod(connection, contract::kBusName, contract::kObjectPath, contract::kInterface,
+                           contract::kMethodRequestSync, Request(contract::kRequestRead, subject, ""), timeoutMs);
+            g_object_unref(connection);
+            return result;
+        });
+    }
+
     static GVariant* Request(int type, const std::string& subject, const std::string& input) {
-        static int reqId = 0;
+        static std::atomic<int> reqId{0};  // background reads build requests too
         return g_variant_new(contract::kRequestTuple, static_cast<gint32>(getpid()), type, ++reqId, subject.c_str(),
                              input.c_str());
     }
