@@ -6,6 +6,7 @@
 #define LUMORA_API_H
 
 #include <lumora/lumora-c.h>
+#include <lumora/lumora-dipc.h>
 
 #ifdef __cplusplus
 #include <lumora/ContextAutoLock.h>

@@ -7,11 +7,13 @@
 #include <atomic>
 #include <cstdlib>
 
+#include "BusCalls.h"
 #include "MainLoopThread.h"
 #include "TestBus.h"
 
 namespace {
 
+using lumora::test::ConnectToBus;
 using lumora::test::MainLoopThread;
 using lumora::test::TestBus;
 
@@ -19,20 +21,6 @@ constexpr const char* kXml =
     "<node><interface name='org.example.Echo'>"
     "<method name='Echo'><arg type='s' direction='in'/><arg type='s' direction='out'/></method>"
     "</interface></node>";
-
-GDBusConnection* Connect(const std::string& address) {
-    GError* error = nullptr;
-    GDBusConnection* connection = g_dbus_connection_new_for_address_sync(
-        address.c_str(),
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, &error);
-    if (error != nullptr) {
-        ADD_FAILURE() << error->message;
-        g_error_free(error);
-    }
-    return connection;
-}
 
 void OnEcho(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar* method, GVariant* parameters,
             GDBusMethodInvocation* invocation, gpointer) {
@@ -59,25 +47,26 @@ TEST(TestBusTest, ANameOwnedOnTheBusAnswersAMethodCall) {
     MainLoopThread server(true);
     GDBusConnection* service = nullptr;
     server.Invoke([&] {
-        service = Connect(bus.Address());
+        service = ConnectToBus(bus.Address());
         ASSERT_NE(nullptr, service);
         GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(kXml, nullptr);
         static const GDBusInterfaceVTable vtable = {OnEcho, nullptr, nullptr, {nullptr}};
         EXPECT_NE(0u, g_dbus_connection_register_object(service, "/org/example/Echo", node->interfaces[0], &vtable,
-                                                       nullptr, nullptr, nullptr));
+                                                        nullptr, nullptr, nullptr));
         g_dbus_node_info_unref(node);
     });
     ASSERT_NE(nullptr, service);
-    GVariant* owned = g_dbus_connection_call_sync(
-        service, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "RequestName",
-        g_variant_new("(su)", "org.example.Echo", 0u), G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, 2000, nullptr, nullptr);
+    GVariant* owned =
+        g_dbus_connection_call_sync(service, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                                    "RequestName", g_variant_new("(su)", "org.example.Echo", 0u), G_VARIANT_TYPE("(u)"),
+                                    G_DBUS_CALL_FLAGS_NONE, 2000, nullptr, nullptr);
     ASSERT_NE(nullptr, owned);
     guint32 reply = 0;
     g_variant_get(owned, "(u)", &reply);
     g_variant_unref(owned);
     EXPECT_EQ(1u, reply);  // DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER
 
-    GDBusConnection* client = Connect(bus.Address());
+    GDBusConnection* client = ConnectToBus(bus.Address());
     ASSERT_NE(nullptr, client);
     GError* error = nullptr;
     GVariant* answer = g_dbus_connection_call_sync(client, "org.example.Echo", "/org/example/Echo", "org.example.Echo",

@@ -11,6 +11,12 @@ int main(void) {
         fprintf(stderr, "enumeration values differ\n");
         return 1;
     }
+    /* The publisher's exports link from C; stopping nothing is refused. */
+    LumoraDIPCHandle* handle = NULL;
+    if (Lumora_DIPC_Stop(&handle)) {
+        fprintf(stderr, "Lumora_DIPC_Stop accepted a null handle\n");
+        return 1;
+    }
     puts("c consumer ok");
     return 0;
 }

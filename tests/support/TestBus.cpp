@@ -22,18 +22,15 @@ const char* PrivateBusConfig() { return LUMORA_PRIVATE_BUS_CONFIG; }
 
 namespace {
 
-[[noreturn]] void ExecDaemon(int addressFd, const std::string& address) {
+// An empty address keeps the configuration's own listen address.
+[[noreturn]] void ExecDaemon(int addressFd, const std::string& configFile, const std::string& address) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     std::string printAddress = "--print-address=" + std::to_string(addressFd);
-    std::string config = std::string("--config-file=") + PrivateBusConfig();
+    std::string config = "--config-file=" + configFile;
     std::string listen = "--address=" + address;
-    if (address.empty()) {
-        execl(LUMORA_DBUS_DAEMON, LUMORA_DBUS_DAEMON, config.c_str(), "--nofork", "--nopidfile",
-              printAddress.c_str(), static_cast<char*>(nullptr));
-    } else {
-        execl(LUMORA_DBUS_DAEMON, LUMORA_DBUS_DAEMON, config.c_str(), "--nofork", "--nopidfile",
-              printAddress.c_str(), listen.c_str(), static_cast<char*>(nullptr));
-    }
+    const char* argv[] = {LUMORA_DBUS_DAEMON, config.c_str(), "--nofork", "--nopidfile", printAddress.c_str(),
+                          address.empty() ? nullptr : listen.c_str(), nullptr};
+    execv(LUMORA_DBUS_DAEMON, const_cast<char* const*>(argv));
     fprintf(stderr, "exec %s: %s\n", LUMORA_DBUS_DAEMON, strerror(errno));
     _exit(127);
 }
@@ -62,9 +59,15 @@ std::string ReadAddressLine(int fd, int timeoutMs) {
 
 TestBus::~TestBus() { Stop(); }
 
-bool TestBus::Start(bool exportAddress) { return StartAt(std::string(), exportAddress); }
+bool TestBus::Start(bool exportAddress, const std::string& configFile) {
+    return Launch(configFile, std::string(), exportAddress);
+}
 
 bool TestBus::StartAt(const std::string& address, bool exportAddress) {
+    return Launch(PrivateBusConfig(), address, exportAddress);
+}
+
+bool TestBus::Launch(const std::string& configFile, const std::string& address, bool exportAddress) {
     int fds[2];
     if (pipe2(fds, O_CLOEXEC) != 0) return false;
     m_pid = fork();
@@ -76,7 +79,7 @@ bool TestBus::StartAt(const std::string& address, bool exportAddress) {
     if (m_pid == 0) {
         close(fds[0]);
         int addressFd = dup(fds[1]);  // without O_CLOEXEC, so that it survives exec
-        ExecDaemon(addressFd, address);
+        ExecDaemon(addressFd, configFile, address);
     }
     close(fds[1]);
     m_address = ReadAddressLine(fds[0], 10000);

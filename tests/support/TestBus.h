@@ -8,6 +8,9 @@
 
 namespace lumora::test {
 
+/// The project's private-bus configuration file.
+const char* PrivateBusConfig();
+
 /**
  * Starts a real dbus-daemon with the project's private-bus configuration on a
  * temporary socket, reads its address from --print-address, and points
@@ -22,8 +25,9 @@ public:
     TestBus& operator=(const TestBus&) = delete;
 
     /// Starts the daemon; false (with a message on stderr) if it did not come up.
-    /// With exportAddress, DBUS_SYSTEM_BUS_ADDRESS names it afterwards.
-    bool Start(bool exportAddress = true);
+    /// With exportAddress, DBUS_SYSTEM_BUS_ADDRESS names it afterwards. A
+    /// configFile replaces the project's private-bus configuration.
+    bool Start(bool exportAddress = true, const std::string& configFile = PrivateBusConfig());
     /// Starts the daemon listening on address (for example "unix:path=...")
     /// instead of a fresh temporary socket.
     bool StartAt(const std::string& address, bool exportAddress = true);
@@ -35,12 +39,11 @@ public:
     pid_t Pid() const { return m_pid; }
 
 private:
+    bool Launch(const std::string& configFile, const std::string& address, bool exportAddress);
+
     pid_t m_pid = -1;
     std::string m_address;
 };
-
-/// The project's private-bus configuration file.
-const char* PrivateBusConfig();
 
 }  // namespace lumora::test
 

@@ -1,0 +1,145 @@
+// lumora-sim refuses a malformed scenario before it touches the bus: exit
+// status 2 and one line naming the file, the line and what is wrong.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "LogCapture.h"
+#include "SimProcess.h"
+#include "TempDir.h"
+
+namespace lumora::test {
+namespace {
+
+class SimScenarioTest : public testing::Test {
+protected:
+    // Runs the simulator on a scenario with this text; returns its stderr,
+    // after checking that the log holds the same reason.
+    std::string Refusal(const std::string& json) {
+        m_path = m_dir.Write("tv.json", json);
+        RunResult result = SimProcess::Run({"--scenario", m_path});
+        EXPECT_EQ(2, result.exitStatus) << result.err;
+        const std::string prefix = "lumora-sim: ";
+        if (result.err.rfind(prefix, 0) == 0 && !result.err.empty()) {
+            std::string reason = result.err.substr(prefix.size(), result.err.size() - prefix.size() - 1);
+            EXPECT_TRUE(m_log.Has("scenario refused: " + reason, 'E')) << m_log.Dump();
+        }
+        return result.err;
+    }
+    std::string At(const std::string& position, const std::string& what) const {
+        return "lumora-sim: " + m_path + ":" + position + ": " + what + "\n";
+    }
+
+    LogCapture m_log;
+    TempDir m_dir;
+    std::string m_path;
+};
+
+TEST_F(SimScenarioTest, AMissingCommaIsReportedWithItsLineAndColumn) {
+    std::string err = Refusal("{\n  \"enabled\": true\n  \"whiteList\": []\n}\n");
+    EXPECT_EQ(0u, err.find("lumora-sim: " + m_path + ":3:3: ")) << err;
+    EXPECT_NE(std::string::npos, err.find("Missing ',' or '}' in object declaration")) << err;
+}
+
+TEST_F(SimScenarioTest, AWrongTypeIsReportedWithItsJsonPath) {
+    std::string err = Refusal("{\n  \"resultCodes\": {\n    \"Ctx/App/Info/Current\": \"bad\"\n  }\n}\n");
+    EXPECT_EQ(At("3:29", "resultCodes[\"Ctx/App/Info/Current\"]: expected a 32-bit integer, found a string"), err);
+}
+
+TEST_F(SimScenarioTest, AStatisticsTupleOfTheWrongShapeIsReportedAtTheElement) {
+    std::string err = Refusal(
+        "{\"statistics\": {\n"
+        "  \"I/TallyDB/Onoff/Duration\": [[1, 2],\n"
+        "                               [3, \"four\"]]}}\n");
+    EXPECT_EQ(At("3:36",
+                 "statistics[\"I/TallyDB/Onoff/Duration\"][1][1]: expected an unsigned 32-bit integer, "
+                 "found a string"),
+              err);
+}
+
+TEST_F(SimScenarioTest, ANegativeUnsignedStatisticIsRefused) {
+    std::string err = Refusal("{\"statistics\": {\"I/TallyDB/Genre/Duration\": [[-1, 2, \"a\", \"b\"]]}}");
+    EXPECT_NE(std::string::npos,
+              err.find("[\"I/TallyDB/Genre/Duration\"][0][0]: expected an unsigned 32-bit integer, found an integer"))
+        << err;
+}
+
+TEST_F(SimScenarioTest, ATupleOfTheWrongLengthIsRefused) {
+    std::string err = Refusal("{\"statistics\": {\"I/TallyDB/App/Duration\": [[1, 2, \"a\"]]}}");
+    EXPECT_EQ(At("1:44", "statistics[\"I/TallyDB/App/Duration\"][0]: expected an array of 6 elements (uusssi)"), err);
+}
+
+TEST_F(SimScenarioTest, StatisticsOfAnotherSubjectAreRefused) {
+    std::string err = Refusal("{\"statistics\": {\"Data/Statistic/App\": []}}");
+    EXPECT_EQ(At("1:39", "statistics[\"Data/Statistic/App\"]: not a statistics subject"), err);
+}
+
+TEST_F(SimScenarioTest, AnUnknownKeyIsRefused) {
+    // Placed at the member's value, where the parser keeps positions.
+    EXPECT_EQ(At("1:32", "whitelist: unknown key"), Refusal("{\"enabled\": true, \"whitelist\": []}"));
+}
+
+TEST_F(SimScenarioTest, ARootThatIsNotAnObjectIsRefused) {
+    EXPECT_EQ(At("1:1", "scenario: expected an object, found an array"), Refusal("[]"));
+}
+
+TEST_F(SimScenarioTest, AFlagThatIsNotABooleanIsRefused) {
+    EXPECT_EQ(At("1:13", "enabled: expected true or false, found a string"), Refusal("{\"enabled\": \"yes\"}"));
+}
+
+TEST_F(SimScenarioTest, AWhiteListEntryThatIsNotAStringIsRefused) {
+    EXPECT_EQ(At("1:21", "whiteList[1]: expected a string, found an integer"), Refusal("{\"whiteList\": [\"a\", 2]}"));
+}
+
+TEST_F(SimScenarioTest, ADelayBeyondTenMinutesIsRefused) {
+    EXPECT_EQ(At("1:20", "delaysMs[\"X\"]: a delay above 600000 ms is not served"),
+              Refusal("{\"delaysMs\": {\"X\": 600001}}"));
+}
+
+TEST_F(SimScenarioTest, ADuplicateKeyIsRefused) {
+    std::string err = Refusal("{\"enabled\": true,\n \"enabled\": false}");
+    EXPECT_EQ(0u, err.find("lumora-sim: " + m_path + ":2:")) << err;
+    EXPECT_NE(std::string::npos, err.find("Duplicate key: 'enabled'")) << err;
+}
+
+TEST_F(SimScenarioTest, TrailingTextIsRefused) {
+    std::string err = Refusal("{}\n{}\n");
+    EXPECT_EQ(0u, err.find("lumora-sim: " + m_path + ":2:1: ")) << err;
+}
+
+TEST_F(SimScenarioTest, AnEmptyFileIsRefused) {
+    std::string err = Refusal("");
+    EXPECT_EQ(0u, err.find("lumora-sim: " + m_path + ":1:1: ")) << err;
+}
+
+TEST_F(SimScenarioTest, AMissingFileIsRefused) {
+    std::string missing = m_dir.File("absent.json");
+    RunResult result = SimProcess::Run({"--scenario", missing});
+    EXPECT_EQ(2, result.exitStatus);
+    EXPECT_EQ("lumora-sim: " + missing + ": cannot open: No such file or directory\n", result.err);
+}
+
+TEST_F(SimScenarioTest, CommentsAreAllowed) {
+    // Refused for the unknown key on line 3, so the comment itself passed.
+    std::string err = Refusal("{\n  // the living room\n  \"colour\": 1\n}\n");
+    EXPECT_EQ(At("3:13", "colour: unknown key"), err);
+}
+
+TEST_F(SimScenarioTest, HelpDescribesTheProtocolTheControlInterfaceAndTheScenario) {
+    RunResult help = SimProcess::Run({"--help"});
+    EXPECT_EQ(0, help.exitStatus);
+    for (const char* part : {"org.verdin.tv.lumora2", "org.verdin.tv.lumora.interface2",
+                             "org.verdin.tv.lumora2.SimControl", "/org/verdin/tv/lumora2/control", "lumora-sim ctl",
+                             "/tmp/lmf_service_ready", "\"statistics\"", "stop-answering", "restart"}) {
+        EXPECT_NE(std::string::npos, help.out.find(part)) << part;
+    }
+}
+
+TEST_F(SimScenarioTest, AnUnknownOptionIsAUsageError) {
+    RunResult result = SimProcess::Run({"--frobnicate"});
+    EXPECT_EQ(2, result.exitStatus);
+    EXPECT_EQ("lumora-sim: unexpected argument '--frobnicate' (see lumora-sim --help)\n", result.err);
+}
+
+}  // namespace
+}  // namespace lumora::test

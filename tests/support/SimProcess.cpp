@@ -1,0 +1,160 @@
+// SimProcess: fork/exec of the simulator, readiness by name owner and marker.
+#include "SimProcess.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <thread>
+
+#include "ControlContract.h"
+#include "internal/ServiceContract.h"
+
+namespace lumora::test {
+
+const char* SimExecutable() { return LUMORA_SIM_EXECUTABLE; }
+const char* SampleScenario() { return LUMORA_SAMPLE_SCENARIO; }
+
+bool ReadyMarkerExists() { return access(lumora::contract::kReadyMarkerFile, F_OK) == 0; }
+
+namespace {
+
+[[noreturn]] void ExecSim(const std::vector<std::string>& args) {
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
+    std::vector<char*> argv;
+    argv.push_back(const_cast<char*>(SimExecutable()));
+    for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
+    argv.push_back(nullptr);
+    execv(SimExecutable(), argv.data());
+    fprintf(stderr, "exec %s: %s\n", SimExecutable(), strerror(errno));
+    _exit(127);
+}
+
+int ExitStatusOf(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : -1; }
+
+// Waits for pid up to timeoutMs; true (status set) when it ended.
+bool WaitForPid(pid_t pid, int timeoutMs, int& status) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (waitpid(pid, &status, WNOHANG) == pid) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return false;
+}
+
+// Reads both pipes until the child closes them or the deadline passes.
+void Drain(int outFd, int errFd, RunResult& result, std::chrono::steady_clock::time_point deadline) {
+    struct pollfd fds[2] = {{outFd, POLLIN, 0}, {errFd, POLLIN, 0}};
+    std::string* sinks[2] = {&result.out, &result.err};
+    int open = 2;
+    while (open > 0 && std::chrono::steady_clock::now() < deadline) {
+        if (poll(fds, 2, 50) <= 0) continue;
+        for (int i = 0; i < 2; ++i) {
+            if (fds[i].fd < 0 || fds[i].revents == 0) continue;
+            char buffer[4096];
+            ssize_t n = read(fds[i].fd, buffer, sizeof buffer);
+            if (n > 0) {
+                sinks[i]->append(buffer, static_cast<size_t>(n));
+            } else {
+                fds[i].fd = -1;
+                --open;
+            }
+        }
+    }
+}
+
+}  // namespace
+
+SimProcess::~SimProcess() { Stop(); }
+
+bool SimProcess::Start(const std::string& scenario, const std::vector<std::string>& extraArgs) {
+    // A marker left by a crashed run would make the wait below meaningless.
+    unlink(lumora::contract::kReadyMarkerFile);
+    std::vector<std::string> args = {"--scenario", scenario};
+    args.insert(args.end(), extraArgs.begin(), extraArgs.end());
+    m_pid = fork();
+    if (m_pid < 0) return false;
+    if (m_pid == 0) ExecSim(args);
+    const char* address = getenv("DBUS_SYSTEM_BUS_ADDRESS");
+    GDBusConnection* watcher = address != nullptr ? ConnectToBus(address) : nullptr;
+    bool ready = watcher != nullptr &&
+                 WaitUntil(
+                     [&] {
+                         int status = 0;
+                         if (waitpid(m_pid, &status, WNOHANG) == m_pid) m_pid = -1;
+                         return m_pid < 0 || (NameHasOwner(watcher, lumora::contract::kBusName) && ReadyMarkerExists());
+                     },
+                     30000);
+    if (watcher != nullptr) g_object_unref(watcher);
+    if (!ready || m_pid < 0) {
+        fprintf(stderr, "lumora-sim did not become ready\n");
+        Stop();
+        return false;
+    }
+    return true;
+}
+
+int SimProcess::Stop() {
+    if (m_pid <= 0) return -1;
+    int status = 0;
+    kill(m_pid, SIGTERM);
+    if (!WaitForPid(m_pid, 10000, status)) {
+        kill(m_pid, SIGKILL);
+        waitpid(m_pid, &status, 0);
+    }
+    m_pid = -1;
+    return ExitStatusOf(status);
+}
+
+int SimProcess::WaitForExit(int timeoutMs) {
+    if (m_pid <= 0) return -1;
+    int status = 0;
+    if (!WaitForPid(m_pid, timeoutMs, status)) return -2;
+    m_pid = -1;
+    return ExitStatusOf(status);
+}
+
+RunResult SimProcess::Run(const std::vector<std::string>& args, int timeoutMs) {
+    RunResult result;
+    int out[2];
+    int err[2];
+    if (pipe2(out, O_CLOEXEC) != 0) return result;
+    if (pipe2(err, O_CLOEXEC) != 0) {
+        close(out[0]);
+        close(out[1]);
+        return result;
+    }
+    pid_t pid = fork();
+    if (pid == 0) {
+        dup2(out[1], STDOUT_FILENO);
+        dup2(err[1], STDERR_FILENO);
+        ExecSim(args);
+    }
+    close(out[1]);
+    close(err[1]);
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    Drain(out[0], err[0], result, deadline);
+    close(out[0]);
+    close(err[0]);
+    int status = 0;
+    if (pid > 0 && !WaitForPid(pid, 1000 + timeoutMs / 10, status)) {
+        kill(pid, SIGKILL);
+        waitpid(pid, &status, 0);
+    }
+    result.exitStatus = pid > 0 ? ExitStatusOf(status) : -1;
+    return result;
+}
+
+CallResult CallControl(GDBusConnection* connection, const char* method, GVariant* parameters, int timeoutMs) {
+    return CallMethod(connection, lumora::contract::kBusName, lumora::sim::kControlPath, lumora::sim::kControlInterface,
+                      method, parameters, timeoutMs);
+}
+
+}  // namespace lumora::test

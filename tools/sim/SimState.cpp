@@ -1,0 +1,90 @@
+// SimState: lookups with the service's defaults, and the subscription table.
+#include "SimState.h"
+
+#include <algorithm>
+
+#include "internal/ServiceContract.h"
+
+namespace lumora::sim {
+
+namespace {
+
+template <typename T>
+Json::Value MapToJson(const std::map<std::string, T>& map) {
+    Json::Value object(Json::objectValue);
+    for (const auto& [key, value] : map) object[key] = value;
+    return object;
+}
+
+}  // namespace
+
+std::string SimState::Value(const std::string& subject) const {
+    auto it = m_scenario.values.find(subject);
+    return it == m_scenario.values.end() ? lumora::contract::kEmptyJson : it->second;
+}
+
+void SimState::SetResultCode(const std::string& subject, int code) {
+    if (code == 0) {
+        m_scenario.resultCodes.erase(subject);
+    } else {
+        m_scenario.resultCodes[subject] = code;
+    }
+}
+
+void SimState::SetDelayMs(const std::string& subject, unsigned delayMs) {
+    if (delayMs == 0) {
+        m_scenario.delaysMs.erase(subject);
+    } else {
+        m_scenario.delaysMs[subject] = delayMs;
+    }
+}
+
+const Json::Value& SimState::Statistics(const std::string& subject) const {
+    static const Json::Value kNone;
+    auto it = m_scenario.statistics.find(subject);
+    return it == m_scenario.statistics.end() ? kNone : it->second;
+}
+
+void SimState::Subscribe(const std::string& subject, const std::string& client) {
+    std::vector<std::string>& clients = m_subscribers[subject];
+    if (std::find(clients.begin(), clients.end(), client) == clients.end()) clients.push_back(client);
+}
+
+void SimState::Unsubscribe(const std::string& subject, const std::string& client) {
+    auto it = m_subscribers.find(subject);
+    if (it == m_subscribers.end()) return;
+    it->second.erase(std::remove(it->second.begin(), it->second.end(), client), it->second.end());
+    if (it->second.empty()) m_subscribers.erase(it);
+}
+
+void SimState::DropClient(const std::string& client) {
+    for (auto it = m_subscribers.begin(); it != m_subscribers.end();) {
+        it->second.erase(std::remove(it->second.begin(), it->second.end(), client), it->second.end());
+        it = it->second.empty() ? m_subscribers.erase(it) : std::next(it);
+    }
+}
+
+std::vector<std::string> SimState::Subscribers(const std::string& subject) const {
+    auto it = m_subscribers.find(subject);
+    return it == m_subscribers.end() ? std::vector<std::string>() : it->second;
+}
+
+Json::Value SimState::ToJson() const {
+    Json::Value status(Json::objectValue);
+    status["enabled"] = m_scenario.enabled;
+    status["broadcastResponses"] = m_scenario.broadcastResponses;
+    Json::Value& whiteList = status["whiteList"] = Json::Value(Json::arrayValue);
+    for (const std::string& name : m_scenario.whiteList) whiteList.append(name);
+    status["values"] = MapToJson(m_scenario.values);
+    status["resultCodes"] = MapToJson(m_scenario.resultCodes);
+    status["delaysMs"] = MapToJson(m_scenario.delaysMs);
+    status["statistics"] = MapToJson(m_scenario.statistics);
+    Json::Value& subscriptions = status["subscriptions"] = Json::Value(Json::objectValue);
+    for (const auto& [subject, clients] : m_subscribers) {
+        Json::Value& list = subscriptions[subject] = Json::Value(Json::arrayValue);
+        for (const std::string& client : clients) list.append(client);
+    }
+    return status;
+}
+
+}  // namespace lumora::sim

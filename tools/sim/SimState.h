@@ -1,0 +1,66 @@
+// What the simulated service knows: the scenario as changed since by writes
+// and control commands, and which client subscribed to which subject.
+#ifndef LUMORA_SIM_SIMSTATE_H
+#define LUMORA_SIM_SIMSTATE_H
+
+#include <json/json.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "Scenario.h"
+
+namespace lumora::sim {
+
+class SimState {
+public:
+    explicit SimState(Scenario scenario) : m_scenario(std::move(scenario)) {}
+
+    bool Enabled() const { return m_scenario.enabled; }
+    void SetEnabled(bool enabled) { m_scenario.enabled = enabled; }
+    bool BroadcastResponses() const { return m_scenario.broadcastResponses; }
+    std::string WhiteList() const { return WhiteListJson(m_scenario.whiteList); }
+    void SetWhiteList(std::vector<std::string> names) { m_scenario.whiteList = std::move(names); }
+
+    /// The subject's value, or "{}" (the service's "no data") when it has none.
+    std::string Value(const std::string& subject) const;
+    void SetValue(const std::string& subject, const std::string& text) { m_scenario.values[subject] = text; }
+    void ClearValue(const std::string& subject) { m_scenario.values.erase(subject); }
+
+    int ResultCode(const std::string& subject) const { return Lookup(m_scenario.resultCodes, subject, 0); }
+    void SetResultCode(const std::string& subject, int code);
+    unsigned DelayMs(const std::string& subject) const { return Lookup(m_scenario.delaysMs, subject, 0u); }
+    void SetDelayMs(const std::string& subject, unsigned delayMs);
+
+    /// The checked tuples of a statistics subject (null when none were given).
+    const Json::Value& Statistics(const std::string& subject) const;
+    void SetStatistics(const std::string& subject, const Json::Value& tuples) {
+        m_scenario.statistics[subject] = tuples;
+    }
+
+    /// Subscriptions are per client (its unique bus name) and subject; a
+    /// repeated subscription is kept once.
+    void Subscribe(const std::string& subject, const std::string& client);
+    void Unsubscribe(const std::string& subject, const std::string& client);
+    void DropClient(const std::string& client);
+    void DropAllSubscriptions() { m_subscribers.clear(); }
+    std::vector<std::string> Subscribers(const std::string& subject) const;
+
+    /// Everything above as one JSON object, for the control interface.
+    Json::Value ToJson() const;
+
+private:
+    template <typename T>
+    static T Lookup(const std::map<std::string, T>& map, const std::string& key, T fallback) {
+        auto it = map.find(key);
+        return it == map.end() ? fallback : it->second;
+    }
+
+    Scenario m_scenario;
+    std::map<std::string, std::vector<std::string>> m_subscribers;
+};
+
+}  // namespace lumora::sim
+
+#endif  // LUMORA_SIM_SIMSTATE_H

@@ -1,0 +1,154 @@
+// lumora-sim: a context-service simulator for development off the television.
+#include <glib-unix.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <string>
+
+#include "Scenario.h"
+#include "SimCtl.h"
+#include "SimLog.h"
+#include "SimService.h"
+
+namespace {
+
+constexpr const char* kHelp =
+    "Usage: lumora-sim [--scenario FILE] [--broadcast]\n"
+    "       lumora-sim ctl [--address ADDRESS] COMMAND [ARGUMENTS]\n"
+    "       lumora-sim --help\n"
+    "\n"
+    "Plays the television's context service on the system bus (DBUS_SYSTEM_BUS_ADDRESS\n"
+    "names a private one): owns org.verdin.tv.lumora2 and serves /org/verdin/tv/lumora2,\n"
+    "interface org.verdin.tv.lumora.interface2:\n"
+    "  ServiceEnable         -> (b enabled, s {\"WhiteList\":[...]})\n"
+    "  RequestSync (iiiss)   type 1: (i code, s value, or \"{}\" without one);\n"
+    "                        types 3/4: subscribe/unsubscribe the caller to the subject\n"
+    "  RequestAsync (iiiss)  type 5: (i code, s subject, v payload): (s) with the value, or\n"
+    "                        the typed array of an I/TallyDB/.../Duration subject\n"
+    "  Write (iiiss)         type 2: stores the value, emits Response for the subject\n"
+    "  signal Response (i 0, s subject, s data): to each client that subscribed to the\n"
+    "                        subject (to every listener with --broadcast); HELLO with the\n"
+    "                        whitelist at start, BYE at SIGINT/SIGTERM, to every listener.\n"
+    "Creates /tmp/lmf_service_ready when ready and removes it when it stops.\n"
+    "\n"
+    "Options:\n"
+    "  --scenario FILE  the television's state as JSON (see below); without it every\n"
+    "                   subject answers \"{}\" and the whitelist is empty\n"
+    "  --broadcast      send Response signals to every listener, not only subscribers\n"
+    "  --help           this text\n"
+    "\n"
+    "Scenario file (every key optional; // comments allowed):\n"
+    "  {\"enabled\": true, \"broadcastResponses\": false, \"whiteList\": [\"app\", ...],\n"
+    "   \"values\": {SUBJECT: VALUE, ...},         a string is the answer text itself,\n"
+    "                                            any other JSON value its compact text\n"
+    "   \"resultCodes\": {SUBJECT: CODE, ...},     code of RequestSync type 1 and RequestAsync\n"
+    "   \"delaysMs\": {SUBJECT: MILLISECONDS, ...}, answers of the subject leave that late\n"
+    "   \"statistics\": {STATISTICS_SUBJECT: [[TUPLE], ...], ...}}\n"
+    "  Statistics tuples are arrays in wire order: Onoff (uu), App (uusssi),\n"
+    "  Channel (uuiisss), Genre (uuss), Content (uusssssiiss).\n"
+    "  A malformed file is refused with FILE:LINE:COLUMN and the reason, exit status 2.\n"
+    "\n"
+    "Control object /org/verdin/tv/lumora2/control, interface org.verdin.tv.lumora2.SimControl,\n"
+    "on the same name; `lumora-sim ctl` calls it:\n"
+    "  emit SUBJECT DATA           Emit(s,s) -> (u signals sent)\n"
+    "  set SUBJECT DATA            SetValue(s,s)\n"
+    "  clear SUBJECT               ClearValue(s): the subject answers \"{}\" again\n"
+    "  code SUBJECT CODE           SetResultCode(s,i): 0 restores success\n"
+    "  delay SUBJECT MILLISECONDS  SetDelay(s,u): 0 answers at once again\n"
+    "  stats SUBJECT TUPLES_JSON   SetStatistics(s,s)\n"
+    "  stop-answering              StopAnswering(): calls wait unanswered\n"
+    "  resume-answering            ResumeAnswering() -> (u held calls answered)\n"
+    "  enable | disable            SetEnabled(b)\n"
+    "  whitelist [NAME...]         SetWhiteList(as)\n"
+    "  restart [PAUSE_MS]          Restart(u): BYE, marker removed, subscriptions dropped,\n"
+    "                              then marker and HELLO; answers after the HELLO\n"
+    "  status                      GetStatus() -> (s JSON of the whole state)\n"
+    "\n"
+    "Exit status: 0 after SIGINT/SIGTERM, 1 when the name cannot be owned, 2 on a usage\n"
+    "or scenario error. Logs through the platform log (LUMORA_LOG_FILE), tag LUMORA_SIM.\n";
+
+struct Options {
+    std::string scenario;
+    bool broadcast = false;
+};
+
+// 0: run; 2: usage error; -1: help printed.
+int ParseOptions(int argc, char** argv, Options& options) {
+    for (int i = 1; i < argc; ++i) {
+        std::string arg = argv[i];
+        if (arg == "--help" || arg == "-h") {
+            fputs(kHelp, stdout);
+            return -1;
+        }
+        if (arg == "--broadcast") {
+            options.broadcast = true;
+        } else if (arg == "--scenario" && i + 1 < argc) {
+            options.scenario = argv[++i];
+        } else {
+            fprintf(stderr, "lumora-sim: unexpected argument '%s' (see lumora-sim --help)\n", arg.c_str());
+            return 2;
+        }
+    }
+    return 0;
+}
+
+gboolean OnStopSignal(gpointer data) {
+    auto* loop = static_cast<GMainLoop*>(data);
+    SIM_LOGI("stop requested");
+    g_main_loop_quit(loop);
+    return G_SOURCE_CONTINUE;
+}
+
+int Serve(lumora::sim::Scenario scenario) {
+    GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
+    guint term = g_unix_signal_add(SIGTERM, OnStopSignal, loop);
+    guint interrupt = g_unix_signal_add(SIGINT, OnStopSignal, loop);
+    int status = 1;
+    {
+        lumora::sim::SimService service(std::move(scenario), loop);
+        if (service.Start()) {
+            g_main_loop_run(loop);
+            service.Shutdown();
+            status = service.ExitStatus();
+        } else {
+            fprintf(stderr, "lumora-sim: the publisher refused to start (see the log)\n");
+        }
+    }
+    g_source_remove(term);
+    g_source_remove(interrupt);
+    g_main_loop_unref(loop);
+    SIM_LOGI("stopped, exit status %d", status);
+    return status;
+}
+
+int Run(int argc, char** argv) {
+    if (argc > 1 && strcmp(argv[1], "ctl") == 0) return lumora::sim::RunCtl(argc - 2, argv + 2);
+    Options options;
+    int parsed = ParseOptions(argc, argv, options);
+    if (parsed != 0) return parsed < 0 ? 0 : 2;
+    lumora::sim::Scenario scenario;
+    if (!options.scenario.empty()) {
+        std::string error;
+        if (!lumora::sim::LoadScenario(options.scenario, scenario, error)) {
+            SIM_LOGE("scenario refused: %s", error.c_str());
+            fprintf(stderr, "lumora-sim: %s\n", error.c_str());
+            return 2;
+        }
+    }
+    if (options.broadcast) scenario.broadcastResponses = true;
+    SIM_LOGI("starting with %s", options.scenario.empty() ? "an empty scenario" : options.scenario.c_str());
+    return Serve(std::move(scenario));
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return Run(argc, argv);
+    } catch (const std::exception& e) {
+        fprintf(stderr, "lumora-sim: %s\n", e.what());
+        return 1;
+    }
+}
