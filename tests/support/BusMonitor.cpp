@@ -91,21 +91,19 @@ BusMonitor::~BusMonitor() {
     m_messages.clear();
 }
 
-// Runs on GDBus's worker thread. Every incoming message is consumed here: a
+// Runs on GDBus's worker thread. Calls and signals are consumed here: a
 // monitor must never answer, and GIO would answer method calls it does not
-// know with an error.
+// know with an error. Replies pass, among them the one to BecomeMonitor.
 GDBusMessage* BusMonitor::Filter(GDBusConnection*, GDBusMessage* message, gboolean incoming, gpointer self) {
-    if (!incoming) return message;
-    auto* monitor = static_cast<BusMonitor*>(self);
     GDBusMessageType type = g_dbus_message_get_message_type(message);
-    if (type == G_DBUS_MESSAGE_TYPE_METHOD_CALL || type == G_DBUS_MESSAGE_TYPE_SIGNAL) {
-        BusMessage seen = Describe(message);
-        // The monitor's own NameAcquired/NameLost from the bus are not traffic.
-        if (seen.sender != "org.freedesktop.DBus") {
-            std::lock_guard<std::mutex> lock(monitor->m_mutex);
-            monitor->m_messages.push_back(seen);
-            monitor->m_changed.notify_all();
-        }
+    if (!incoming || (type != G_DBUS_MESSAGE_TYPE_METHOD_CALL && type != G_DBUS_MESSAGE_TYPE_SIGNAL)) return message;
+    auto* monitor = static_cast<BusMonitor*>(self);
+    BusMessage seen = Describe(message);
+    // The bus's own NameAcquired/NameLost to the monitor are not traffic.
+    if (seen.sender != "org.freedesktop.DBus") {
+        std::lock_guard<std::mutex> lock(monitor->m_mutex);
+        monitor->m_messages.push_back(seen);
+        monitor->m_changed.notify_all();
     }
     g_object_unref(message);
     return nullptr;

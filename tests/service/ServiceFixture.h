@@ -1,0 +1,87 @@
+// The library against lumora-sim on a private bus, watched by a bus monitor
+// and a log capture.
+#ifndef LUMORA_TESTS_SERVICE_SERVICEFIXTURE_H
+#define LUMORA_TESTS_SERVICE_SERVICEFIXTURE_H
+
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <lumora/lumora-api.h>
+
+#include <memory>
+#include <string>
+
+#include "BusCalls.h"
+#include "BusMonitor.h"
+#include "ControlContract.h"
+#include "LogCapture.h"
+#include "MainLoopThread.h"
+#include "SimProcess.h"
+#include "TempDir.h"
+#include "TestBus.h"
+
+namespace lumora::test {
+
+class ServiceTest : public testing::Test {
+protected:
+    void SetUp() override {
+        // Not on the sample scenario's whitelist.
+        program_invocation_short_name = const_cast<char*>("myapp");
+        ASSERT_TRUE(m_bus.Start());
+        m_monitor = std::make_unique<BusMonitor>(m_bus.Address());
+        ASSERT_TRUE(m_monitor->Ok());
+        ASSERT_TRUE(m_sim.Start(Scenario()));
+        m_control = ConnectToBus(m_bus.Address());
+        ASSERT_NE(nullptr, m_control);
+    }
+
+    void TearDown() override {
+        while (LMFServiceAPI::m_nRefCnt > 0) Lumora_FiniService();
+        m_sim.Stop();
+        if (m_control != nullptr) g_object_unref(m_control);
+    }
+
+    virtual std::string Scenario() { return SampleScenario(); }
+
+    CallResult Control(const char* method, GVariant* parameters = nullptr) {
+        return CallControl(m_control, method, parameters);
+    }
+
+    DBusClient* Client() { return LMFServiceAPI::m_pDbusClient; }
+
+    /// What the library sent to the service (not the test's own calls).
+    std::vector<BusMessage> LibraryCalls(const std::string& member = "") {
+        std::vector<BusMessage> calls;
+        std::string own = g_dbus_connection_get_unique_name(m_control);
+        for (const BusMessage& call : m_monitor->Calls(member)) {
+            if (call.sender != own) calls.push_back(call);
+        }
+        return calls;
+    }
+
+    /// The subject's value as the simulator answers a plain GIO client.
+    std::string SimValue(const std::string& subject) {
+        CallResult result = CallMethod(m_control, "org.verdin.tv.lumora2", "/org/verdin/tv/lumora2",
+                                       "org.verdin.tv.lumora.interface2", "RequestSync",
+                                       g_variant_new("(iiiss)", 0, 1, 0, subject.c_str(), ""));
+        if (!result.Ok()) return result.Print();
+        const gchar* text = nullptr;
+        g_variant_get_child(result.reply.get(), 1, "&s", &text);
+        return text;
+    }
+
+    TempDir m_dir;
+    LogCapture m_log;
+    TestBus m_bus;
+    std::unique_ptr<BusMonitor> m_monitor;
+    SimProcess m_sim;
+    GDBusConnection* m_control = nullptr;
+};
+
+/// A scenario file of the given JSON in dir.
+inline std::string WriteScenario(const TempDir& dir, const std::string& json) {
+    return dir.Write("scenario.json", json);
+}
+
+}  // namespace lumora::test
+
+#endif
