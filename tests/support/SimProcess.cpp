@@ -21,19 +21,20 @@ namespace lumora::test {
 
 const char* SimExecutable() { return LUMORA_SIM_EXECUTABLE; }
 const char* SampleScenario() { return LUMORA_SAMPLE_SCENARIO; }
+const char* CliExecutable() { return LUMORA_CLI_EXECUTABLE; }
 
 bool ReadyMarkerExists() { return access(lumora::contract::kReadyMarkerFile, F_OK) == 0; }
 
 namespace {
 
-[[noreturn]] void ExecSim(const std::vector<std::string>& args) {
+[[noreturn]] void ExecProgram(const char* executable, const std::vector<std::string>& args) {
     prctl(PR_SET_PDEATHSIG, SIGTERM);
     std::vector<char*> argv;
-    argv.push_back(const_cast<char*>(SimExecutable()));
+    argv.push_back(const_cast<char*>(executable));
     for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
     argv.push_back(nullptr);
-    execv(SimExecutable(), argv.data());
-    fprintf(stderr, "exec %s: %s\n", SimExecutable(), strerror(errno));
+    execv(executable, argv.data());
+    fprintf(stderr, "exec %s: %s\n", executable, strerror(errno));
     _exit(127);
 }
 
@@ -81,7 +82,7 @@ bool SimProcess::Start(const std::string& scenario, const std::vector<std::strin
     args.insert(args.end(), extraArgs.begin(), extraArgs.end());
     m_pid = fork();
     if (m_pid < 0) return false;
-    if (m_pid == 0) ExecSim(args);
+    if (m_pid == 0) ExecProgram(SimExecutable(), args);
     const char* address = getenv("DBUS_SYSTEM_BUS_ADDRESS");
     GDBusConnection* watcher = address != nullptr ? ConnectToBus(address) : nullptr;
     bool ready = watcher != nullptr &&
@@ -122,6 +123,10 @@ int SimProcess::WaitForExit(int timeoutMs) {
 }
 
 RunResult SimProcess::Run(const std::vector<std::string>& args, int timeoutMs) {
+    return RunProgram(SimExecutable(), args, timeoutMs);
+}
+
+RunResult RunProgram(const std::string& executable, const std::vector<std::string>& args, int timeoutMs) {
     RunResult result;
     int out[2];
     int err[2];
@@ -135,7 +140,7 @@ RunResult SimProcess::Run(const std::vector<std::string>& args, int timeoutMs) {
     if (pid == 0) {
         dup2(out[1], STDOUT_FILENO);
         dup2(err[1], STDERR_FILENO);
-        ExecSim(args);
+        ExecProgram(executable.c_str(), args);
     }
     close(out[1]);
     close(err[1]);

@@ -15,6 +15,8 @@ namespace lumora::test {
 /// The built simulator and the sample scenario that ships with it.
 const char* SimExecutable();
 const char* SampleScenario();
+/// The built command-line client.
+const char* CliExecutable();
 
 /// How a process ended, with what it wrote.
 struct RunResult {
@@ -54,6 +56,10 @@ public:
 private:
     pid_t m_pid = -1;
 };
+
+/// Runs executable with args to its end (SIGKILL after timeoutMs), in this
+/// process's environment, and returns its exit status and output.
+RunResult RunProgram(const std::string& executable, const std::vector<std::string>& args, int timeoutMs = 30000);
 
 /// Calls a method of the simulator's control object.
 CallResult CallControl(GDBusConnection* connection, const char* method, GVariant* parameters = nullptr,

@@ -1,0 +1,240 @@
+// lumora, the command-line client, run as a process against lumora-sim.
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include <string>
+#include <vector>
+
+#include "BusCalls.h"
+#include "ControlContract.h"
+#include "SimProcess.h"
+#include "TempDir.h"
+#include "TestBus.h"
+
+namespace lumora::test {
+namespace {
+
+namespace sim = lumora::sim;
+
+size_t LineCount(const std::string& text) {
+    size_t lines = 0;
+    for (char c : text) lines += c == '\n';
+    return lines;
+}
+
+RunResult Lumora(const std::vector<std::string>& args) { return RunProgram(CliExecutable(), args, 20000); }
+
+// Commands that need no service.
+class CliUsageTest : public testing::Test {
+protected:
+    TempDir m_dir;
+    ScopedEnv m_db{"LUMORA_SETTINGS_DB", m_dir.File("settings.db")};
+    ScopedEnv m_bus{"DBUS_SYSTEM_BUS_ADDRESS", "unix:path=" + m_dir.File("no-bus")};
+};
+
+TEST_F(CliUsageTest, HelpGoesToStandardOutputWithStatusZero) {
+    RunResult help = Lumora({"--help"});
+    EXPECT_EQ(0, help.exitStatus);
+    EXPECT_EQ(0u, help.out.find("usage: lumora [-v] [--pretty] COMMAND [ARGS...]")) << help.out;
+    for (const char* command : {"read", "write", "settings", "hints", "status"})
+        EXPECT_NE(std::string::npos, help.out.find(std::string("  ") + command + " ")) << command;
+    EXPECT_EQ("", help.err);
+}
+
+TEST_F(CliUsageTest, EveryCommandHasItsHelp) {
+    for (const char* command : {"read", "write", "settings", "hints", "status"}) {
+        RunResult help = Lumora({command, "--help"});
+        EXPECT_EQ(0, help.exitStatus) << command;
+        EXPECT_EQ(0u, help.out.find(std::string("usage: lumora ") + command)) << help.out;
+    }
+}
+
+TEST_F(CliUsageTest, UsageErrorsPrintTheUsageWithStatusTwo) {
+    RunResult none = Lumora({});
+    EXPECT_EQ(2, none.exitStatus);
+    EXPECT_EQ(0u, none.err.find("usage: lumora")) << none.err;
+    EXPECT_EQ("", none.out);
+
+    RunResult missing = Lumora({"read"});
+    EXPECT_EQ(2, missing.exitStatus);
+    EXPECT_EQ(0u, missing.err.find("usage: lumora read SUBJECT [INPUT]")) << missing.err;
+
+    RunResult extra = Lumora({"write", "a", "b", "c"});
+    EXPECT_EQ(2, extra.exitStatus);
+
+    RunResult unknown = Lumora({"frobnicate"});
+    EXPECT_EQ(2, unknown.exitStatus);
+    EXPECT_EQ(0u, unknown.err.find("lumora: unknown command frobnicate\n")) << unknown.err;
+
+    RunResult option = Lumora({"--bogus", "status"});
+    EXPECT_EQ(2, option.exitStatus);
+    EXPECT_EQ(0u, option.err.find("lumora: unknown option --bogus\n")) << option.err;
+
+    RunResult settings = Lumora({"settings", "remove", "k"});
+    EXPECT_EQ(2, settings.exitStatus);
+    EXPECT_EQ(0u, settings.err.find("usage: lumora settings get KEY")) << settings.err;
+}
+
+TEST_F(CliUsageTest, SettingsSetThenGetRoundTrips) {
+    EXPECT_EQ(0, Lumora({"settings", "set", "db/lumora-service/itemlist", "{\"HomeApps\":[1]}"}).exitStatus);
+    RunResult get = Lumora({"settings", "get", "db/lumora-service/itemlist"});
+    EXPECT_EQ(0, get.exitStatus);
+    EXPECT_EQ("{\"HomeApps\":[1]}\n", get.out);
+    EXPECT_EQ("", get.err);
+}
+
+TEST_F(CliUsageTest, SettingsGetOfAnAbsentKeyFailsWithOneLine) {
+    ASSERT_EQ(0, Lumora({"settings", "set", "other", "x"}).exitStatus);
+    RunResult get = Lumora({"settings", "get", "absent/key"});
+    EXPECT_EQ(1, get.exitStatus);
+    EXPECT_EQ("lumora: absent/key is not set\n", get.err);
+    EXPECT_EQ("", get.out);
+}
+
+TEST_F(CliUsageTest, HintsReadTheListOfTheirType) {
+    ASSERT_EQ(0, Lumora({"settings", "set", "db/lumora-service/source_hintlist", "[\"HDMI1\"]"}).exitStatus);
+    RunResult hints = Lumora({"--pretty", "hints", "source"});
+    EXPECT_EQ(0, hints.exitStatus);
+    EXPECT_EQ("[\n  \"HDMI1\"\n]\n", hints.out);
+    RunResult none = Lumora({"hints", "channel"});
+    EXPECT_EQ(1, none.exitStatus);
+    EXPECT_EQ("lumora: no hint list for channel\n", none.err);
+}
+
+TEST_F(CliUsageTest, ReadWithoutABusFailsWithOneLine) {
+    RunResult read = Lumora({"read", "Ctx/App/Info/Current"});
+    EXPECT_EQ(1, read.exitStatus);
+    EXPECT_EQ("lumora: cannot connect to the system bus (DBUS_SYSTEM_BUS_ADDRESS)\n", read.err);
+}
+
+TEST_F(CliUsageTest, ReadWhenTheFeatureIsOffFailsWithOneLine) {
+    ScopedEnv features("LUMORA_FEATURE_FILE", m_dir.Write("features.conf",
+                                                          "com.kaldor/featureconf/lumora.service_enable=false\n"));
+    RunResult read = Lumora({"read", "Ctx/App/Info/Current"});
+    EXPECT_EQ(1, read.exitStatus);
+    EXPECT_EQ(1u, LineCount(read.err));
+    EXPECT_EQ(0u, read.err.find("lumora: the context service is disabled on this device")) << read.err;
+}
+
+TEST_F(CliUsageTest, StatusWithoutABusSaysSoAndFails) {
+    RunResult status = Lumora({"status"});
+    EXPECT_EQ(1, status.exitStatus);
+    EXPECT_NE(std::string::npos, status.out.find("feature switch: enabled\n")) << status.out;
+    EXPECT_NE(std::string::npos, status.out.find("bus: unreachable (unix:path=")) << status.out;
+}
+
+// Commands against the simulator.
+class CliServiceTest : public testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(m_bus.Start());
+        ASSERT_TRUE(m_sim.Start());
+        m_control = ConnectToBus(m_bus.Address());
+        ASSERT_NE(nullptr, m_control);
+    }
+    void TearDown() override {
+        m_sim.Stop();
+        if (m_control != nullptr) g_object_unref(m_control);
+    }
+
+    std::string SimValue(const std::string& subject) {
+        CallResult result = CallMethod(m_control, "org.verdin.tv.lumora2", "/org/verdin/tv/lumora2",
+                                       "org.verdin.tv.lumora.interface2", "RequestSync",
+                                       g_variant_new("(iiiss)", 0, 1, 0, subject.c_str(), ""));
+        const gchar* text = "";
+        if (result.Ok()) g_variant_get_child(result.reply.get(), 1, "&s", &text);
+        return text;
+    }
+    bool Control(const char* method, GVariant* parameters) { return CallControl(m_control, method, parameters).Ok(); }
+
+    TempDir m_dir;
+    ScopedEnv m_db{"LUMORA_SETTINGS_DB", m_dir.File("settings.db")};
+    TestBus m_bus;
+    SimProcess m_sim;
+    GDBusConnection* m_control = nullptr;
+};
+
+TEST_F(CliServiceTest, ReadPrintsTheValueAndNothingElse) {
+    RunResult read = Lumora({"read", "Ctx/Media/Source/Info/Current"});
+    EXPECT_EQ(0, read.exitStatus);
+    EXPECT_EQ(SimValue("Ctx/Media/Source/Info/Current") + "\n", read.out);
+    EXPECT_EQ("", read.err);
+}
+
+TEST_F(CliServiceTest, PrettyIndentsJsonValues) {
+    RunResult read = Lumora({"--pretty", "read", "Ctx/Media/Broadcast/Program/Current"});
+    EXPECT_EQ(0, read.exitStatus);
+    EXPECT_NE(std::string::npos, read.out.find("{\n  \"")) << read.out;
+    Json::Value pretty, plain;
+    ASSERT_TRUE(Json::Reader().parse(read.out, pretty));
+    ASSERT_TRUE(Json::Reader().parse(SimValue("Ctx/Media/Broadcast/Program/Current"), plain));
+    EXPECT_EQ(plain, pretty);
+}
+
+TEST_F(CliServiceTest, ReadSendsItsInput) {
+    RunResult read = Lumora({"read", "Pref/Channel/List/Reorder", "{\"reorder\":[{\"major\":9,\"minor\":1},{\"major\":7,\"minor\":1}],\"source\":0}"});
+    EXPECT_EQ(0, read.exitStatus) << read.err;
+    EXPECT_NE(std::string::npos, read.out.find("\"major\":7")) << read.out;
+}
+
+TEST_F(CliServiceTest, VerboseShowsTheLibrarysLogOnStandardError) {
+    RunResult read = Lumora({"-v", "read", "Ctx/App/Info/Current"});
+    EXPECT_EQ(0, read.exitStatus);
+    EXPECT_NE(std::string::npos, read.err.find("/LMF_API(")) << read.err;
+    EXPECT_NE(std::string::npos, read.err.find("[lumora] type:1, reqId:1, szSubject:Ctx/App/Info/Current, input:"))
+        << read.err;
+}
+
+TEST_F(CliServiceTest, ReadOfASubjectWithoutDataFailsWithOneLine) {
+    RunResult read = Lumora({"read", "Ctx/No/Such/Subject"});
+    EXPECT_EQ(1, read.exitStatus);
+    EXPECT_EQ("lumora: the service has no data for Ctx/No/Such/Subject\n", read.err);
+    EXPECT_EQ("", read.out);
+}
+
+TEST_F(CliServiceTest, ReadReportsTheServicesOwnCode) {
+    ASSERT_TRUE(Control(sim::kCtlSetResultCode, g_variant_new("(si)", "Data/Weather/Forecast", -5)));
+    RunResult read = Lumora({"read", "Data/Weather/Forecast"});
+    EXPECT_EQ(1, read.exitStatus);
+    EXPECT_EQ("lumora: the context service is not available\n", read.err);
+    ASSERT_TRUE(Control(sim::kCtlSetResultCode, g_variant_new("(si)", "Data/Weather/Forecast", 7)));
+    read = Lumora({"read", "Data/Weather/Forecast"});
+    EXPECT_EQ("lumora: the service answered Data/Weather/Forecast with code 7\n", read.err);
+}
+
+TEST_F(CliServiceTest, InternalSubjectIsRefusedWhenTheClientIsNotWhitelisted) {
+    const gchar* names[] = {"tv-launcher", nullptr};
+    ASSERT_TRUE(Control(sim::kCtlSetWhiteList, g_variant_new("(^as)", names)));
+    RunResult read = Lumora({"read", "I/TallyDB/App/Duration"});
+    EXPECT_EQ(1, read.exitStatus);
+    EXPECT_EQ("lumora: I/TallyDB/App/Duration is internal and this process (lumora) is not on the service's whitelist\n",
+              read.err);
+}
+
+TEST_F(CliServiceTest, WriteSendsTheValue) {
+    RunResult write = Lumora({"write", "Ctx/Test/FromCli", "{\"a\":1}"});
+    EXPECT_EQ(0, write.exitStatus) << write.err;
+    EXPECT_EQ("", write.out);
+    EXPECT_TRUE(WaitUntil([&] { return SimValue("Ctx/Test/FromCli") == "{\"a\":1}"; }, 5000));
+}
+
+TEST_F(CliServiceTest, ADisabledServiceIsNotReady) {
+    ASSERT_TRUE(Control(sim::kCtlSetEnabled, g_variant_new("(b)", FALSE)));
+    RunResult read = Lumora({"read", "Ctx/App/Info/Current"});
+    EXPECT_EQ(1, read.exitStatus);
+    EXPECT_EQ("lumora: the context service is not ready\n", read.err);
+    RunResult status = Lumora({"status"});
+    EXPECT_EQ(1, status.exitStatus);
+    EXPECT_NE(std::string::npos, status.out.find("service: not enabled\n")) << status.out;
+}
+
+TEST_F(CliServiceTest, StatusShowsEverythingAvailable) {
+    RunResult status = Lumora({"status"});
+    EXPECT_EQ(0, status.exitStatus) << status.out << status.err;
+    EXPECT_EQ("feature switch: enabled\nbus: connected (" + m_bus.Address() +
+                  ")\nservice: available\nwhitelist: granted for lumora\n",
+              status.out);
+}
+
+}  // namespace
+}  // namespace lumora::test
