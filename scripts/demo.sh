@@ -1,8 +1,8 @@
 #!/bin/sh
 # The library's main job end to end, off the television: builds and installs
 # the project into build/default-install, starts a private bus and the
-# context-service simulator with the sample scenario, shows a few calls, and
-# stops both. Exits non-zero when any step fails.
+# context-service simulator with the sample scenario, shows the command-line
+# client at work, and stops both. Exits non-zero when any step fails.
 set -eu
 cd "$(dirname "$0")/.."
 ./scripts/install-deps.sh
@@ -63,33 +63,38 @@ shown() {
     esac
   done
 }
-# One call of the service interface, shown as typed.
-service() {
-  method=$1
+# One command of the client or the simulator's control, shown as typed.
+run() {
+  tool=$1
   shift
   echo
-  echo "\$ gdbus call --address \$DBUS_SYSTEM_BUS_ADDRESS --dest org.verdin.tv.lumora2 \\"
-  echo "    --object-path /org/verdin/tv/lumora2 --method org.verdin.tv.lumora.interface2.$method$(shown "$@")"
-  gdbus call --address "$DBUS_SYSTEM_BUS_ADDRESS" --dest org.verdin.tv.lumora2 --object-path /org/verdin/tv/lumora2 \
-    --method "org.verdin.tv.lumora.interface2.$method" "$@"
+  echo "\$ $tool$(shown "$@")"
+  "$prefix/bin/$tool" "$@"
 }
-ctl() {
-  echo
-  echo "\$ lumora-sim ctl$(shown "$@")"
-  "$prefix/bin/lumora-sim" ctl "$@"
-}
+lumora() { run lumora "$@"; }
+ctl() { run lumora-sim ctl "$@"; }
 
-pid=$$
-service ServiceEnable
-service RequestSync "$pid" 1 1 Ctx/Media/Source/Info/Current ''
-service RequestSync "$pid" 1 2 Ctx/Media/Broadcast/Program/Current ''
-service Write "$pid" 2 3 Ctx/Sound/Volume/Level/Current '{"Level":25,"Mute":false}'
-service RequestSync "$pid" 1 4 Ctx/Sound/Volume/Level/Current ''
-service RequestAsync "$pid" 5 5 I/TallyDB/Onoff/Duration ''
+# The client's settings store lives with the demo, not in the home folder.
+export LUMORA_SETTINGS_DB="$work/settings.db"
+
+lumora status
+lumora --pretty read Ctx/Media/Source/Info/Current
+lumora --pretty read Ctx/Media/Broadcast/Program/Current
+lumora --pretty read Pref/Channel/List '{"list":13}'
+lumora write Ctx/Sound/Volume/Level/Current '{"Level":25,"Mute":false}'
+lumora read Ctx/Sound/Volume/Level/Current
 ctl set Ctx/App/Info/Current '{"AppId":"com.streamly.tv","AppName":"Streamly","Status":"Foreground"}'
-service RequestSync "$pid" 1 6 Ctx/App/Info/Current ''
+lumora read Ctx/App/Info/Current
+lumora settings set db/lumora-service/source_hintlist '["HDMI1","TV","USB"]'
+lumora --pretty hints source
+lumora settings get db/lumora-service/source_hintlist
 ctl code Data/Weather/Forecast -5
-service RequestSync "$pid" 1 7 Data/Weather/Forecast ''
+echo
+echo "\$ lumora read Data/Weather/Forecast    # fails: the service answers code -5"
+if "$prefix/bin/lumora" read Data/Weather/Forecast; then
+  echo "expected a failure" >&2
+  exit 1
+fi
 
 echo
 echo "Stopping lumora-sim with SIGTERM (it says BYE and removes the marker)"
@@ -100,6 +105,4 @@ sim_pid=
 [ "$status" -eq 0 ] || { echo "lumora-sim exited with status $status" >&2; exit 1; }
 [ ! -e /tmp/lmf_service_ready ] || { echo "/tmp/lmf_service_ready is still there" >&2; exit 1; }
 echo "lumora-sim exited with status 0; /tmp/lmf_service_ready is gone"
-echo
-echo "Not there yet: the command-line client (lumora)."
 echo "demo ok"

@@ -196,7 +196,7 @@ TEST_F(CliServiceTest, ReadReportsTheServicesOwnCode) {
     ASSERT_TRUE(Control(sim::kCtlSetResultCode, g_variant_new("(si)", "Data/Weather/Forecast", -5)));
     RunResult read = Lumora({"read", "Data/Weather/Forecast"});
     EXPECT_EQ(1, read.exitStatus);
-    EXPECT_EQ("lumora: the context service is not available\n", read.err);
+    EXPECT_EQ("lumora: the context service is not available (code -5)\n", read.err);
     ASSERT_TRUE(Control(sim::kCtlSetResultCode, g_variant_new("(si)", "Data/Weather/Forecast", 7)));
     read = Lumora({"read", "Data/Weather/Forecast"});
     EXPECT_EQ("lumora: the service answered Data/Weather/Forecast with code 7\n", read.err);

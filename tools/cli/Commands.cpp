@@ -29,7 +29,7 @@ std::string ReadFailure(const std::string& subject, int code) {
         case -4:
             return "the service has no data for " + subject;
         case -5:
-            return "the context service is not available";
+            return "the context service is not available (code -5)";
         case -6:
             return "the call to the context service failed or timed out";
         case 0:
