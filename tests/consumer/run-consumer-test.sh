@@ -1,7 +1,7 @@
 #!/bin/sh
 # Installs the build tree into a temporary prefix, then builds and runs a C and
 # a C++ application against the installed tree, once with pkg-config and once
-# with find_package.
+# with find_package, and a C application that declares its own prototypes.
 set -eu
 build_dir=$1
 here=$(cd "$(dirname "$0")" && pwd)
@@ -17,8 +17,10 @@ export LD_LIBRARY_PATH=$libdir
 echo "pkg-config: $(pkg-config --modversion lumora-api)"
 cc -std=c11 -Wall -Wextra -Werror -o "$work/c_pc" "$here/consumer.c" $(pkg-config --cflags --libs lumora-api)
 c++ -std=c++17 -Wall -Wextra -Werror -o "$work/cpp_pc" "$here/consumer.cpp" $(pkg-config --cflags --libs lumora-api)
+cc -std=c11 -Wall -Wextra -Werror -o "$work/own_pc" "$here/own_prototypes.c" $(pkg-config --libs lumora-api)
 "$work/c_pc"
 "$work/cpp_pc"
+LUMORA_LOG_LEVEL=none "$work/own_pc"
 
 cmake -S "$here" -B "$work/cmake" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$work/cmake" >/dev/null
