@@ -170,6 +170,8 @@ bool LMFServiceAPI::Read(const char* subject, const char* input, std::string& ou
     char* text = nullptr;
     int result = client->Read(subject, input, &text);
     if (result != 0) {
+        // A service code comes with the service's text, which is not wanted.
+        free(text);
         LMF_LOGE("error %d", result);
         return false;
     }
