@@ -64,9 +64,11 @@ TEST_F(InitServiceTest, InitServiceWithResponseCallsBackAboutOneSecondLaterWithA
     EXPECT_EQ(LMF_INIT_OK, Lumora_InitServiceWithResponse(OnInit, &cb));
     EXPECT_TRUE(m_log.Has("Initialize ret(1) InitResult(0)", 'I')) << m_log.Dump();
     ASSERT_TRUE(WaitUntil([&] { return cb.calls > 0; }, 5000));
+    // A one-second GLib timer fires on a whole-second tick, so 1 to 2 s later;
+    // the upper bound leaves room for a loaded machine.
     long long elapsed = cb.calledAtMs - start;
     EXPECT_GE(elapsed, 900);
-    EXPECT_LE(elapsed, 2500);
+    EXPECT_LE(elapsed, 3500);
     EXPECT_TRUE(cb.nullData);
     EXPECT_EQ(&cb, cb.userData.load());
     g_usleep(2500 * 1000);
@@ -171,7 +173,10 @@ TEST_F(InitServiceTest, InitializeWithANullResultStillConnectsAndSchedulesTheRec
     client->Finalize();
 }
 
-TEST_F(InitServiceTest, ASecondInitializeWithACallbackDoesNotCancelTheEarlierTimer) {
+// Which of the two pending timers hands the callback over cannot be seen from
+// outside (GLib fires seconds-timers on the same ticks); what can be seen is
+// that the pair stored last is called once and the first one never.
+TEST_F(InitServiceTest, ASecondInitializeWithACallbackReplacesTheStoredOneWhichIsCalledOnce) {
     MainLoopThread loop;
     DBusClient* client = DBusClient::GetInstance();
     client->SetProcessName("myapp");
@@ -184,10 +189,8 @@ TEST_F(InitServiceTest, ASecondInitializeWithACallbackDoesNotCancelTheEarlierTim
     g_usleep(300 * 1000);
     ASSERT_TRUE(client->Initialize(&result, OnInit, &second));
     EXPECT_EQ(LMF_INIT_OK, result);
-    // The earlier timer fires first and hands over the pair stored last; the
-    // later timer then finds nothing to call.
     ASSERT_TRUE(WaitUntil([&] { return second.calls > 0; }, 5000));
-    EXPECT_LE(second.calledAtMs - start, 2200);
+    EXPECT_LE(second.calledAtMs - start, 3500);
     g_usleep(2500 * 1000);
     EXPECT_EQ(1, second.calls.load());
     EXPECT_EQ(0, first.calls.load());
