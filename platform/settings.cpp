@@ -2,7 +2,6 @@
 #include <lumora/lumora-platform.h>
 
 #include <pwd.h>
-#include <sqlite3.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,8 +11,11 @@
 #include <string>
 
 #include "PlatformLog.h"
+#include "SqliteLoader.h"
 
 namespace {
+
+using lumora::platform::SqliteApi;
 
 // Long enough for another process's write to finish, short enough that a
 // stuck writer is reported instead of hanging the caller.
@@ -49,12 +51,13 @@ bool MakeParentFolders(const std::string& file) {
 // connection always sees the file that the environment names now.
 class Database {
 public:
-    ~Database() { sqlite3_close_v2(m_db); }
+    explicit Database(const SqliteApi& sql) : m_sql(sql) {}
+    ~Database() { m_sql.close_v2(m_db); }
 
     // The one place where SQLite's failures become a log line.
     bool Fail(int rc, const char* what) {
         PLATFORM_LOGE("settings: %s %s failed: %s", what, m_path.c_str(),
-                      m_db != nullptr ? sqlite3_errmsg(m_db) : sqlite3_errstr(rc));
+                      m_db != nullptr ? m_sql.errmsg(m_db) : m_sql.errstr(rc));
         return false;
     }
 
@@ -66,13 +69,13 @@ public:
         }
         if (create && !MakeParentFolders(m_path)) return false;
         int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | (create ? SQLITE_OPEN_CREATE : 0);
-        int rc = sqlite3_open_v2(m_path.c_str(), &m_db, flags, nullptr);
+        int rc = m_sql.open_v2(m_path.c_str(), &m_db, flags, nullptr);
         if (rc != SQLITE_OK) return Fail(rc, "open");
-        sqlite3_busy_timeout(m_db, kBusyTimeoutMs);
+        m_sql.busy_timeout(m_db, kBusyTimeoutMs);
         if (!create) return true;
         // WAL lets readers of other processes go on during a write; FULL sync
         // makes a returned set survive a power cut.
-        rc = sqlite3_exec(m_db,
+        rc = m_sql.exec(m_db,
                           "PRAGMA journal_mode=WAL;"
                           "PRAGMA synchronous=FULL;"
                           "CREATE TABLE IF NOT EXISTS settings(key TEXT PRIMARY KEY, value TEXT NOT NULL);",
@@ -81,20 +84,25 @@ public:
     }
 
     sqlite3* Handle() { return m_db; }
+    const SqliteApi& Sql() const { return m_sql; }
 
 private:
+    const SqliteApi& m_sql;
     sqlite3* m_db = nullptr;
     std::string m_path;
 };
 
 class Statement {
 public:
-    ~Statement() { sqlite3_finalize(m_stmt); }
-    int Prepare(sqlite3* db, const char* sql) { return sqlite3_prepare_v2(db, sql, -1, &m_stmt, nullptr); }
-    void Bind(int index, const char* text) { sqlite3_bind_text(m_stmt, index, text, -1, SQLITE_TRANSIENT); }
-    sqlite3_stmt* Handle() { return m_stmt; }
+    explicit Statement(const SqliteApi& sql) : m_sql(sql) {}
+    ~Statement() { m_sql.finalize(m_stmt); }
+    int Prepare(sqlite3* db, const char* text) { return m_sql.prepare_v2(db, text, -1, &m_stmt, nullptr); }
+    void Bind(int index, const char* text) { m_sql.bind_text(m_stmt, index, text, -1, SQLITE_TRANSIENT); }
+    int Step() { return m_sql.step(m_stmt); }
+    const unsigned char* Text(int column) { return m_sql.column_text(m_stmt, column); }
 
 private:
+    const SqliteApi& m_sql;
     sqlite3_stmt* m_stmt = nullptr;
 };
 
@@ -105,22 +113,24 @@ extern "C" char* settings_get_str(const char* key) {
         PLATFORM_LOGE("settings_get_str: null key");
         return nullptr;
     }
-    Database db;
+    const SqliteApi* sql = lumora::platform::Sqlite();
+    if (sql == nullptr) return nullptr;
+    Database db(*sql);
     if (!db.Open(false)) return nullptr;
-    Statement stmt;
+    Statement stmt(*sql);
     int rc = stmt.Prepare(db.Handle(), "SELECT value FROM settings WHERE key = ?1");
     if (rc != SQLITE_OK) {
         db.Fail(rc, "read");
         return nullptr;
     }
     stmt.Bind(1, key);
-    rc = sqlite3_step(stmt.Handle());
+    rc = stmt.Step();
     if (rc == SQLITE_DONE) return nullptr;
     if (rc != SQLITE_ROW) {
         db.Fail(rc, "read");
         return nullptr;
     }
-    const unsigned char* text = sqlite3_column_text(stmt.Handle(), 0);
+    const unsigned char* text = stmt.Text(0);
     return text != nullptr ? strdup(reinterpret_cast<const char*>(text)) : nullptr;
 }
 
@@ -129,9 +139,11 @@ extern "C" int settings_set_str(const char* key, const char* value) {
         PLATFORM_LOGE("settings_set_str: null %s", key == nullptr ? "key" : "value");
         return -1;
     }
-    Database db;
+    const SqliteApi* sql = lumora::platform::Sqlite();
+    if (sql == nullptr) return -1;
+    Database db(*sql);
     if (!db.Open(true)) return -1;
-    Statement stmt;
+    Statement stmt(*sql);
     int rc = stmt.Prepare(db.Handle(),
                           "INSERT INTO settings(key, value) VALUES(?1, ?2) "
                           "ON CONFLICT(key) DO UPDATE SET value = excluded.value");
@@ -141,7 +153,7 @@ extern "C" int settings_set_str(const char* key, const char* value) {
     }
     stmt.Bind(1, key);
     stmt.Bind(2, value);
-    rc = sqlite3_step(stmt.Handle());
+    rc = stmt.Step();
     if (rc != SQLITE_DONE) {
         db.Fail(rc, "write");
         return -1;
