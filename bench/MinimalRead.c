@@ -1,0 +1,39 @@
+/* The least a program can do to read a subject: connect to the system bus,
+ * make the one "RequestSync" call, print the text. The baseline for a
+ * one-shot `lumora read`. */
+#include <gio/gio.h>
+#include <stdio.h>
+#include <unistd.h>
+
+int main(int argc, char** argv) {
+    const char* subject = argc > 1 ? argv[1] : "Ctx/Media/Source/Info/Current";
+    GError* error = NULL;
+    gchar* address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, NULL, &error);
+    GDBusConnection* connection =
+        address == NULL ? NULL
+                        : g_dbus_connection_new_for_address_sync(
+                              address,
+                              G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                  G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION,
+                              NULL, NULL, &error);
+    g_free(address);
+    if (connection == NULL) {
+        fprintf(stderr, "minimal-read: %s\n", error->message);
+        return 1;
+    }
+    GVariant* reply = g_dbus_connection_call_sync(
+        connection, "org.verdin.tv.lumora2", "/org/verdin/tv/lumora2", "org.verdin.tv.lumora.interface2",
+        "RequestSync", g_variant_new("(iiiss)", (gint32)getpid(), 1, 1, subject, ""), NULL, G_DBUS_CALL_FLAGS_NONE,
+        1000, NULL, &error);
+    if (reply == NULL) {
+        fprintf(stderr, "minimal-read: %s\n", error->message);
+        return 1;
+    }
+    gint32 code = 0;
+    const gchar* text = NULL;
+    g_variant_get(reply, "(i&s)", &code, &text);
+    printf("%s\n", text);
+    g_variant_unref(reply);
+    g_object_unref(connection);
+    return code == 0 ? 0 : 1;
+}

@@ -1,0 +1,50 @@
+#!/bin/sh
+# A one-shot `lumora read` as a whole process, beside `gdbus call` of the same
+# "RequestSync" and a minimal GDBus program, against lumora-sim on a private
+# bus. hyperfine runs the three in ROUNDS rounds, rotating their order, so that
+# machine drift hits all alike; bench/oneshot-ratios.py prints the medians.
+# Usage: bench/run-oneshot-benchmark.sh [BUILD_DIR] [ROUNDS] [RUNS_PER_ROUND]
+set -eu
+cd "$(dirname "$0")/.."
+build=${1:-build/default}
+rounds=${2:-6}
+runs=${3:-30}
+work=$(mktemp -d /tmp/lumora-oneshot-XXXXXX)
+bus_pid=
+sim_pid=
+cleanup() {
+  [ -z "$sim_pid" ] || kill -TERM "$sim_pid" 2>/dev/null || true
+  [ -z "$bus_pid" ] || kill -TERM "$bus_pid" 2>/dev/null || true
+  rm -rf "$work"
+}
+trap cleanup EXIT
+
+dbus-daemon --config-file=data/dbus/lumora-private-bus.conf --nofork --nopidfile --print-address=3 \
+  3>"$work/address" 2>/dev/null &
+bus_pid=$!
+while [ ! -s "$work/address" ]; do sleep 0.05; done
+DBUS_SYSTEM_BUS_ADDRESS=$(head -n 1 "$work/address")
+export DBUS_SYSTEM_BUS_ADDRESS
+LUMORA_LOG_LEVEL=none "$build/tools/sim/lumora-sim" --scenario data/scenarios/sample-tv.json &
+sim_pid=$!
+while [ ! -e /tmp/lmf_service_ready ]; do sleep 0.05; done
+
+# The installed tool, as users run it (the build tree's search paths add
+# failed library lookups of their own).
+cmake --install "$build" --prefix "$work/prefix" >/dev/null
+subject=Ctx/Media/Source/Info/Current
+lumora="$work/prefix/bin/lumora read $subject"
+gdbus="gdbus call --system --dest org.verdin.tv.lumora2 --object-path /org/verdin/tv/lumora2 --method org.verdin.tv.lumora.interface2.RequestSync 0 1 1 $subject ''"
+minimal="$build/bench/minimal_read $subject"
+# Each command must succeed before it is timed.
+sh -c "$lumora" >/dev/null && sh -c "$gdbus" >/dev/null && sh -c "$minimal" >/dev/null
+
+for round in $(seq 1 "$rounds"); do
+  case $((round % 3)) in
+    0) set -- "$lumora" "$gdbus" "$minimal" ;;
+    1) set -- "$gdbus" "$minimal" "$lumora" ;;
+    2) set -- "$minimal" "$lumora" "$gdbus" ;;
+  esac
+  hyperfine --style none --warmup 3 --runs "$runs" -N --export-json "$work/round-$round.json" "$@" >/dev/null
+done
+python3 bench/oneshot-ratios.py "$work"/round-*.json
