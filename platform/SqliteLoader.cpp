@@ -20,7 +20,7 @@ struct Loaded {
 template <typename Fn>
 bool Bind(void* handle, const char* name, Fn& fn, std::string& error) {
     fn = reinterpret_cast<Fn>(dlsym(handle, name));
-    if (fn == nullptr && error.empty()) error = std::string("no symbol ") + name;
+    if (fn == nullptr) error = std::string("no symbol ") + name;
     return fn != nullptr;
 }
 
@@ -34,16 +34,16 @@ void Load(Loaded& loaded) {
     }
     SqliteApi& api = loaded.api;
     std::string& error = loaded.error;
-    loaded.ok = Bind(handle, "sqlite3_open_v2", api.open_v2, error) &
-                Bind(handle, "sqlite3_close_v2", api.close_v2, error) &
-                Bind(handle, "sqlite3_busy_timeout", api.busy_timeout, error) &
-                Bind(handle, "sqlite3_exec", api.exec, error) &
-                Bind(handle, "sqlite3_prepare_v2", api.prepare_v2, error) &
-                Bind(handle, "sqlite3_bind_text", api.bind_text, error) &
-                Bind(handle, "sqlite3_step", api.step, error) &
-                Bind(handle, "sqlite3_column_text", api.column_text, error) &
-                Bind(handle, "sqlite3_finalize", api.finalize, error) &
-                Bind(handle, "sqlite3_errmsg", api.errmsg, error) &
+    loaded.ok = Bind(handle, "sqlite3_open_v2", api.open_v2, error) &&
+                Bind(handle, "sqlite3_close_v2", api.close_v2, error) &&
+                Bind(handle, "sqlite3_busy_timeout", api.busy_timeout, error) &&
+                Bind(handle, "sqlite3_exec", api.exec, error) &&
+                Bind(handle, "sqlite3_prepare_v2", api.prepare_v2, error) &&
+                Bind(handle, "sqlite3_bind_text", api.bind_text, error) &&
+                Bind(handle, "sqlite3_step", api.step, error) &&
+                Bind(handle, "sqlite3_column_text", api.column_text, error) &&
+                Bind(handle, "sqlite3_finalize", api.finalize, error) &&
+                Bind(handle, "sqlite3_errmsg", api.errmsg, error) &&
                 Bind(handle, "sqlite3_errstr", api.errstr, error);
 }
 
