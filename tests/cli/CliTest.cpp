@@ -137,14 +137,7 @@ protected:
         if (m_control != nullptr) g_object_unref(m_control);
     }
 
-    std::string SimValue(const std::string& subject) {
-        CallResult result = CallMethod(m_control, "org.verdin.tv.lumora2", "/org/verdin/tv/lumora2",
-                                       "org.verdin.tv.lumora.interface2", "RequestSync",
-                                       g_variant_new("(iiiss)", 0, 1, 0, subject.c_str(), ""));
-        const gchar* text = "";
-        if (result.Ok()) g_variant_get_child(result.reply.get(), 1, "&s", &text);
-        return text;
-    }
+    std::string SimValue(const std::string& subject) { return ServiceValue(m_control, subject); }
     bool Control(const char* method, GVariant* parameters) { return CallControl(m_control, method, parameters).Ok(); }
 
     TempDir m_dir;

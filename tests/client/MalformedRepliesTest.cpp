@@ -66,6 +66,17 @@ protected:
 
     DBusClient* Client() { return LMFServiceAPI::m_pDbusClient; }
 
+    // Starts the library against the service, which answers "RequestAsync"
+    // with reply, and waits for the callback of one request for subject.
+    void RequestAnsweredWith(const std::string& reply, const char* subject, LumoraSubjectCb callback,
+                             Received& received) {
+        m_service->SetReply("ServiceEnable", kEnabled);
+        m_service->SetReply("RequestAsync", reply);
+        ASSERT_EQ(LMF_INIT_OK, Lumora_InitServiceWithResponse(nullptr, nullptr));
+        ASSERT_EQ(0, Client()->Request(subject, nullptr, callback, &received));
+        ASSERT_TRUE(WaitUntil([&] { return received.calls > 0; }, 5000));
+    }
+
     TestBus m_bus;
     ReadyMarker m_marker;
     LogCapture m_log;
@@ -125,12 +136,9 @@ TEST_F(MalformedRepliesTest, ResponseSignalOfAnotherSignatureIsDropped) {
 
 TEST_F(MalformedRepliesTest, AsyncReplyOfAnotherSignatureGivesTheErrorText) {
     MainLoopThread loop;
-    m_service->SetReply("ServiceEnable", kEnabled);
-    m_service->SetReply("RequestAsync", "(0, 'Ctx/App/Info/Current')");
-    ASSERT_EQ(LMF_INIT_OK, Lumora_InitServiceWithResponse(nullptr, nullptr));
     Received received;
-    ASSERT_EQ(0, Client()->Request("Ctx/App/Info/Current", nullptr, Record, &received));
-    ASSERT_TRUE(WaitUntil([&] { return received.calls > 0; }, 5000));
+    ASSERT_NO_FATAL_FAILURE(
+        RequestAnsweredWith("(0, 'Ctx/App/Info/Current')", "Ctx/App/Info/Current", Record, received));
     std::lock_guard<std::mutex> lock(received.mutex);
     EXPECT_EQ("{\"Status\":\"Error\"}", received.data);
     EXPECT_EQ("Ctx/App/Info/Current", received.subject);
@@ -139,12 +147,9 @@ TEST_F(MalformedRepliesTest, AsyncReplyOfAnotherSignatureGivesTheErrorText) {
 
 TEST_F(MalformedRepliesTest, AsyncTextPayloadOfAnotherTypeGivesTheErrorText) {
     MainLoopThread loop;
-    m_service->SetReply("ServiceEnable", kEnabled);
-    m_service->SetReply("RequestAsync", "(0, 'Ctx/App/Info/Current', <42>)");
-    ASSERT_EQ(LMF_INIT_OK, Lumora_InitServiceWithResponse(nullptr, nullptr));
     Received received;
-    ASSERT_EQ(0, Client()->Request("Ctx/App/Info/Current", nullptr, Record, &received));
-    ASSERT_TRUE(WaitUntil([&] { return received.calls > 0; }, 5000));
+    ASSERT_NO_FATAL_FAILURE(
+        RequestAnsweredWith("(0, 'Ctx/App/Info/Current', <42>)", "Ctx/App/Info/Current", Record, received));
     std::lock_guard<std::mutex> lock(received.mutex);
     EXPECT_EQ("{\"Status\":\"Error\"}", received.data);
     EXPECT_TRUE(m_log.Has("unexpected payload i, expected (s)", 'E')) << m_log.Dump();
@@ -152,12 +157,9 @@ TEST_F(MalformedRepliesTest, AsyncTextPayloadOfAnotherTypeGivesTheErrorText) {
 
 TEST_F(MalformedRepliesTest, StatisticsPayloadOfAnotherTypeGivesAnEmptyResult) {
     MainLoopThread loop;
-    m_service->SetReply("ServiceEnable", "(true, '{\"WhiteList\":[\"myapp\"]}')");
-    m_service->SetReply("RequestAsync", "(0, 'I/TallyDB/Genre/Duration', <[(uint32 1, uint32 2)]>)");
-    ASSERT_EQ(LMF_INIT_OK, Lumora_InitServiceWithResponse(nullptr, nullptr));
     Received received;
-    ASSERT_EQ(0, Client()->Request("I/TallyDB/Genre/Duration", nullptr, RecordStatistics, &received));
-    ASSERT_TRUE(WaitUntil([&] { return received.calls > 0; }, 5000));
+    ASSERT_NO_FATAL_FAILURE(RequestAnsweredWith("(0, 'I/TallyDB/Genre/Duration', <[(uint32 1, uint32 2)]>)",
+                                                "I/TallyDB/Genre/Duration", RecordStatistics, received));
     std::lock_guard<std::mutex> lock(received.mutex);
     EXPECT_EQ(0, received.statisticsCount);
 }

@@ -64,10 +64,11 @@ TEST_F(InitServiceTest, InitServiceWithResponseCallsBackAboutOneSecondLaterWithA
     EXPECT_EQ(LMF_INIT_OK, Lumora_InitServiceWithResponse(OnInit, &cb));
     EXPECT_TRUE(m_log.Has("Initialize ret(1) InitResult(0)", 'I')) << m_log.Dump();
     ASSERT_TRUE(WaitUntil([&] { return cb.calls > 0; }, 5000));
-    // A one-second GLib timer fires on a whole-second tick, so 1 to 2 s later;
-    // the upper bound leaves room for a loaded machine.
+    // GLib moves a one-second timer onto its per-process second tick, which
+    // can make it fire up to a quarter second early or most of a second late;
+    // the upper bound also leaves room for a loaded machine.
     long long elapsed = cb.calledAtMs - start;
-    EXPECT_GE(elapsed, 900);
+    EXPECT_GE(elapsed, 700);
     EXPECT_LE(elapsed, 3500);
     EXPECT_TRUE(cb.nullData);
     EXPECT_EQ(&cb, cb.userData.load());

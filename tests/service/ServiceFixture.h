@@ -59,15 +59,7 @@ protected:
     }
 
     /// The subject's value as the simulator answers a plain GIO client.
-    std::string SimValue(const std::string& subject) {
-        CallResult result = CallMethod(m_control, "org.verdin.tv.lumora2", "/org/verdin/tv/lumora2",
-                                       "org.verdin.tv.lumora.interface2", "RequestSync",
-                                       g_variant_new("(iiiss)", 0, 1, 0, subject.c_str(), ""));
-        if (!result.Ok()) return result.Print();
-        const gchar* text = nullptr;
-        g_variant_get_child(result.reply.get(), 1, "&s", &text);
-        return text;
-    }
+    std::string SimValue(const std::string& subject) { return ServiceValue(m_control, subject); }
 
     TempDir m_dir;
     LogCapture m_log;

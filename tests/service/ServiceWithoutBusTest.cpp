@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "BusCalls.h"
 #include "LogCapture.h"
 #include "MainLoopThread.h"
 #include "TempDir.h"
@@ -161,25 +162,19 @@ TEST_F(ServiceWithoutBusTest, VolumeReadWarnsEvenWhenTheReadFails) {
 
 // Counts the bus's connections other than the one asking.
 int OtherConnections(const std::string& address) {
-    GDBusConnection* query = g_dbus_connection_new_for_address_sync(
-        address.c_str(),
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, nullptr);
+    GDBusConnection* query = lumora::test::ConnectToBus(address);
     if (query == nullptr) return -1;
-    GVariant* reply = g_dbus_connection_call_sync(query, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                                  "org.freedesktop.DBus", "ListNames", nullptr, nullptr,
-                                                  G_DBUS_CALL_FLAGS_NONE, 2000, nullptr, nullptr);
+    lumora::test::CallResult names = lumora::test::CallMethod(query, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                                              "org.freedesktop.DBus", "ListNames", nullptr, 2000);
     int count = 0;
-    if (reply != nullptr) {
-        GVariantIter* names = nullptr;
+    if (names.Ok()) {
+        GVariantIter* iter = nullptr;
         const gchar* name = nullptr;
-        g_variant_get(reply, "(as)", &names);
-        while (g_variant_iter_next(names, "&s", &name)) {
+        g_variant_get(names.reply.get(), "(as)", &iter);
+        while (g_variant_iter_next(iter, "&s", &name)) {
             if (name[0] == ':' && g_strcmp0(name, g_dbus_connection_get_unique_name(query)) != 0) ++count;
         }
-        g_variant_iter_free(names);
-        g_variant_unref(reply);
+        g_variant_iter_free(iter);
     }
     g_object_unref(query);
     return count;

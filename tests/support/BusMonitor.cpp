@@ -1,6 +1,8 @@
 // BusMonitor: a dbus-daemon monitor connection with a recording filter.
 #include "BusMonitor.h"
 
+#include "BusCalls.h"
+
 #include <chrono>
 #include <cstdio>
 
@@ -53,32 +55,20 @@ BusMessage Describe(GDBusMessage* message) {
 }  // namespace
 
 BusMonitor::BusMonitor(const std::string& address) {
-    GError* error = nullptr;
-    m_connection = g_dbus_connection_new_for_address_sync(
-        address.c_str(),
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, &error);
-    if (m_connection == nullptr) {
-        fprintf(stderr, "monitor: %s\n", error->message);
-        g_error_free(error);
-        return;
-    }
+    m_connection = ConnectToBus(address);
+    if (m_connection == nullptr) return;
     g_dbus_connection_add_filter(m_connection, Filter, this, nullptr);
     std::string toService = std::string("type='method_call',destination='") + kService + "'";
     std::string signals = std::string("type='signal',interface='") + kInterface + "'";
     const gchar* rules[] = {toService.c_str(), signals.c_str(), nullptr};
-    GVariant* reply = g_dbus_connection_call_sync(
-        m_connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus.Monitoring",
-        "BecomeMonitor", g_variant_new("(^asu)", rules, 0u), nullptr, G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &error);
-    if (reply == nullptr) {
-        fprintf(stderr, "monitor: %s\n", error->message);
-        g_error_free(error);
+    CallResult monitoring = CallMethod(m_connection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                       "org.freedesktop.DBus.Monitoring", "BecomeMonitor",
+                                       g_variant_new("(^asu)", rules, 0u));
+    if (!monitoring.Ok()) {
+        fprintf(stderr, "monitor: %s\n", monitoring.Print().c_str());
         g_object_unref(m_connection);
         m_connection = nullptr;
-        return;
     }
-    g_variant_unref(reply);
 }
 
 BusMonitor::~BusMonitor() {

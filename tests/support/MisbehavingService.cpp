@@ -1,5 +1,7 @@
 #include "MisbehavingService.h"
 
+#include "BusCalls.h"
+
 #include <unistd.h>
 
 #include <cstdio>
@@ -12,30 +14,17 @@ constexpr const char* kMarker = "/tmp/lmf_service_ready";
 }
 
 MisbehavingService::MisbehavingService(const std::string& address) {
-    GError* error = nullptr;
-    m_connection = g_dbus_connection_new_for_address_sync(
-        address.c_str(),
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, &error);
-    if (m_connection == nullptr) {
-        fprintf(stderr, "misbehaving service: %s\n", error->message);
-        g_error_free(error);
-        return;
-    }
+    m_connection = ConnectToBus(address);
+    if (m_connection == nullptr) return;
     g_dbus_connection_add_filter(m_connection, Filter, this, nullptr);
-    GVariant* reply = g_dbus_connection_call_sync(m_connection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                                  "org.freedesktop.DBus", "RequestName",
-                                                  g_variant_new("(su)", "org.verdin.tv.lumora2", 0u),
-                                                  G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &error);
-    if (reply == nullptr) {
-        fprintf(stderr, "misbehaving service: %s\n", error->message);
-        g_error_free(error);
+    CallResult owned = CallMethod(m_connection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                  "org.freedesktop.DBus", "RequestName",
+                                  g_variant_new("(su)", "org.verdin.tv.lumora2", 0u));
+    if (!owned.Ok()) {
+        fprintf(stderr, "misbehaving service: %s\n", owned.Print().c_str());
         g_object_unref(m_connection);
         m_connection = nullptr;
-        return;
     }
-    g_variant_unref(reply);
 }
 
 MisbehavingService::~MisbehavingService() {

@@ -162,4 +162,15 @@ CallResult CallControl(GDBusConnection* connection, const char* method, GVariant
                       method, parameters, timeoutMs);
 }
 
+std::string ServiceValue(GDBusConnection* connection, const std::string& subject) {
+    CallResult result = CallMethod(connection, lumora::contract::kBusName, lumora::contract::kObjectPath,
+                                   lumora::contract::kInterface, lumora::contract::kMethodRequestSync,
+                                   g_variant_new(lumora::contract::kRequestTuple, 0, lumora::contract::kRequestRead, 0,
+                                                 subject.c_str(), ""));
+    if (!result.Ok()) return result.Print();
+    const gchar* text = nullptr;
+    g_variant_get_child(result.reply.get(), 1, "&s", &text);
+    return text;
+}
+
 }  // namespace lumora::test

@@ -65,6 +65,10 @@ RunResult RunProgram(const std::string& executable, const std::vector<std::strin
 CallResult CallControl(GDBusConnection* connection, const char* method, GVariant* parameters = nullptr,
                        int timeoutMs = 10000);
 
+/// The subject's value as the simulator answers a plain "RequestSync" read on
+/// connection, or the printed error.
+std::string ServiceValue(GDBusConnection* connection, const std::string& subject);
+
 /// Whether the readiness marker file exists.
 bool ReadyMarkerExists();
 
