@@ -60,7 +60,9 @@ TEST_F(ServiceRestartTest, ByeMakesTheServiceUnavailableUntilHello) {
     EXPECT_EQ(nullptr, Lumora_ReadCurrentAppInfo(nullptr));
     EXPECT_TRUE(m_log.Has("[myapp] Service is not available", 'E')) << m_log.Dump();
     restart.join();
-    EXPECT_TRUE(LMFServiceAPI::IsAvailable());
+    // HELLO was sent before the answer, but reaches the library through its
+    // main loop.
+    EXPECT_TRUE(WaitUntil([] { return LMFServiceAPI::IsAvailable(); }, 5000));
     char* value = Lumora_ReadCurrentAppInfo(nullptr);
     EXPECT_NE(nullptr, value);
     free(value);
