@@ -69,11 +69,6 @@ protected:
     GDBusConnection* m_control = nullptr;
 };
 
-/// A scenario file of the given JSON in dir.
-inline std::string WriteScenario(const TempDir& dir, const std::string& json) {
-    return dir.Write("scenario.json", json);
-}
-
 }  // namespace lumora::test
 
 #endif

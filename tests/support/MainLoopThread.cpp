@@ -58,14 +58,4 @@ bool WaitUntil(const std::function<bool()>& done, int timeoutMs) {
     return true;
 }
 
-bool IterateUntil(const std::function<bool()>& done, int timeoutMs, GMainContext* context) {
-    gint64 deadline = g_get_monotonic_time() + static_cast<gint64>(timeoutMs) * 1000;
-    while (!done()) {
-        if (g_get_monotonic_time() >= deadline) return false;
-        g_main_context_iteration(context, FALSE);
-        g_usleep(1000);
-    }
-    return true;
-}
-
 }  // namespace lumora::test

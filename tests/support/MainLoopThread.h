@@ -37,9 +37,6 @@ private:
 /// another thread runs the main loop.
 bool WaitUntil(const std::function<bool()>& done, int timeoutMs);
 
-/// Iterates context (the default one when null) until done() or timeoutMs.
-bool IterateUntil(const std::function<bool()>& done, int timeoutMs, GMainContext* context = nullptr);
-
 }  // namespace lumora::test
 
 #endif
