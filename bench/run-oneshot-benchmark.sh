@@ -10,24 +10,7 @@ build=${1:-build/default}
 rounds=${2:-6}
 runs=${3:-30}
 work=$(mktemp -d /tmp/lumora-oneshot-XXXXXX)
-bus_pid=
-sim_pid=
-cleanup() {
-  [ -z "$sim_pid" ] || kill -TERM "$sim_pid" 2>/dev/null || true
-  [ -z "$bus_pid" ] || kill -TERM "$bus_pid" 2>/dev/null || true
-  rm -rf "$work"
-}
-trap cleanup EXIT
-
-dbus-daemon --config-file=data/dbus/lumora-private-bus.conf --nofork --nopidfile --print-address=3 \
-  3>"$work/address" 2>/dev/null &
-bus_pid=$!
-while [ ! -s "$work/address" ]; do sleep 0.05; done
-DBUS_SYSTEM_BUS_ADDRESS=$(head -n 1 "$work/address")
-export DBUS_SYSTEM_BUS_ADDRESS
-LUMORA_LOG_LEVEL=none "$build/tools/sim/lumora-sim" --scenario data/scenarios/sample-tv.json &
-sim_pid=$!
-while [ ! -e /tmp/lmf_service_ready ]; do sleep 0.05; done
+. bench/private-service.sh
 
 # The installed tool, as users run it (the build tree's search paths add
 # failed library lookups of their own).
