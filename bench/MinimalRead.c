@@ -1,11 +1,25 @@
 /* The least a program can do to read a subject: connect to the system bus,
  * make the one "RequestSync" call, print the text. The baseline for a
- * one-shot `lumora read`. */
+ * one-shot `lumora read`. With --service-enable first it asks "ServiceEnable"
+ * before reading, as every client of the service must when it starts: the
+ * least a client of this protocol can do. */
 #include <gio/gio.h>
 #include <stdio.h>
+#include <string.h>
 #include <unistd.h>
 
+static GVariant* Call(GDBusConnection* connection, const char* method, GVariant* parameters, GError** error) {
+    return g_dbus_connection_call_sync(connection, "org.verdin.tv.lumora2", "/org/verdin/tv/lumora2",
+                                       "org.verdin.tv.lumora.interface2", method, parameters, NULL,
+                                       G_DBUS_CALL_FLAGS_NONE, 1000, NULL, error);
+}
+
 int main(int argc, char** argv) {
+    gboolean enableFirst = argc > 1 && strcmp(argv[1], "--service-enable") == 0;
+    if (enableFirst) {
+        --argc;
+        ++argv;
+    }
     const char* subject = argc > 1 ? argv[1] : "Ctx/Media/Source/Info/Current";
     GError* error = NULL;
     gchar* address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, NULL, &error);
@@ -21,10 +35,15 @@ int main(int argc, char** argv) {
         fprintf(stderr, "minimal-read: %s\n", error->message);
         return 1;
     }
-    GVariant* reply = g_dbus_connection_call_sync(
-        connection, "org.verdin.tv.lumora2", "/org/verdin/tv/lumora2", "org.verdin.tv.lumora.interface2",
-        "RequestSync", g_variant_new("(iiiss)", (gint32)getpid(), 1, 1, subject, ""), NULL, G_DBUS_CALL_FLAGS_NONE,
-        1000, NULL, &error);
+    if (enableFirst) {
+        GVariant* enabled = Call(connection, "ServiceEnable", NULL, &error);
+        if (enabled == NULL) {
+            fprintf(stderr, "minimal-read: %s\n", error->message);
+            return 1;
+        }
+        g_variant_unref(enabled);
+    }
+    GVariant* reply = Call(connection, "RequestSync", g_variant_new("(iiiss)", (gint32)getpid(), 1, 1, subject, ""), &error);
     if (reply == NULL) {
         fprintf(stderr, "minimal-read: %s\n", error->message);
         return 1;

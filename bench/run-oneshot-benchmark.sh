@@ -1,8 +1,11 @@
 #!/bin/sh
 # A one-shot `lumora read` as a whole process, beside `gdbus call` of the same
 # "RequestSync" and a minimal GDBus program, against lumora-sim on a private
-# bus. hyperfine runs the three in ROUNDS rounds, rotating their order, so that
-# machine drift hits all alike; bench/oneshot-ratios.py prints the medians.
+# bus. Three more commands split the difference: the minimal program asking
+# "ServiceEnable" first (the protocol's start), and an empty program linked
+# like the minimal one and like `lumora` (the cost of loading the library).
+# hyperfine runs them in ROUNDS rounds, rotating their order, so that machine
+# drift hits all alike; bench/oneshot-ratios.py prints the medians.
 # Usage: bench/run-oneshot-benchmark.sh [BUILD_DIR] [ROUNDS] [RUNS_PER_ROUND]
 set -eu
 cd "$(dirname "$0")/.."
@@ -19,15 +22,23 @@ subject=Ctx/Media/Source/Info/Current
 lumora="$work/prefix/bin/lumora read $subject"
 gdbus="gdbus call --system --dest org.verdin.tv.lumora2 --object-path /org/verdin/tv/lumora2 --method org.verdin.tv.lumora.interface2.RequestSync 0 1 1 $subject ''"
 minimal="$build/bench/minimal_read $subject"
+enable_first="$build/bench/minimal_read --service-enable $subject"
+floor_gio="$build/bench/startup_floor_gio"
+cp "$build/bench/startup_floor_lumora" "$work/prefix/bin/"
+floor_lumora="$work/prefix/bin/startup_floor_lumora"
 # Each command must succeed before it is timed.
-sh -c "$lumora" >/dev/null && sh -c "$gdbus" >/dev/null && sh -c "$minimal" >/dev/null
+for command in "$lumora" "$gdbus" "$minimal" "$enable_first" "$floor_gio" "$floor_lumora"; do
+  sh -c "$command" >/dev/null
+done
 
 for round in $(seq 1 "$rounds"); do
-  case $((round % 3)) in
-    0) set -- "$lumora" "$gdbus" "$minimal" ;;
-    1) set -- "$gdbus" "$minimal" "$lumora" ;;
-    2) set -- "$minimal" "$lumora" "$gdbus" ;;
-  esac
+  # Rotate the order by one place each round.
+  set -- "$lumora" "$gdbus" "$minimal" "$enable_first" "$floor_gio" "$floor_lumora"
+  for _ in $(seq 1 $((round % 6))); do
+    first=$1
+    shift
+    set -- "$@" "$first"
+  done
   hyperfine --style none --warmup 3 --runs "$runs" -N --export-json "$work/round-$round.json" "$@" >/dev/null
 done
 python3 bench/oneshot-ratios.py "$work"/round-*.json
