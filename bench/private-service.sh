@@ -5,7 +5,12 @@
 bus_pid=
 sim_pid=
 stop_private_service() {
-  [ -z "$sim_pid" ] || kill -TERM "$sim_pid" 2>/dev/null || true
+  # The service first, and waited for, so that it says "BYE" on a bus that
+  # is still there.
+  if [ -n "$sim_pid" ]; then
+    kill -TERM "$sim_pid" 2>/dev/null || true
+    wait "$sim_pid" 2>/dev/null || true
+  fi
   [ -z "$bus_pid" ] || kill -TERM "$bus_pid" 2>/dev/null || true
   rm -rf "$work"
 }
