@@ -120,11 +120,12 @@ protected:
 
     LogCapture m_log;
     TestBus m_bus;
-    MainLoopThread m_server{true};
     Events m_events;
     GDBusConnection* m_shared = nullptr;
     GDBusConnection* m_client = nullptr;
     LumoraDIPCHandle* m_handle = nullptr;
+    // Last, as in SignalRecorder: its thread starts once the rest exists.
+    MainLoopThread m_server{true};
 };
 
 TEST_F(DipcTest, StartIsRefusedForTheAgentProcess) {

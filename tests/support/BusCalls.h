@@ -73,11 +73,14 @@ private:
     static void OnSignal(GDBusConnection*, const gchar* sender, const gchar* path, const gchar*, const gchar* member,
                          GVariant* parameters, gpointer self);
 
-    MainLoopThread m_thread{true};
     GDBusConnection* m_connection = nullptr;
     guint m_subscription = 0;
     mutable std::mutex m_mutex;
     std::vector<ReceivedSignal> m_signals;
+    // Last: the thread starts once the members it uses exist. Work handed to
+    // it later passes through GLib's own lock, which ThreadSanitizer cannot
+    // see, so only the thread's start orders those constructions before it.
+    MainLoopThread m_thread{true};
 };
 
 }  // namespace lumora::test
