@@ -14,6 +14,11 @@ static GVariant* Call(GDBusConnection* connection, const char* method, GVariant*
                                        G_DBUS_CALL_FLAGS_NONE, 1000, NULL, error);
 }
 
+static int Fail(const GError* error) {
+    fprintf(stderr, "minimal-read: %s\n", error->message);
+    return 1;
+}
+
 int main(int argc, char** argv) {
     gboolean enableFirst = argc > 1 && strcmp(argv[1], "--service-enable") == 0;
     if (enableFirst) {
@@ -32,21 +37,18 @@ int main(int argc, char** argv) {
                               NULL, NULL, &error);
     g_free(address);
     if (connection == NULL) {
-        fprintf(stderr, "minimal-read: %s\n", error->message);
-        return 1;
+        return Fail(error);
     }
     if (enableFirst) {
         GVariant* enabled = Call(connection, "ServiceEnable", NULL, &error);
         if (enabled == NULL) {
-            fprintf(stderr, "minimal-read: %s\n", error->message);
-            return 1;
+            return Fail(error);
         }
         g_variant_unref(enabled);
     }
     GVariant* reply = Call(connection, "RequestSync", g_variant_new("(iiiss)", (gint32)getpid(), 1, 1, subject, ""), &error);
     if (reply == NULL) {
-        fprintf(stderr, "minimal-read: %s\n", error->message);
-        return 1;
+        return Fail(error);
     }
     gint32 code = 0;
     const gchar* text = NULL;

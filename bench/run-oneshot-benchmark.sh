@@ -26,19 +26,17 @@ enable_first="$build/bench/minimal_read --service-enable $subject"
 floor_gio="$build/bench/startup_floor_gio"
 cp "$build/bench/startup_floor_lumora" "$work/prefix/bin/"
 floor_lumora="$work/prefix/bin/startup_floor_lumora"
+set -- "$lumora" "$gdbus" "$minimal" "$enable_first" "$floor_gio" "$floor_lumora"
 # Each command must succeed before it is timed.
-for command in "$lumora" "$gdbus" "$minimal" "$enable_first" "$floor_gio" "$floor_lumora"; do
+for command; do
   sh -c "$command" >/dev/null
 done
 
 for round in $(seq 1 "$rounds"); do
   # Rotate the order by one place each round.
-  set -- "$lumora" "$gdbus" "$minimal" "$enable_first" "$floor_gio" "$floor_lumora"
-  for _ in $(seq 1 $((round % 6))); do
-    first=$1
-    shift
-    set -- "$@" "$first"
-  done
+  first=$1
+  shift
+  set -- "$@" "$first"
   hyperfine --style none --warmup 3 --runs "$runs" -N --export-json "$work/round-$round.json" "$@" >/dev/null
 done
 python3 bench/oneshot-ratios.py "$work"/round-*.json
