@@ -1,4 +1,5 @@
 // DBusClient: decoding of the five usage-statistics replies into plain records.
+#define LMF_LOG_UNIT "DBusClient.cpp"
 #include <lumora/DBusClient.h>
 
 #include <cstdlib>

@@ -1,4 +1,5 @@
 // DBusClient: the whitelist of processes admitted to internal subjects.
+#define LMF_LOG_UNIT "DBusClient.cpp"
 #include <lumora/ContextData.h>
 #include <lumora/DBusClient.h>
 

@@ -35,15 +35,16 @@ bool IsPermittedProcess(const char* processName) {
 }
 
 // The callbacks are plain function pointers, but C++ code behind them could
-// still throw; nothing may unwind through GIO's C frames.
+// still throw; nothing may unwind through GIO's C frames. The lines belong to
+// the handler that called, caller.
 template <typename Fn>
-void CallUserCallback(Fn&& fn) noexcept {
+void CallUserCallback(const char* caller, Fn&& fn) noexcept {
     try {
         fn();
     } catch (const std::exception& e) {
-        LMF_LOGE("callback threw: %s", e.what());
+        LMF_LOGE_IN(caller, "callback threw: %s", e.what());
     } catch (...) {
-        LMF_LOGE("callback threw an unknown exception");
+        LMF_LOGE_IN(caller, "callback threw an unknown exception");
     }
 }
 
@@ -58,14 +59,14 @@ void __OnMethodCall(GDBusConnection* /*connection*/, const gchar* sender, const 
     LumoraDIPCMethodCallCb callback = handle->callbacks.onMethodCall;
     if (callback == nullptr) return;
     CallUserCallback(
-        [&] { callback(sender, objectPath, interfaceName, methodName, parameters, invocation, handle->userData); });
+        __func__, [&] { callback(sender, objectPath, interfaceName, methodName, parameters, invocation, handle->userData); });
 }
 
 const GDBusInterfaceVTable kMethodTable = {__OnMethodCall, nullptr, nullptr, {nullptr}};
 
-void CallNameCallback(LumoraDIPCNameCb callback, const gchar* name, void* userData) {
+void CallNameCallback(const char* caller, LumoraDIPCNameCb callback, const gchar* name, void* userData) {
     if (callback == nullptr) return;
-    CallUserCallback([&] { callback(name, userData); });
+    CallUserCallback(caller, [&] { callback(name, userData); });
 }
 
 void __OnBusAcquired(GDBusConnection* /*connection*/, const gchar* name, gpointer userData) {
@@ -75,7 +76,7 @@ void __OnBusAcquired(GDBusConnection* /*connection*/, const gchar* name, gpointe
         return;
     }
     // The object is registered only once the name is ours.
-    CallNameCallback(handle->callbacks.onBusAcquired, name, handle->userData);
+    CallNameCallback(__func__, handle->callbacks.onBusAcquired, name, handle->userData);
 }
 
 void __OnNameAcquired(GDBusConnection* connection, const gchar* name, gpointer userData) {
@@ -92,7 +93,7 @@ void __OnNameAcquired(GDBusConnection* connection, const gchar* name, gpointer u
     }
     handle->registrationId = id;
     handle->connection = connection;
-    CallNameCallback(handle->callbacks.onNameAcquired, name, handle->userData);
+    CallNameCallback(__func__, handle->callbacks.onNameAcquired, name, handle->userData);
 }
 
 void __OnNameLost(GDBusConnection* /*connection*/, const gchar* name, gpointer userData) {
@@ -102,7 +103,7 @@ void __OnNameLost(GDBusConnection* /*connection*/, const gchar* name, gpointer u
         return;
     }
     // Nothing is released: whether to stop is the caller's decision.
-    CallNameCallback(handle->callbacks.onNameLost, name, handle->userData);
+    CallNameCallback(__func__, handle->callbacks.onNameLost, name, handle->userData);
 }
 
 }  // namespace

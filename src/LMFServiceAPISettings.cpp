@@ -1,5 +1,6 @@
 // LMFServiceAPI: hint, action and item lists kept in the platform's settings
 // store, and the recommended lists asked of the service.
+#define LMF_LOG_UNIT "LMFServiceAPI.cpp"
 #include <lumora/ContextData.h>
 #include <lumora/LMFServiceAPI.h>
 #include <lumora/lumora-platform.h>
@@ -30,9 +31,10 @@ std::string HintListKey(const char* type) {
     return std::string(kServiceKeyPrefix) + kHintListSuffix;
 }
 
-bool StoreSetting(const char* key, const char* value) {
+// The line belongs to caller, STAction or WriteItemList.
+bool StoreSetting(const char* caller, const char* key, const char* value) {
     if (settings_set_str(key, value) != 0) {
-        LMF_LOGE("failed to set setbank key (%s)", key);
+        LMF_LOGE_IN(caller, "failed to set setbank key (%s)", key);
         return false;
     }
     return true;
@@ -63,7 +65,7 @@ bool ShortCutEntry(ContextData& input, ContextData& stored, ContextData& entry) 
         entry.SetValueNoArry("edit_list", list);
         return true;
     }
-    LMF_LOGE("[%s] mode (%s) error", kShortCutGroup, mode.c_str());
+    LMF_LOGE_IN("WriteItemList", "[%s] mode (%s) error", kShortCutGroup, mode.c_str());
     return false;
 }
 
@@ -95,7 +97,7 @@ bool LMFServiceAPI::STAction(const char* uri, const char* data) {
     action.SetValue("data", data);
     const char* text = action.MakeStr();
     LMF_LOGI("ST Action setbank set as (%s)", text);
-    return StoreSetting(kSTActionKey, text);
+    return StoreSetting(__func__, kSTActionKey, text);
 }
 
 bool LMFServiceAPI::WriteItemList(const char* json) {
@@ -128,7 +130,7 @@ bool LMFServiceAPI::WriteItemList(const char* json) {
     }
     const char* text = result.MakeStr();
     LMF_LOGI("Item List setbank set as (%s)", text);
-    return StoreSetting(kItemListKey, text);
+    return StoreSetting(__func__, kItemListKey, text);
 }
 
 char* LMFServiceAPI::ReadRecommendedList(const char* json) {

@@ -12,16 +12,16 @@
 
 namespace lumora::internal {
 
-// Runs fn() and returns its result; on an exception logs where and what, and
-// returns fallback.
+// Runs fn() and returns its result; on an exception logs what, as a line of
+// the operation where (in the including file's unit), and returns fallback.
 template <typename R, typename Fn>
 R Guarded(const char* where, R fallback, Fn&& fn) noexcept {
     try {
         return std::forward<Fn>(fn)();
     } catch (const std::exception& e) {
-        LMF_LOGE("%s: unexpected exception: %s", where, e.what());
+        LMF_LOGE_IN(where, "unexpected exception: %s", e.what());
     } catch (...) {
-        LMF_LOGE("%s: unexpected exception", where);
+        LMF_LOGE_IN(where, "unexpected exception");
     }
     return fallback;
 }

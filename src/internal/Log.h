@@ -1,5 +1,12 @@
 // The library's log lines: tag "LMF_API" and the prefix
-// "<source file>: <function>(<line>) > " before the event's own text.
+// "<source unit>: <function>(<line>) > " before the event's own text.
+//
+// The unit is the class's source file as a reader of the log knows it. A
+// class split over several files names its first file: define LMF_LOG_UNIT
+// (for example "DBusClient.cpp") before the first #include of such a file.
+// Lines written from a helper or a lambda name the operation they belong to
+// with LMF_LOGE_IN("OnResponseAsync", ...) and its siblings, since __func__
+// would say "operator()" or the helper's own name.
 #ifndef LUMORA_INTERNAL_LOG_H
 #define LUMORA_INTERNAL_LOG_H
 
@@ -19,19 +26,29 @@ constexpr const char* BaseName(const char* path) {
 
 }  // namespace lumora::internal
 
+#ifndef LMF_LOG_UNIT
 #ifdef __FILE_NAME__
-#define LMF_SOURCE_FILE __FILE_NAME__
+#define LMF_LOG_UNIT __FILE_NAME__
 #else
-#define LMF_SOURCE_FILE ::lumora::internal::BaseName(__FILE__)
+#define LMF_LOG_UNIT ::lumora::internal::BaseName(__FILE__)
+#endif
 #endif
 
-#define LMF_LOG_AT(prio, fmt, ...)                                                                    \
-    ::log_print((prio), ::lumora::internal::kLogTag, "%s: %s(%d) > " fmt, LMF_SOURCE_FILE, __func__, \
-                __LINE__, ##__VA_ARGS__)
+#define LMF_LOG_FULL(prio, function, fmt, ...)                                                            \
+    ::log_print((prio), ::lumora::internal::kLogTag, "%s: %s(%d) > " fmt, LMF_LOG_UNIT, (function), __LINE__, \
+                ##__VA_ARGS__)
+
+#define LMF_LOG_AT(prio, fmt, ...) LMF_LOG_FULL(prio, __func__, fmt, ##__VA_ARGS__)
 
 #define LMF_LOGD(fmt, ...) LMF_LOG_AT(LUMORA_PRIO_DEBUG, fmt, ##__VA_ARGS__)
 #define LMF_LOGI(fmt, ...) LMF_LOG_AT(LUMORA_PRIO_INFO, fmt, ##__VA_ARGS__)
 #define LMF_LOGW(fmt, ...) LMF_LOG_AT(LUMORA_PRIO_WARN, fmt, ##__VA_ARGS__)
 #define LMF_LOGE(fmt, ...) LMF_LOG_AT(LUMORA_PRIO_ERROR, fmt, ##__VA_ARGS__)
+
+// The same, for a line that belongs to the operation named by function.
+#define LMF_LOGD_IN(function, fmt, ...) LMF_LOG_FULL(LUMORA_PRIO_DEBUG, function, fmt, ##__VA_ARGS__)
+#define LMF_LOGI_IN(function, fmt, ...) LMF_LOG_FULL(LUMORA_PRIO_INFO, function, fmt, ##__VA_ARGS__)
+#define LMF_LOGW_IN(function, fmt, ...) LMF_LOG_FULL(LUMORA_PRIO_WARN, function, fmt, ##__VA_ARGS__)
+#define LMF_LOGE_IN(function, fmt, ...) LMF_LOG_FULL(LUMORA_PRIO_ERROR, function, fmt, ##__VA_ARGS__)
 
 #endif  // LUMORA_INTERNAL_LOG_H

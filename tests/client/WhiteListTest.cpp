@@ -95,7 +95,7 @@ TEST_F(WhiteListTest, InvalidJsonIsRefusedAndLeavesTheListAsItWas) {
     ASSERT_EQ(1u, records.size()) << m_log.Dump();
     EXPECT_EQ("Json Parsing Failed", records[0].text);
     EXPECT_EQ('E', records[0].level);
-    EXPECT_EQ("DBusClientWhiteList.cpp", records[0].file);
+    EXPECT_EQ("DBusClient.cpp", records[0].file);
     EXPECT_EQ("__SetWhiteList", records[0].function);
     EXPECT_TRUE(Allowed("myapp"));
     EXPECT_FALSE(Allowed("other"));
