@@ -1,5 +1,6 @@
 // DBusClient: instance, connection, service readiness, reconnection and the
 // three timers that finish that work later from the main loop.
+#define LMF_LOG_UNIT "DBusClient.cpp"
 #include <lumora/ContextAutoLock.h>
 #include <lumora/DBusClient.h>
 #include <unistd.h>
@@ -8,6 +9,7 @@
 #include "internal/Atomic.h"
 #include "internal/Boundary.h"
 #include "internal/Log.h"
+#include "internal/Reentry.h"
 #include "internal/ServiceContract.h"
 
 namespace contract = lumora::contract;
@@ -98,12 +100,12 @@ void DBusClientInternal::InitializeOnOpenConnection(DBusClient& client, LMF_INIT
 
 void DBusClientInternal::InitializeOnNewConnection(DBusClient& client, LMF_INIT_RESULT* result) {
     const char* name = ProcessName(client);
-    LMF_LOGE("[%s] Success to connect Dbus ", name);
+    LMF_LOGE_IN("Initialize", "[%s] Success to connect Dbus ", name);
     if (client.m_subscriberID == 0) client.m_subscriberID = SubscribeResponseSignal(client);
     MarkBusConnected(client, true);
     // The marker file is consulted only here, on a fresh connection.
     if (client.__IsLMFServiceReady() && client.__IsServiceEnable()) {
-        LMF_LOGE("[%s] LMF service is available now ..", name);
+        LMF_LOGE_IN("Initialize", "[%s] LMF service is available now ..", name);
         MarkServiceAvailable(client, true);
         if (client.m_fnInitCb != nullptr) {
             RemoveSource(client.m_nInitCbTimerId);
@@ -112,10 +114,10 @@ void DBusClientInternal::InitializeOnNewConnection(DBusClient& client, LMF_INIT_
         SetResult(result, LMF_INIT_OK);
         return;
     }
-    LMF_LOGE("[%s] LMF service isn't ready or available yet ..", name);
+    LMF_LOGE_IN("Initialize", "[%s] LMF service isn't ready or available yet ..", name);
     MarkServiceAvailable(client, false);
     SetResult(result, LMF_INIT_SERVICE_NOT_READY);
-    LMF_LOGE("[%s] Set Timer ..", name);
+    LMF_LOGE_IN("Initialize", "[%s] Set Timer ..", name);
     RemoveSource(client.m_nRecheckTimerId);
     client.m_nRecheckTimerId = g_timeout_add_seconds(kRecheckIntervalSeconds, RecheckTimeoutThunk, &client);
 }
@@ -136,6 +138,7 @@ DBusClient* DBusClient::GetInstance() {
 
 void DBusClient::DeleteInstance() {
     if (AtomicLoad(m_pInstance) == nullptr) return;
+    if (LMF_REFUSED_IN_CALLBACK(lumora::internal::kClientMutex)) return;
     ContextAutoLock lock(&m_clientMutex);
     delete m_pInstance;
     AtomicStore(m_pInstance, static_cast<DBusClient*>(nullptr));
@@ -166,6 +169,8 @@ bool DBusClient::__IsServiceEnable() {
         if (error != nullptr) g_error_free(error);
         return false;
     }
+    // Checked, not assumed: g_variant_get on a reply of another type is a GLib
+    // critical; such a service counts as not enabled.
     if (!g_variant_is_of_type(reply, G_VARIANT_TYPE(contract::kServiceEnableReply))) {
         LMF_LOGE("Error : unexpected reply %s, expected %s", g_variant_get_type_string(reply),
                  contract::kServiceEnableReply);
@@ -188,6 +193,7 @@ bool DBusClient::__IsServiceEnable() {
 // ---- Initialize / Finalize ---------------------------------------------------
 
 bool DBusClient::Initialize(LMF_INIT_RESULT* result, LumoraInitCb callback, void* userData) {
+    if (LMF_REFUSED_IN_CALLBACK(lumora::internal::kClientMutex)) return false;
     ContextAutoLock lock(&m_clientMutex);
     // The records are not freed here: Finalize frees them, and an Initialize
     // without Finalize abandons them to the calls that may still hold them.
@@ -217,7 +223,8 @@ bool DBusClient::Initialize(LMF_INIT_RESULT* result, LumoraInitCb callback, void
             LMF_LOGE("[%s] m_connection error msg[%s]", m_strProcessName.c_str(), error->message);
             g_error_free(error);
         }
-        // One reconnect timer at a time, however often Initialize is called.
+        // One reconnect timer at a time, however often Initialize fails: an
+        // earlier timer left running would open a connection of its own.
         RemoveSource(m_nReConnectTimerId);
         m_nReConnectTimerId = g_timeout_add_seconds(kReconnectIntervalSeconds, ReConnectTimeoutThunk, this);
         SetResult(result, LMF_INIT_CONNECTION_FAILED);
@@ -228,6 +235,7 @@ bool DBusClient::Initialize(LMF_INIT_RESULT* result, LumoraInitCb callback, void
 }
 
 bool DBusClient::Finalize() {
+    if (LMF_REFUSED_IN_CALLBACK(lumora::internal::kClientMutex)) return false;
     ContextAutoLock lock(&m_clientMutex);
     if (!m_vSubscribeList.empty()) __DeleteAllSubscribes();
     if (!m_vRequestList.empty()) __DeleteAllRequests();
@@ -260,17 +268,21 @@ gboolean DBusClient::InitTimeoutCb() {
     LumoraInitCb callback = nullptr;
     void* userData = nullptr;
     {
-        // Only the hand-over of the stored pair is locked; the application's
-        // callback runs without the client mutex, so that it may use the
-        // library.
         ContextAutoLock lock(&m_clientMutex);
         callback = m_fnInitCb;
         userData = m_pInitUserData;
-        m_fnInitCb = nullptr;
-        m_pInitUserData = nullptr;
-        m_nInitCbTimerId = 0;
     }
+    // The application's callback runs without the client mutex, so that it
+    // may use the library. The stored pair is cleared only afterwards: a
+    // callback that calls Initialize again with a callback of its own sees
+    // that one cleared here too, and never called.
     if (callback != nullptr) callback(nullptr, userData);
+    ContextAutoLock lock(&m_clientMutex);
+    m_fnInitCb = nullptr;
+    m_pInitUserData = nullptr;
+    // Cleared under the lock, before this source is destroyed on return, so
+    // that Finalize never removes a source that is already gone.
+    m_nInitCbTimerId = 0;
     return FALSE;
 }
 
@@ -324,8 +336,8 @@ gboolean DBusClient::ReConnectTimeoutCb() {
         } else {
             LMF_LOGE("[%s] LMF service is available now ..", m_strProcessName.c_str());
             DBusClientInternal::MarkServiceAvailable(*this, true);
-            DBusClientInternal::ResubscribeAll(*this);
-            DBusClientInternal::ResendPendingRequests(*this);
+            DBusClientInternal::ResubscribeAll(*this, __func__);
+            DBusClientInternal::ResendPendingRequests(*this, __func__);
         }
     }
     m_nReConnectTimerId = 0;

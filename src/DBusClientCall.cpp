@@ -1,5 +1,6 @@
 // DBusClient: the request-id sequence, the blocking read and the
 // fire-and-forget write.
+#define LMF_LOG_UNIT "DBusClient.cpp"
 #include <lumora/ContextAutoLock.h>
 #include <lumora/DBusClient.h>
 #include <unistd.h>
@@ -11,6 +12,7 @@
 #include "DBusClientInternal.h"
 #include "internal/Atomic.h"
 #include "internal/Log.h"
+#include "internal/Reentry.h"
 #include "internal/ServiceContract.h"
 #include "internal/TestSeams.h"
 
@@ -66,6 +68,8 @@ int DBusClient::__RequestSync(int type, int reqId, const char* subject, const ch
         }
         return -6;
     }
+    // Checked, not assumed: a reply of another type would make g_variant_get
+    // fail with a GLib critical; it counts as a failed call instead.
     if (!g_variant_is_of_type(reply, G_VARIANT_TYPE(contract::kRequestSyncReply))) {
         LMF_LOGE("unexpected reply %s, expected %s, reqId:%d", g_variant_get_type_string(reply),
                  contract::kRequestSyncReply, reqId);
@@ -88,6 +92,7 @@ int DBusClient::__RequestSync(int type, int reqId, const char* subject, const ch
 }
 
 int DBusClient::Read(const char* subject, const char* input, char** output) {
+    if (LMF_REFUSED_IN_CALLBACK(lumora::internal::kClientMutex)) return -6;
     ContextAutoLock lock(&m_clientMutex);
     const char* name = m_strProcessName.c_str();
     if (!m_bBusConnected) {

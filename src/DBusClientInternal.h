@@ -19,9 +19,10 @@ public:
     static void MarkBusConnected(DBusClient& client, bool connected);
 
     // What a reconnection or the service's "HELLO" sends again: a type-3
-    // subscribe per subscription record, then every unsent request.
-    static void ResubscribeAll(DBusClient& client);
-    static void ResendPendingRequests(DBusClient& client);
+    // subscribe per subscription record, then every unsent request. Their log
+    // lines belong to caller (SubscribeStateCheck or ReConnectTimeoutCb).
+    static void ResubscribeAll(DBusClient& client, const char* caller);
+    static void ResendPendingRequests(DBusClient& client, const char* caller);
 
     // The connection pointer as read by operations that take no lock.
     static GDBusConnection* Connection(const DBusClient& client);

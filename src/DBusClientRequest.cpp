@@ -1,5 +1,6 @@
 // DBusClient: asynchronous requests, the pending-request table and the reply
 // handler.
+#define LMF_LOG_UNIT "DBusClient.cpp"
 #include <lumora/ContextAutoLock.h>
 #include <lumora/DBusClient.h>
 #include <unistd.h>
@@ -11,11 +12,15 @@
 #include "DBusClientInternal.h"
 #include "internal/Boundary.h"
 #include "internal/Log.h"
+#include "internal/Reentry.h"
 #include "internal/ServiceContract.h"
 
 namespace contract = lumora::contract;
 
 namespace {
+
+// The reply path is split into helpers; all of its lines are the handler's.
+constexpr const char* kOnResponseAsync = "OnResponseAsync";
 
 char g_errorJson[] = "{\"Status\":\"Error\"}";
 
@@ -26,22 +31,20 @@ bool IsStatisticsSubject(const char* subject) {
     return false;
 }
 
-// Checks for OnResponseAsync: the reply belongs to a live request of the
-// current initialisation. A record refused here is not freed: a reply that
-// arrives while the service is away or after a re-initialisation may still
-// be owned elsewhere.
+// Steps 1 to 3 of OnResponseAsync: a reply with a record, a connection and a
+// client. None of them can fail through GIO; nothing is freed on them.
 bool ReplyIsWanted(GObject* source, DBusClientRequest* request, DBusClient*& client) {
     if (request == nullptr) {
-        LMF_LOGE("CONTEXT_ERR_INVALID_PARAM");
+        LMF_LOGE_IN(kOnResponseAsync, "CONTEXT_ERR_INVALID_PARAM");
         return false;
     }
     if (source == nullptr) {
-        LMF_LOGE("CONTEXT_ERR_DBUS_CONNECTION");
+        LMF_LOGE_IN(kOnResponseAsync, "CONTEXT_ERR_DBUS_CONNECTION");
         return false;
     }
     client = DBusClient::m_pInstance;
     if (client == nullptr) {
-        LMF_LOGE("Memory Allocation Failed");
+        LMF_LOGE_IN(kOnResponseAsync, "Memory Allocation Failed");
         return false;
     }
     return true;
@@ -49,31 +52,38 @@ bool ReplyIsWanted(GObject* source, DBusClientRequest* request, DBusClient*& cli
 
 void FreeRequest(DBusClientRequest* request) { delete request; }
 
-// The application's callback; a request made without one is answered to nobody.
+// The application's callback, run with the client mutex held: the thread is
+// marked so that a callback calling back into a locked operation is refused
+// instead of hanging. A null callback is skipped with a line of its own
+// rather than called: a request made without one is answered to nobody.
 void Notify(const DBusClientRequest* request, const char* subject, char* data) {
     if (request->callback == nullptr) {
-        LMF_LOGE("no callback for RequestID(%d) Subject(%s)", request->reqId, request->subject.c_str());
+        LMF_LOGE_IN(kOnResponseAsync, "no callback for RequestID(%d) Subject(%s)", request->reqId,
+                    request->subject.c_str());
         return;
     }
+    lumora::internal::CallbackUnderLock marked(lumora::internal::kClientMutex);
     request->callback(subject, data, request->userData);
 }
 
 // Delivers a reply that carries a text (any subject but the statistics ones).
 void DeliverText(DBusClientRequest* request, const char* subject, GVariant* data) {
     gchar* text = nullptr;
+    // Checked, not assumed: a payload of another type would make g_variant_get
+    // fail with a GLib critical; it is answered as an error instead.
     if (g_variant_is_of_type(data, G_VARIANT_TYPE(contract::kTextPayload))) {
         g_variant_get(data, "(s)", &text);
     } else {
-        LMF_LOGE("unexpected payload %s, expected %s", g_variant_get_type_string(data), contract::kTextPayload);
+        LMF_LOGE_IN(kOnResponseAsync, "unexpected payload %s, expected %s", g_variant_get_type_string(data), contract::kTextPayload);
     }
-    if (text != nullptr) LMF_LOGE("%s", text);
+    if (text != nullptr) LMF_LOGE_IN(kOnResponseAsync, "%s", text);
     if (text == nullptr) {
         Notify(request, subject, g_errorJson);
-        LMF_LOGI("Calling cb with error json : RequestID(%d) Subject(%s)", request->reqId, request->subject.c_str());
+        LMF_LOGI_IN(kOnResponseAsync, "Calling cb with error json : RequestID(%d) Subject(%s)", request->reqId, request->subject.c_str());
         return;
     }
     Notify(request, subject, text);
-    LMF_LOGI("Calling cb success : RequestID(%d) Subject(%s)", request->reqId, request->subject.c_str());
+    LMF_LOGI_IN(kOnResponseAsync, "Calling cb success : RequestID(%d) Subject(%s)", request->reqId, request->subject.c_str());
     g_free(text);
 }
 
@@ -81,13 +91,14 @@ void DeliverStatistics(DBusClient& client, DBusClientRequest* request, const cha
     StatisticsResult result = {0, nullptr};
     client.__ResponseDataParsing(subject, data, result);
     Notify(request, subject, reinterpret_cast<char*>(&result));
-    LMF_LOGI("Calling cb success : RequestID(%d) Subject(%s)", request->reqId, request->subject.c_str());
+    LMF_LOGI_IN(kOnResponseAsync, "Calling cb success : RequestID(%d) Subject(%s)", request->reqId, request->subject.c_str());
     client.__DataFree(subject, result);
 }
 
 void DeliverReply(DBusClient& client, DBusClientRequest* request, GVariant* reply) {
+    // Checked, not assumed, for the same reason as the payload in DeliverText.
     if (!g_variant_is_of_type(reply, G_VARIANT_TYPE(contract::kRequestAsyncReply))) {
-        LMF_LOGE("unexpected reply %s, expected %s, reqId:%d", g_variant_get_type_string(reply),
+        LMF_LOGE_IN(kOnResponseAsync, "unexpected reply %s, expected %s, reqId:%d", g_variant_get_type_string(reply),
                  contract::kRequestAsyncReply, request->reqId);
         Notify(request, request->subject.c_str(), g_errorJson);
         return;
@@ -96,13 +107,13 @@ void DeliverReply(DBusClient& client, DBusClientRequest* request, GVariant* repl
     const gchar* subject = nullptr;
     GVariant* revData = nullptr;
     g_variant_get(reply, "(i&sv)", &reqResult, &subject, &revData);
-    LMF_LOGI("reqResult=%d Subject=%s revData(%p) pRequest(%p)", reqResult, subject, static_cast<void*>(revData),
+    LMF_LOGI_IN(kOnResponseAsync, "reqResult=%d Subject=%s revData(%p) pRequest(%p)", reqResult, subject, static_cast<void*>(revData),
              static_cast<void*>(request));
     if (reqResult != 0 || revData == nullptr) {
-        LMF_LOGE("ERROR!!! : Subejct=%s ret=%d", subject, reqResult);
+        LMF_LOGE_IN(kOnResponseAsync, "ERROR!!! : Subejct=%s ret=%d", subject, reqResult);
         if (revData != nullptr) g_variant_unref(revData);
         Notify(request, subject, g_errorJson);
-        LMF_LOGI("Calling cb with error json : RequestID(%d) Subject(%s)", request->reqId, request->subject.c_str());
+        LMF_LOGI_IN(kOnResponseAsync, "Calling cb with error json : RequestID(%d) Subject(%s)", request->reqId, request->subject.c_str());
         return;
     }
     if (request->isStatistics) {
@@ -116,6 +127,7 @@ void DeliverReply(DBusClient& client, DBusClientRequest* request, GVariant* repl
 }  // namespace
 
 int DBusClient::Request(const char* subject, const char* input, LumoraSubjectCb callback, void* userData) {
+    if (LMF_REFUSED_IN_CALLBACK(lumora::internal::kClientMutex)) return -6;
     ContextAutoLock lock(&m_clientMutex);
     const char* name = m_strProcessName.c_str();
     if (!m_bBusConnected) {
@@ -196,13 +208,13 @@ void DBusClient::__DeleteAllRequests() {
     m_vRequestList.clear();
 }
 
-void DBusClientInternal::ResendPendingRequests(DBusClient& client) {
+void DBusClientInternal::ResendPendingRequests(DBusClient& client, const char* caller) {
     auto& pending = client.m_vRequestList;
     size_t i = 0;
     while (i < pending.size()) {
         DBusClientRequest* request = pending[i];
         if (request == nullptr) {
-            LMF_LOGE("vector item is NULL, abnormal state ..");
+            LMF_LOGE_IN(caller, "vector item is NULL, abnormal state ..");
             ++i;
             continue;
         }
@@ -212,7 +224,7 @@ void DBusClientInternal::ResendPendingRequests(DBusClient& client) {
                                   request) == 0) {
             pending.erase(pending.begin() + static_cast<long>(i));
         } else {
-            LMF_LOGE("__RequestAsync falied .. ");
+            LMF_LOGE_IN(caller, "__RequestAsync falied .. ");
             ++i;
         }
     }
@@ -224,24 +236,30 @@ void DBusClient::OnResponseAsync(GObject* source, GAsyncResult* result, gpointer
         auto* request = static_cast<DBusClientRequest*>(userData);
         DBusClient* client = nullptr;
         if (!ReplyIsWanted(source, request, client)) return;
+        // The two silent drops: no callback. The record is freed all the same:
+        // once sent it belongs to this call alone (it left the pending table),
+        // so keeping it would only leak it.
         if (!client->IsAvailable()) {
-            LMF_LOGE("Service is not Available");
+            LMF_LOGE_IN(kOnResponseAsync, "Service is not Available");
+            FreeRequest(request);
             return;
         }
-        LMF_LOGI("DbusClient AccessCnt is [%d] and pRequest AccessCnt is [%d]", client->m_nInitCnt, request->initCount);
+        LMF_LOGI_IN(kOnResponseAsync, "DbusClient AccessCnt is [%d] and pRequest AccessCnt is [%d]",
+                    client->m_nInitCnt, request->initCount);
         if (client->m_nInitCnt != request->initCount) {
-            LMF_LOGE("Callback of previous init encountered hence returned");
+            LMF_LOGE_IN(kOnResponseAsync, "Callback of previous init encountered hence returned");
+            FreeRequest(request);
             return;
         }
         GError* error = nullptr;
         GVariant* reply = g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, &error);
         if (error != nullptr) {
-            LMF_LOGE("g_dbus_connection_call_finish failed ..[message:%s code:%d] ", error->message, error->code);
+            LMF_LOGE_IN(kOnResponseAsync, "g_dbus_connection_call_finish failed ..[message:%s code:%d] ", error->message, error->code);
             Notify(request, request->subject.c_str(), g_errorJson);
             g_error_free(error);
             if (reply != nullptr) g_variant_unref(reply);
         } else if (reply == nullptr) {
-            LMF_LOGE("Error state : Error Callback RequestID(%d) Subject(%s)", request->reqId, request->subject.c_str());
+            LMF_LOGE_IN(kOnResponseAsync, "Error state : Error Callback RequestID(%d) Subject(%s)", request->reqId, request->subject.c_str());
             Notify(request, request->subject.c_str(), g_errorJson);
         } else {
             DeliverReply(*client, request, reply);

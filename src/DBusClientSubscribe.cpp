@@ -1,5 +1,6 @@
 // DBusClient: the subscription table, the "Response" signal and the service's
 // "HELLO" and "BYE".
+#define LMF_LOG_UNIT "DBusClient.cpp"
 #include <lumora/ContextAutoLock.h>
 #include <lumora/DBusClient.h>
 
@@ -10,11 +11,15 @@
 #include "DBusClientInternal.h"
 #include "internal/Boundary.h"
 #include "internal/Log.h"
+#include "internal/Reentry.h"
 #include "internal/ServiceContract.h"
 
 namespace contract = lumora::contract;
+using lumora::internal::kClientMutex;
 
 namespace {
+
+constexpr const char* kOnSubscribe = "OnSubscribe";
 
 bool SameSubject(const DBusClientSubscribe* record, const char* subject) {
     return record != nullptr && subject != nullptr && record->subject == subject;
@@ -35,6 +40,7 @@ void SendToService(DBusClient& client, int type, const std::string& subject) {
 }  // namespace
 
 bool DBusClient::Subscribe(const char* subject, LumoraSubjectCb callback, void* userData) {
+    if (LMF_REFUSED_IN_CALLBACK(kClientMutex)) return false;
     {
         ContextAutoLock lock(&m_clientMutex);
         if (!m_bBusConnected) {
@@ -50,6 +56,7 @@ bool DBusClient::Subscribe(const char* subject, LumoraSubjectCb callback, void* 
 }
 
 bool DBusClient::__InsertSubscribe(const char* subject, LumoraSubjectCb callback, void* userData) {
+    if (LMF_REFUSED_IN_CALLBACK(kClientMutex)) return false;
     ContextAutoLock lock(&m_clientMutex);
     if (subject == nullptr) {
         LMF_LOGE("[%s] szSubject is null", m_strProcessName.c_str());
@@ -83,6 +90,7 @@ bool DBusClient::__InsertSubscribe(const char* subject, LumoraSubjectCb callback
 }
 
 bool DBusClient::Unsubscribe(const char* subject, LumoraSubjectCb callback) {
+    if (LMF_REFUSED_IN_CALLBACK(kClientMutex)) return false;
     {
         ContextAutoLock lock(&m_clientMutex);
         if (!m_bBusConnected) {
@@ -103,6 +111,7 @@ bool DBusClient::Unsubscribe(const char* subject, LumoraSubjectCb callback) {
 }
 
 bool DBusClient::__DeleteSubscribe(const char* subject, LumoraSubjectCb callback) {
+    if (LMF_REFUSED_IN_CALLBACK(kClientMutex)) return false;
     ContextAutoLock lock(&m_clientMutex);
     size_t before = m_vSubscribeList.size();
     auto end = std::remove_if(m_vSubscribeList.begin(), m_vSubscribeList.end(), [&](DBusClientSubscribe* record) {
@@ -152,10 +161,10 @@ void DBusClient::__DeleteAllSubscribes() {
     m_vSubscribeList.clear();
 }
 
-void DBusClientInternal::ResubscribeAll(DBusClient& client) {
+void DBusClientInternal::ResubscribeAll(DBusClient& client, const char* caller) {
     for (DBusClientSubscribe* record : client.m_vSubscribeList) {
         if (record == nullptr) {
-            LMF_LOGE("vector item is NULL, abnormal state ..");
+            LMF_LOGE_IN(caller, "vector item is NULL, abnormal state ..");
             continue;
         }
         SendToService(client, contract::kRequestSubscribe, record->subject);
@@ -165,11 +174,13 @@ void DBusClientInternal::ResubscribeAll(DBusClient& client) {
 void DBusClient::OnSubscribe(GDBusConnection* /*connection*/, const gchar* /*sender*/, const gchar* /*objectPath*/,
                              const gchar* /*interfaceName*/, const gchar* /*signalName*/, GVariant* parameters,
                              gpointer userData) {
-    lumora::internal::GuardedVoid("OnSubscribe", [&] {
+    lumora::internal::GuardedVoid(kOnSubscribe, [&] {
         auto* client = static_cast<DBusClient*>(userData);
+        // Checked, not assumed: a signal of another shape would make
+        // g_variant_get fail with a GLib critical; it is dropped with a line.
         if (client == nullptr || !g_variant_is_of_type(parameters, G_VARIANT_TYPE(contract::kResponseSignal))) {
-            LMF_LOGE("unexpected signal %s, expected %s", g_variant_get_type_string(parameters),
-                     contract::kResponseSignal);
+            LMF_LOGE_IN(kOnSubscribe, "unexpected signal %s, expected %s", g_variant_get_type_string(parameters),
+                        contract::kResponseSignal);
             return;
         }
         gint32 unused = 0;
@@ -183,14 +194,21 @@ void DBusClient::OnSubscribe(GDBusConnection* /*connection*/, const gchar* /*sen
             client->FindSubscribesVector(subject, records);
             for (const DBusClientSubscribe* record : records) deliveries.push_back({record->callback, record->userData});
         }
-        LMF_LOGD("Subscribes size[%zu]", deliveries.size());
+        LMF_LOGD_IN(kOnSubscribe, "Subscribes size[%zu]", deliveries.size());
         if (deliveries.empty()) {
             client->SubscribeStateCheck(subject, data);
             return;
         }
-        // Callbacks get the data as char* but must neither free nor keep it.
+        // The callbacks run after the mutex is released, so that they may
+        // subscribe and unsubscribe themselves; they get the data as char* but
+        // must neither free nor keep it.
         for (const Delivery& delivery : deliveries) {
-            if (delivery.callback != nullptr) delivery.callback(subject, const_cast<char*>(data), delivery.userData);
+            if (delivery.callback == nullptr) {
+                // Skipped rather than called: a null callback would crash here.
+                LMF_LOGE_IN(kOnSubscribe, "null callback for subject %s skipped", subject);
+                continue;
+            }
+            delivery.callback(subject, const_cast<char*>(data), delivery.userData);
         }
     });
 }
@@ -224,6 +242,6 @@ void DBusClient::SubscribeStateCheck(const char* subject, const char* data) {
         LMF_LOGE("SubscrubeStateCheck Error ..");
         return;
     }
-    DBusClientInternal::ResubscribeAll(*this);
-    DBusClientInternal::ResendPendingRequests(*this);
+    DBusClientInternal::ResubscribeAll(*this, __func__);
+    DBusClientInternal::ResendPendingRequests(*this, __func__);
 }

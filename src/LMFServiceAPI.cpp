@@ -1,5 +1,6 @@
 // LMFServiceAPI: counted start and stop, availability, the process name, the
 // stored source and model, and the generic read and write.
+#define LMF_LOG_UNIT "LMFServiceAPI.cpp"
 #include <lumora/ContextAutoLock.h>
 #include <lumora/LMFServiceAPI.h>
 #include <lumora/lumora-platform.h>
@@ -8,6 +9,7 @@
 #include <cstdlib>
 
 #include "internal/Log.h"
+#include "internal/Reentry.h"
 
 std::string LMFServiceAPI::m_strProgName;
 LumoraChannelCb LMFServiceAPI::m_fnChannelCb = nullptr;
@@ -17,6 +19,9 @@ GMutex LMFServiceAPI::m_mutex;
 std::vector<SubscribeDataNonType*> LMFServiceAPI::g_vSubscribeNonTypeList;
 std::vector<SubscribeData*> LMFServiceAPI::g_vSubscribeList;
 
+using lumora::internal::kClientMutex;
+using lumora::internal::kServiceMutex;
+
 namespace {
 
 constexpr const char* kServiceFeatureKey = "com.kaldor/featureconf/lumora.service_enable";
@@ -25,27 +30,28 @@ LMF_SRC_TYPE g_eSourceType = LMF_SRC_ALL;
 LMF_MODEL_TYPE g_eModelType = LMF_MODEL_DEFAULT;
 
 // An extra start while the service is in use only counts. Returns true when
-// that was the case; repairs a count left positive without a client.
-bool CountAnotherStart() {
+// that was the case; repairs a count left positive without a client. The
+// lines belong to caller, InitService or InitServiceWithResponse.
+bool CountAnotherStart(const char* caller) {
     if (LMFServiceAPI::m_nRefCnt <= 0) return false;
     if (LMFServiceAPI::m_pDbusClient != nullptr) {
         ++LMFServiceAPI::m_nRefCnt;
-        LMF_LOGE("[%s] Initialize LMFServiceAPI : There are already created threads ..RefCnt(%d)",
-                 LMFServiceAPI::_GetProcessName(), LMFServiceAPI::m_nRefCnt);
+        LMF_LOGE_IN(caller, "[%s] Initialize LMFServiceAPI : There are already created threads ..RefCnt(%d)",
+                    LMFServiceAPI::_GetProcessName(), LMFServiceAPI::m_nRefCnt);
         return true;
     }
-    LMF_LOGE("[%s] InitService Error occur, Set RefCnt = 0 // PreRefCnt(%d) m_pDbusClient(%p)",
-             LMFServiceAPI::_GetProcessName(), LMFServiceAPI::m_nRefCnt,
-             static_cast<void*>(LMFServiceAPI::m_pDbusClient));
+    LMF_LOGE_IN(caller, "[%s] InitService Error occur, Set RefCnt = 0 // PreRefCnt(%d) m_pDbusClient(%p)",
+                LMFServiceAPI::_GetProcessName(), LMFServiceAPI::m_nRefCnt,
+                static_cast<void*>(LMFServiceAPI::m_pDbusClient));
     LMFServiceAPI::m_nRefCnt = 0;
     return false;
 }
 
 // The first start: the shared client, this process's name, a fresh count.
-bool PrepareFirstStart() {
+bool PrepareFirstStart(const char* caller) {
     LMFServiceAPI::m_pDbusClient = DBusClient::GetInstance();
     if (LMFServiceAPI::m_pDbusClient == nullptr) {
-        LMF_LOGE("Memory Allocation Failed");
+        LMF_LOGE_IN(caller, "Memory Allocation Failed");
         return false;
     }
     LMFServiceAPI::m_pDbusClient->SetProcessName(LMFServiceAPI::_GetProcessName());
@@ -64,25 +70,27 @@ extern "C" bool Is_LMFSupported() {
 }
 
 bool LMFServiceAPI::InitService() {
+    if (LMF_REFUSED_IN_CALLBACK(kServiceMutex | kClientMutex)) return false;
     ContextAutoLock lock(&m_mutex);
     if (!Is_LMFSupported()) {
         LMF_LOGE("LMF Not Supported in this Device");
         return false;
     }
     LMF_LOGE("[%s] Start LMF InitService", _GetProcessName());
-    if (CountAnotherStart()) return true;
-    if (!PrepareFirstStart()) return false;
+    if (CountAnotherStart(__func__)) return true;
+    if (!PrepareFirstStart(__func__)) return false;
     // Readiness is not part of the result: callers ask IsAvailable().
     return m_pDbusClient->Initialize(nullptr, nullptr, nullptr);
 }
 
 // Deliberately does not consult the feature switch, unlike InitService.
 LMF_INIT_RESULT LMFServiceAPI::InitServiceWithResponse(LumoraInitCb callback, void* userData) {
+    if (LMF_REFUSED_IN_CALLBACK(kServiceMutex | kClientMutex)) return LMF_INIT_CONNECTION_FAILED;
     ContextAutoLock lock(&m_mutex);
     LMF_LOGE("[%s] Start LMF InitService with response func(%p) user_data(%p)", _GetProcessName(),
              reinterpret_cast<void*>(callback), userData);
-    if (CountAnotherStart()) return LMF_INIT_OK;  // the callback is neither stored nor called
-    if (!PrepareFirstStart()) return LMF_INIT_CONNECTION_FAILED;
+    if (CountAnotherStart(__func__)) return LMF_INIT_OK;  // the callback is neither stored nor called
+    if (!PrepareFirstStart(__func__)) return LMF_INIT_CONNECTION_FAILED;
     LMF_INIT_RESULT result = LMF_INIT_OK;
     bool ret = m_pDbusClient->Initialize(&result, callback, userData);
     LMF_LOGI("Initialize ret(%d) InitResult(%d)", ret, result);
@@ -90,6 +98,7 @@ LMF_INIT_RESULT LMFServiceAPI::InitServiceWithResponse(LumoraInitCb callback, vo
 }
 
 bool LMFServiceAPI::FiniService() {
+    if (LMF_REFUSED_IN_CALLBACK(kServiceMutex | kClientMutex)) return false;
     ContextAutoLock lock(&m_mutex);
     if (m_pDbusClient == nullptr) {
         LMF_LOGE("[%s] FiniService with (m_pDbusClient == NULL) case", _GetProcessName());
@@ -146,17 +155,8 @@ bool LMFServiceAPI::_CheckInternalSubject(const char* subject) {
     return subject != nullptr && subject[0] == 'I' && subject[1] != '\0';
 }
 
-void LMFServiceAPI::_RemoveAllSubscribeData() {
-    for (SubscribeData* record : g_vSubscribeList) delete record;
-    g_vSubscribeList.clear();
-}
-
-void LMFServiceAPI::_RemoveAllSubscribeDataNonType() {
-    for (SubscribeDataNonType* record : g_vSubscribeNonTypeList) delete record;
-    g_vSubscribeNonTypeList.clear();
-}
-
 bool LMFServiceAPI::Read(const char* subject, const char* input, std::string& output) {
+    if (LMF_REFUSED_IN_CALLBACK(kClientMutex)) return false;
     DBusClient* client = m_pDbusClient;
     if (client == nullptr) {
         LMF_LOGE("dbus not created!");
