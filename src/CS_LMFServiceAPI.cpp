@@ -7,6 +7,7 @@
 #include <string>
 
 #include "internal/Boundary.h"
+#include "internal/Log.h"
 
 using lumora::internal::Guarded;
 
@@ -31,6 +32,25 @@ char* CS_Lumora_Read(const char* subject, const char* input) {
 // Unlike Lumora_Write, reports failure by its result.
 bool CS_Lumora_Write(const char* subject, const char* data) {
     return Guarded(__func__, false, [&] { return LMFServiceAPI::Write(subject, data); });
+}
+
+// Success is logged at error priority, where the log filters of the
+// applications that use the CS_ forms look for it.
+bool CS_Lumora_Request(const char* subject, const char* input, LumoraSubjectCb callback, void* userData) {
+    bool result =
+        Guarded(__func__, false, [&] { return LMFServiceAPI::Request(subject, input, callback, userData); });
+    if (result) LMF_LOGE("call CS_Lumora_Request!");
+    return result;
+}
+
+bool CS_Lumora_Subscribe(const char* subject, LumoraSubjectCb callback, void* userData) {
+    bool result = Guarded(__func__, false, [&] { return LMFServiceAPI::Subscribe(subject, callback, userData); });
+    if (result) LMF_LOGE("call CS_Lumora_Subscribe!");
+    return result;
+}
+
+bool CS_Lumora_Unsubscribe(const char* subject, LumoraSubjectCb callback, void* userData) {
+    return Guarded(__func__, false, [&] { return LMFServiceAPI::Unsubscribe(subject, callback, userData); });
 }
 
 char* CS_Lumora_ReadRecommendedList(const char* json) {

@@ -10,14 +10,16 @@
 #include <string>
 #include <vector>
 
-/// One subscription of an application callback to a subject.
+/// One subscription of an application callback to a subject (the untyped
+/// list); owned by LMFServiceAPI::g_vSubscribeNonTypeList.
 struct SubscribeDataNonType {
     std::string subject;
     LumoraSubjectCb callback = nullptr;
     void* user_data = nullptr;
 };
 
-/// One subscription of an application callback to a typed context signal.
+/// One subscription of an application callback to a typed context signal;
+/// owned by LMFServiceAPI::g_vSubscribeList.
 struct SubscribeData {
     std::string subject;
     ContextSignalType type = CONTEXT_SIGNAL_MOST_WATCHED;
@@ -32,10 +34,18 @@ typedef void (*LumoraChannelCb)(LMF_EVENT_TYPE event, std::string data, int coun
  * Static members only. Starts and stops are counted: the first start creates
  * the shared DBusClient and initialises it, the last stop finalises it.
  *
- * Locks: InitService, InitServiceWithResponse and FiniService hold m_mutex for
- * their whole run and take the client mutex inside it; m_mutex is always
- * taken first. Read and Write take no lock of their own (the bus client
- * serialises reads). Results are true on success; failures are logged.
+ * Locks: InitService, InitServiceWithResponse, FiniService, Subscribe and
+ * Unsubscribe hold m_mutex for their whole run and take the client mutex
+ * inside it; m_mutex is always taken first. Read, Write and Request take no
+ * lock of their own (the bus client serialises reads and requests). Results
+ * are true on success; failures are logged.
+ *
+ * Callbacks: every callback runs on the thread that iterates the default GLib
+ * main context. A request's callback runs with the client mutex held; from
+ * it, an operation that would take that mutex again (Read, Request,
+ * Subscribe, Unsubscribe, InitService, InitServiceWithResponse, FiniService)
+ * is refused at once with false and one error line instead of hanging the
+ * thread. Subscription callbacks run with no library lock held.
  */
 class LUMORA_EXPORT LMFServiceAPI {
 public:
@@ -69,6 +79,39 @@ public:
     /// Queues a write of input to subject. Any process may write any subject.
     static bool Write(const char* subject, const char* input);
 
+    /// Asks for subject's value without blocking. True when the request went
+    /// out: callback is then called exactly once, later, on the thread that
+    /// runs the default main context, with the client mutex held, with the
+    /// value (data belongs to the library and is valid during the call), with
+    /// {"Status":"Error"} when the service failed or did not answer within
+    /// the bus time-out (25 s), or for the five "I/TallyDB/.../Duration"
+    /// subjects with a StatisticsResult* cast to char*. Exceptions, where it
+    /// is never called: the service said "BYE" before the answer arrived, or
+    /// the service was stopped and started again (FiniService, InitService)
+    /// meanwhile. False, and no callback, when the service is not available,
+    /// the subject is null, or the subject is internal and this process is
+    /// not on the service's whitelist. A null input is sent as "".
+    /// The callback must not call Read, Request, Subscribe, Unsubscribe,
+    /// InitService or FiniService: such a call is refused (false, one error
+    /// line) since it would wait for the mutex its own thread holds.
+    static bool Request(const char* subject, const char* input, LumoraSubjectCb callback, void* userData);
+    /// Subscribes callback with user_data to subject's change notifications.
+    /// The callback runs on the thread that runs the default main context,
+    /// with no library lock held, once per notification (it may subscribe and
+    /// unsubscribe); data is valid during the call only. False for a subject
+    /// of two characters or fewer (or null), an internal subject refused by
+    /// the whitelist, a triple already subscribed, or when the bus client
+    /// refuses the pair (the same callback on the same subject with another
+    /// user_data: the triple is still kept here). True when the bus is not
+    /// connected, although nothing reaches the service then. Takes m_mutex,
+    /// then the client mutex.
+    static bool Subscribe(const char* subject, LumoraSubjectCb callback, void* user_data);
+    /// Removes the triple, and asks the bus client to remove (subject,
+    /// callback). The result is the bus client's: true when it removed the
+    /// pair or the bus is not connected, false when it did not know the pair.
+    /// False as Subscribe for an invalid or refused subject.
+    static bool Unsubscribe(const char* subject, LumoraSubjectCb callback, void* user_data);
+
     /// The hint list of type ("source", "setting" or "channel"; any other
     /// non-empty type reads the general list) from the settings store, or
     /// null. The caller frees the result with free(). requester is only logged.
@@ -91,10 +134,21 @@ public:
     /// Whether subject is internal: at least two characters, the first 'I'.
     /// A null subject is not internal.
     static bool _CheckInternalSubject(const char* subject);
-    /// Free every typed (resp. untyped) subscription record and empty the list.
-    /// Called with m_mutex held.
-    static void _RemoveAllSubscribeData();
+    /// The shared signal callback: hands data to every typed record of subject,
+    /// then to every untyped one, each in insertion order. The third argument
+    /// is ignored. Calls the callbacks with no lock held.
+    static void _SubscribeCallback(const char* subject, char* data, void* ignored);
+
+    // The untyped list, used with m_mutex held. Insert is false only when the
+    // record cannot be allocated; Check counts the records of subject.
+    static bool _InsertSubscribeDataNonType(std::string subject, LumoraSubjectCb callback, void* user_data);
+    static SubscribeDataNonType* _FindSubscribeDataNonType(std::string subject, LumoraSubjectCb callback,
+                                                           void* user_data);
+    static void _RemoveSubscribeDataNonType(std::string subject, LumoraSubjectCb callback, void* user_data);
     static void _RemoveAllSubscribeDataNonType();
+    static unsigned int _CheckSubscribeDataNonType(std::string subject);
+    /// Frees every typed record and empties the list. Called with m_mutex held.
+    static void _RemoveAllSubscribeData();
 
     static std::string m_strProgName;
     static LumoraChannelCb m_fnChannelCb;

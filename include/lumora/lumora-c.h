@@ -210,6 +210,118 @@ LUMORA_EXPORT bool Lumora_WriteRawStreamingEvent(const char* data); /* "I/Raw/St
 LUMORA_EXPORT bool Lumora_WriteSelectedItem(const char* data); /* "Raw/Setting/Selected/Item"; false on failure */
 LUMORA_EXPORT bool CS_Lumora_Write(const char* subject, const char* data); /* false on failure */
 
+/* ---- Asynchronous requests ---------------------------------------------------
+ * Each asks for a subject's value without blocking and returns true when the
+ * request went out; callback(subject, data, userData) is then called exactly
+ * once, later, on the thread that iterates the default GLib main context:
+ *   - with the value as text (JSON, or "" for an empty value);
+ *   - with {"Status":"Error"} when the service failed, or gave no answer
+ *     within the bus time-out (25 s);
+ *   - for the five "I/TallyDB/.../Duration" subjects with a StatisticsResult*
+ *     cast to char*.
+ * data belongs to the library and is valid only during the call; copy what
+ * you keep. The callback is never called when the function returned false
+ * (service not available, null subject, internal subject refused to this
+ * process), nor when the service says "BYE" before its answer arrives or the
+ * application stops and restarts the service meanwhile.
+ *
+ * Lock: the callback runs with the library's client mutex held. From inside
+ * it, every function that takes that mutex (reads, requests, subscribe and
+ * unsubscribe, start and stop) is refused at once: it returns false or NULL
+ * and logs one error line, since waiting would hang the thread for good.
+ * Writes take no lock and are allowed. Do not iterate the
+ * main context from inside the callback. */
+
+LUMORA_EXPORT bool Lumora_Request(const char* subject, const char* input, LumoraSubjectCb callback,
+                                  void* userData);
+/* As Lumora_Request; logs "call CS_Lumora_Request!" when it succeeds. */
+LUMORA_EXPORT bool CS_Lumora_Request(const char* subject, const char* input, LumoraSubjectCb callback,
+                                     void* userData);
+LUMORA_EXPORT bool Lumora_RequestPrefChannelList(const char* input, LumoraSubjectCb callback, void* userData);                   /* "Pref/Channel/List" */
+LUMORA_EXPORT bool Lumora_RequestPrefChannelListByCurrentSource(const char* input, LumoraSubjectCb callback, void* userData);    /* "Pref/Channel/List/CurrentSource" */
+LUMORA_EXPORT bool Lumora_RequestPrefChannelListByCurrentSourceMRU(const char* input, LumoraSubjectCb callback, void* userData); /* "Pref/Channel/List/CurrentSource/MRU" */
+LUMORA_EXPORT bool Lumora_RequestPrefChannelListWeekTimeTable(const char* input, LumoraSubjectCb callback, void* userData);      /* "Pref/Channel/List/WeekTimeTable" */
+LUMORA_EXPORT bool Lumora_RequestPrefChannelListByServiceProvider(const char* input, LumoraSubjectCb callback, void* userData);  /* "Pref/Channel/List/ServiceProvider" */
+LUMORA_EXPORT bool Lumora_RequestCurrentBroadcastProgram(const char* input, LumoraSubjectCb callback, void* userData);           /* "Ctx/Media/Broadcast/Program/Current" */
+LUMORA_EXPORT bool Lumora_RequestCurrentBroadcastStatus(const char* input, LumoraSubjectCb callback, void* userData);            /* "Ctx/Media/Broadcast/Status/Current" */
+LUMORA_EXPORT bool Lumora_RequestSTBStatus(const char* input, LumoraSubjectCb callback, void* userData);                         /* "Ctx/Media/Broadcast/Status/STB" */
+LUMORA_EXPORT bool Lumora_RequestCurrentSourceInfo(const char* input, LumoraSubjectCb callback, void* userData);                 /* "Ctx/Media/Source/Info/Current" */
+LUMORA_EXPORT bool Lumora_RequestCurrentAppInfo(const char* input, LumoraSubjectCb callback, void* userData);                    /* "Ctx/App/Info/Current" */
+/* Deprecated since API version 6.0 (logs a warning on every call). */
+LUMORA_EXPORT bool Lumora_RequestCurrentVolumeLevel(const char* input, LumoraSubjectCb callback, void* userData);                /* "Ctx/Sound/Volume/Level/Current" */
+LUMORA_EXPORT bool Lumora_RequestCurrentSoundOutputStatus(const char* input, LumoraSubjectCb callback, void* userData);          /* "Ctx/Sound/Output/Status/Current" */
+LUMORA_EXPORT bool Lumora_RequestCurrentSoundOutputMode(const char* input, LumoraSubjectCb callback, void* userData);            /* "Ctx/Sound/Output/Mode/Current" */
+LUMORA_EXPORT bool Lumora_RequestCurrentSourceStatus(const char* input, LumoraSubjectCb callback, void* userData);               /* "Data/Source/Status/Current" */
+LUMORA_EXPORT bool Lumora_RequestCurrentStreamingStatus(const char* input, LumoraSubjectCb callback, void* userData);            /* "Data/Streaming/Status/Current" */
+LUMORA_EXPORT bool Lumora_RequestCurrentBrightnessLevel(const char* input, LumoraSubjectCb callback, void* userData);            /* "Ctx/Env/Brightness/Level/Current" */
+LUMORA_EXPORT bool Lumora_RequestStatisticApp(const char* input, LumoraSubjectCb callback, void* userData);                      /* "Data/Statistic/App" */
+LUMORA_EXPORT bool Lumora_RequestWeatherInfo(const char* input, LumoraSubjectCb callback, void* userData);                       /* "Data/Weather/Forecast" */
+
+/* ---- Subscriptions -------------------------------------------------------------
+ * Subscribe registers callback with userData for a subject's change
+ * notifications; callback(subject, data, userData) is then called once per
+ * notification, on the thread that iterates the default GLib main context,
+ * with no library lock held (it may subscribe and unsubscribe itself). data
+ * is valid only during the call. The service is told once per subject;
+ * subscriptions are registered again by themselves when the service restarts
+ * (its "HELLO"), so notifications resume without the application's help.
+ *
+ * Subscribe returns false for a subject of two characters or fewer (or
+ * NULL), an internal subject ("I...") refused to this process, a (subject,
+ * callback, userData) already subscribed, or the same callback on the same
+ * subject with another userData (one callback per subject). It returns true
+ * when the bus is not connected, although nothing is stored then.
+ * Unsubscribe removes (subject, callback, userData) and returns true when the
+ * pair was removed or the bus is not connected, false when it was unknown.
+ * Both take the library's locks: called from inside a request's callback
+ * they are refused (false, one error line). */
+
+LUMORA_EXPORT bool Lumora_Subscribe(const char* subject, LumoraSubjectCb callback, void* userData);
+LUMORA_EXPORT bool Lumora_Unsubscribe(const char* subject, LumoraSubjectCb callback, void* userData);
+/* As Lumora_Subscribe; logs "call CS_Lumora_Subscribe!" when it succeeds. */
+LUMORA_EXPORT bool CS_Lumora_Subscribe(const char* subject, LumoraSubjectCb callback, void* userData);
+LUMORA_EXPORT bool CS_Lumora_Unsubscribe(const char* subject, LumoraSubjectCb callback, void* userData);
+
+LUMORA_EXPORT bool Lumora_SubscribePrefChannelList(LumoraSubjectCb callback, void* userData);                  /* "Pref/Channel/List" */
+LUMORA_EXPORT bool Lumora_UnsubscribePrefChannelList(LumoraSubjectCb callback, void* userData);
+LUMORA_EXPORT bool Lumora_SubscribePrefChannelListByCurrentSource(LumoraSubjectCb callback, void* userData);   /* "Pref/Channel/List/CurrentSource" */
+LUMORA_EXPORT bool Lumora_UnsubscribePrefChannelListByCurrentSource(LumoraSubjectCb callback, void* userData);
+LUMORA_EXPORT bool Lumora_SubscribePrefChannelListWeekTimeTable(LumoraSubjectCb callback, void* userData);     /* "Pref/Channel/List/WeekTimeTable" */
+LUMORA_EXPORT bool Lumora_UnsubscribePrefChannelListWeekTimeTable(LumoraSubjectCb callback, void* userData);
+LUMORA_EXPORT bool Lumora_SubscribeBroadcastProgram(LumoraSubjectCb callback, void* userData);                 /* "Ctx/Media/Broadcast/Program/Changed" */
+LUMORA_EXPORT bool Lumora_UnsubscribeBroadcastProgram(LumoraSubjectCb callback, void* userData);
+LUMORA_EXPORT bool Lumora_SubscribeBroadcastStatus(LumoraSubjectCb callback, void* userData);                  /* "Ctx/Media/Broadcast/Status/Changed" */
+LUMORA_EXPORT bool Lumora_UnsubscribeBroadcastStatus(LumoraSubjectCb callback, void* userData);
+/* Note the subject: no "Info" step, unlike the source-info read and request. */
+LUMORA_EXPORT bool Lumora_SubscribeSourceInfo(LumoraSubjectCb callback, void* userData);                       /* "Ctx/Media/Source/Changed" */
+LUMORA_EXPORT bool Lumora_UnsubscribeSourceInfo(LumoraSubjectCb callback, void* userData);
+LUMORA_EXPORT bool Lumora_SubscribeAppInfo(LumoraSubjectCb callback, void* userData);                          /* "Ctx/App/Info/Changed" */
+LUMORA_EXPORT bool Lumora_UnsubscribeAppInfo(LumoraSubjectCb callback, void* userData);
+/* Deprecated since API version 6.0 (log a warning on every call). */
+LUMORA_EXPORT bool Lumora_SubscribeVolumeLevel(LumoraSubjectCb callback, void* userData);                      /* "Ctx/Sound/Volume/Level/Changed" */
+LUMORA_EXPORT bool Lumora_UnsubscribeVolumeLevel(LumoraSubjectCb callback, void* userData);
+LUMORA_EXPORT bool Lumora_SubscribeLKFSValue(LumoraSubjectCb callback, void* userData);                        /* "Ctx/Sound/LKFS/Value" */
+LUMORA_EXPORT bool Lumora_UnsubscribeLKFSValue(LumoraSubjectCb callback, void* userData);
+LUMORA_EXPORT bool Lumora_SubscribeSoundOutputStatus(LumoraSubjectCb callback, void* userData);                /* "Ctx/Sound/Output/Status/Changed" */
+LUMORA_EXPORT bool Lumora_UnsubscribeSoundOutputStatus(LumoraSubjectCb callback, void* userData);
+/* Spelt "Sournd" as exported since the first release; there is no other spelling. */
+LUMORA_EXPORT bool Lumora_SubscribeSourndOutputMode(LumoraSubjectCb callback, void* userData);                 /* "Ctx/Sound/Output/Mode/Changed" */
+LUMORA_EXPORT bool Lumora_UnsubscribeSourndOutputMode(LumoraSubjectCb callback, void* userData);
+LUMORA_EXPORT bool Lumora_SubscribeSourceStatus(LumoraSubjectCb callback, void* userData);                     /* "Data/Source/Status/Changed" */
+LUMORA_EXPORT bool Lumora_UnsubscribeSourceStatus(LumoraSubjectCb callback, void* userData);
+LUMORA_EXPORT bool Lumora_SubscribeStreamingEvent(LumoraSubjectCb callback, void* userData);                   /* "Data/Streaming/Event" */
+LUMORA_EXPORT bool Lumora_UnsubscribeStreamingEvent(LumoraSubjectCb callback, void* userData);
+LUMORA_EXPORT bool Lumora_SubscribeBrightnessLevel(LumoraSubjectCb callback, void* userData);                  /* "Ctx/Env/Brightness/Level/Changed" */
+LUMORA_EXPORT bool Lumora_UnsubscribeBrightnessLevel(LumoraSubjectCb callback, void* userData);
+/* A NULL requester uses "Ctx/Env/Brightness/Level/Changed"; the privileged
+ * client (any letter case) "Ctx/Env/Brightness/EX/Level/Changed"; any other
+ * requester is refused: false, nothing sent, and the error line "Invalid
+ * requester" (subscribe) or "Invalid szRequester" (unsubscribe). */
+LUMORA_EXPORT bool Lumora_SubscribeBrightnessLevelEx(LumoraSubjectCb callback, const char* requester,
+                                                     void* userData);
+LUMORA_EXPORT bool Lumora_UnsubscribeBrightnessLevelEx(LumoraSubjectCb callback, const char* requester,
+                                                       void* userData);
+
 /* ---- Settings-store lists ---------------------------------------------------- */
 
 /* A copy of the recommended list for json's "group", or "{error}"; free it.

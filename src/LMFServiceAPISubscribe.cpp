@@ -1,0 +1,189 @@
+// LMFServiceAPI: the asynchronous request, subject subscriptions and the
+// fan-out of the shared signal callback to the typed and untyped lists.
+#define LMF_LOG_UNIT "LMFServiceAPI.cpp"
+#include <lumora/ContextAutoLock.h>
+#include <lumora/LMFServiceAPI.h>
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+
+#include "internal/Log.h"
+#include "internal/Reentry.h"
+
+using lumora::internal::kClientMutex;
+using lumora::internal::kServiceMutex;
+
+namespace {
+
+// Subjects of two characters or fewer are refused. A null subject is refused
+// the same way rather than measured.
+bool IsValidSubject(const char* subject) { return subject != nullptr && strlen(subject) > 2; }
+
+// Steps shared by Subscribe and Unsubscribe, run under m_mutex: a client, a
+// valid subject, and the whitelist for internal subjects. The lines belong
+// to the calling operation.
+bool MayUseSubject(const char* function, const char* subject) {
+    if (LMFServiceAPI::m_pDbusClient == nullptr) {
+        LMF_LOGE_IN(function, "dbus not created!");
+        return false;
+    }
+    if (!IsValidSubject(subject)) {
+        LMF_LOGE_IN(function, "Invalid subject .. ");
+        return false;
+    }
+    if (LMFServiceAPI::_CheckInternalSubject(subject) && !LMFServiceAPI::m_pDbusClient->CheckWhiteListProcess()) {
+        LMF_LOGE_IN(function, "This subject is not for external apps .. ");
+        return false;
+    }
+    return true;
+}
+
+bool SameTriple(const SubscribeDataNonType* record, const std::string& subject, LumoraSubjectCb callback,
+                void* userData) {
+    return record != nullptr && record->subject == subject && record->callback == callback &&
+           record->user_data == userData;
+}
+
+// What one signal is handed to, copied under m_mutex so that the callbacks
+// run without it and may subscribe and unsubscribe.
+struct TypedDelivery {
+    ContextSignalType type;
+    LumoraSignalCb callback;
+    void* userData;
+};
+struct UntypedDelivery {
+    std::string subject;
+    LumoraSubjectCb callback;
+    void* userData;
+};
+
+}  // namespace
+
+bool LMFServiceAPI::Request(const char* subject, const char* input, LumoraSubjectCb callback, void* userData) {
+    if (LMF_REFUSED_IN_CALLBACK(kClientMutex)) return false;
+    DBusClient* client = m_pDbusClient;
+    if (client == nullptr) {
+        LMF_LOGE("dbus not created!");
+        return false;
+    }
+    if (_CheckInternalSubject(subject) && !client->CheckWhiteListProcess()) {
+        LMF_LOGE("This subject is not for external apps .. ");
+        return false;
+    }
+    int result = client->Request(subject, input, callback, userData);
+    if (result == 0) return true;
+    LMF_LOGE("error %d", result);
+    return false;
+}
+
+bool LMFServiceAPI::Subscribe(const char* subject, LumoraSubjectCb callback, void* user_data) {
+    if (LMF_REFUSED_IN_CALLBACK(kServiceMutex | kClientMutex)) return false;
+    ContextAutoLock lock(&m_mutex);
+    if (!MayUseSubject(__func__, subject)) return false;
+    if (_FindSubscribeDataNonType(subject, callback, user_data) != nullptr) {
+        LMF_LOGE("already subscribed subject[%s]cb[%p], ", subject, reinterpret_cast<void*>(callback));
+        return false;
+    }
+    if (!_InsertSubscribeDataNonType(subject, callback, user_data)) {
+        LMF_LOGE("insert fail!");
+        return false;
+    }
+    if (_CheckSubscribeDataNonType(subject) == 1) {
+        LMF_LOGI("It is first callbacks for subject[%s]", subject);
+    } else {
+        LMF_LOGI("Already registered subject, but it has different callback");
+    }
+    // Every new triple goes to the bus client, not only a subject's first: it
+    // keeps one record per (subject, callback) and tells the service once. A
+    // refusal there leaves this list's record in place.
+    return m_pDbusClient->Subscribe(subject, callback, user_data);
+}
+
+bool LMFServiceAPI::Unsubscribe(const char* subject, LumoraSubjectCb callback, void* user_data) {
+    if (LMF_REFUSED_IN_CALLBACK(kServiceMutex | kClientMutex)) return false;
+    ContextAutoLock lock(&m_mutex);
+    if (!MayUseSubject(__func__, subject)) return false;
+    // A triple that was never subscribed is not an error here; the bus client
+    // decides the result.
+    _RemoveSubscribeDataNonType(subject, callback, user_data);
+    if (_CheckSubscribeDataNonType(subject) != 0) {
+        LMF_LOGI("There are another callbacks for subject[%s]", subject);
+    } else {
+        LMF_LOGI("It was last callbacks for subject[%s]", subject);
+    }
+    return m_pDbusClient->Unsubscribe(subject, callback);
+}
+
+// The lists are copied under m_mutex and the callbacks called after it is
+// released: the callbacks run on the main-loop thread while application
+// threads may change the lists, and a callback may itself subscribe.
+void LMFServiceAPI::_SubscribeCallback(const char* subject, char* data, void* /*ignored*/) {
+    if (subject == nullptr) return;
+    std::vector<TypedDelivery> typed;
+    std::vector<UntypedDelivery> untyped;
+    {
+        ContextAutoLock lock(&m_mutex);
+        for (const SubscribeData* record : g_vSubscribeList) {
+            if (record != nullptr && record->subject == subject)
+                typed.push_back({record->type, record->callback, record->user_data});
+        }
+        for (const SubscribeDataNonType* record : g_vSubscribeNonTypeList) {
+            if (record != nullptr && record->subject == subject)
+                untyped.push_back({record->subject, record->callback, record->user_data});
+        }
+    }
+    // Typed records first, then untyped ones, each in insertion order.
+    for (const TypedDelivery& delivery : typed) {
+        if (delivery.callback != nullptr) delivery.callback(delivery.type, data, delivery.userData);
+    }
+    for (const UntypedDelivery& delivery : untyped) {
+        if (delivery.callback != nullptr) delivery.callback(delivery.subject.c_str(), data, delivery.userData);
+    }
+}
+
+bool LMFServiceAPI::_InsertSubscribeDataNonType(std::string subject, LumoraSubjectCb callback, void* user_data) {
+    SubscribeDataNonType* record = new (std::nothrow) SubscribeDataNonType;
+    if (record == nullptr) {
+        LMF_LOGE("Memory Allocation Failed");
+        return false;
+    }
+    record->subject = std::move(subject);
+    record->callback = callback;
+    record->user_data = user_data;
+    g_vSubscribeNonTypeList.push_back(record);
+    return true;
+}
+
+SubscribeDataNonType* LMFServiceAPI::_FindSubscribeDataNonType(std::string subject, LumoraSubjectCb callback,
+                                                               void* user_data) {
+    auto it = std::find_if(g_vSubscribeNonTypeList.begin(), g_vSubscribeNonTypeList.end(),
+                           [&](const SubscribeDataNonType* r) { return SameTriple(r, subject, callback, user_data); });
+    return it != g_vSubscribeNonTypeList.end() ? *it : nullptr;
+}
+
+void LMFServiceAPI::_RemoveSubscribeDataNonType(std::string subject, LumoraSubjectCb callback, void* user_data) {
+    auto& list = g_vSubscribeNonTypeList;
+    auto end = std::remove_if(list.begin(), list.end(), [&](SubscribeDataNonType* record) {
+        if (!SameTriple(record, subject, callback, user_data)) return false;
+        delete record;
+        return true;
+    });
+    list.erase(end, list.end());
+}
+
+void LMFServiceAPI::_RemoveAllSubscribeDataNonType() {
+    for (SubscribeDataNonType* record : g_vSubscribeNonTypeList) delete record;
+    g_vSubscribeNonTypeList.clear();
+}
+
+unsigned int LMFServiceAPI::_CheckSubscribeDataNonType(std::string subject) {
+    return static_cast<unsigned int>(
+        std::count_if(g_vSubscribeNonTypeList.begin(), g_vSubscribeNonTypeList.end(),
+                      [&](const SubscribeDataNonType* r) { return r != nullptr && r->subject == subject; }));
+}
+
+void LMFServiceAPI::_RemoveAllSubscribeData() {
+    for (SubscribeData* record : g_vSubscribeList) delete record;
+    g_vSubscribeList.clear();
+}
