@@ -5,6 +5,7 @@
 #include <chrono>
 #include <future>
 
+#include "BusMonitor.h"
 #include "SimFixture.h"
 
 namespace lumora::test {
@@ -63,13 +64,25 @@ TEST_F(SimLifecycleTest, CallsHeldUnansweredAreReleasedAtExit) {
     EXPECT_EQ("org.freedesktop.DBus.Error.NoReply", result.errorName) << result.Print();
 }
 
-TEST_F(SimLifecycleTest, DelayedAnswersAreReleasedAtExit) {
+TEST_F(SimLifecycleTest, DelayedAnswersFailWithStoppingBeforeByeAtSigterm) {
     ASSERT_TRUE(m_sim.Start());
+    BusMonitor monitor(m_bus.Address());
+    ASSERT_TRUE(monitor.Ok());
     ASSERT_TRUE(Control(sim::kCtlSetDelay, g_variant_new("(su)", "Ctx/App/Info/Current", 600000u)).Ok());
     std::future<CallResult> delayed = ReadInBackground("Ctx/App/Info/Current", 20000);
     ASSERT_TRUE(WaitForStatus("\"delayedAnswers\":1"));
     EXPECT_EQ(0, m_sim.Stop());
-    EXPECT_EQ("org.freedesktop.DBus.Error.NoReply", delayed.get().errorName);
+    CallResult result = delayed.get();
+    EXPECT_EQ("org.verdin.tv.lumora2.Error.Stopping", result.errorName) << result.Print();
+    // On the bus, the failed answer comes before "BYE".
+    int error = -1, bye = -1, index = 0;
+    for (const BusMessage& message : monitor.Messages()) {
+        if (message.errorName == "org.verdin.tv.lumora2.Error.Stopping") error = index;
+        if (message.type == "signal" && message.body == "(0, 'BYE', '')") bye = index;
+        ++index;
+    }
+    EXPECT_GE(error, 0);
+    EXPECT_GT(bye, error);
 }
 
 TEST_F(SimLifecycleTest, ASecondSimulatorCannotOwnTheNameAndExitsWithStatusOne) {

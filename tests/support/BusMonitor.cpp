@@ -37,6 +37,7 @@ BusMessage Describe(GDBusMessage* message) {
     seen.destination = OrEmpty(g_dbus_message_get_destination(message));
     seen.member = OrEmpty(g_dbus_message_get_member(message));
     seen.signature = OrEmpty(g_dbus_message_get_signature(message));
+    seen.errorName = OrEmpty(g_dbus_message_get_error_name(message));
     GVariant* body = g_dbus_message_get_body(message);
     if (body != nullptr) {
         gchar* printed = g_variant_print(body, TRUE);
@@ -60,10 +61,11 @@ BusMonitor::BusMonitor(const std::string& address) {
     g_dbus_connection_add_filter(m_connection, Filter, this, nullptr);
     std::string toService = std::string("type='method_call',destination='") + kService + "'";
     std::string signals = std::string("type='signal',interface='") + kInterface + "'";
-    const gchar* rules[] = {toService.c_str(), signals.c_str(), nullptr};
+    const gchar* rules[] = {toService.c_str(), signals.c_str(), "type='error'", nullptr};
     CallResult monitoring = CallMethod(m_connection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
                                        "org.freedesktop.DBus.Monitoring", "BecomeMonitor",
                                        g_variant_new("(^asu)", rules, 0u));
+    m_monitoring = monitoring.Ok();
     if (!monitoring.Ok()) {
         fprintf(stderr, "monitor: %s\n", monitoring.Print().c_str());
         g_object_unref(m_connection);
@@ -81,13 +83,16 @@ BusMonitor::~BusMonitor() {
     m_messages.clear();
 }
 
-// Runs on GDBus's worker thread. Calls and signals are consumed here: a
-// monitor must never answer, and GIO would answer method calls it does not
-// know with an error. Replies pass, among them the one to BecomeMonitor.
+// Runs on GDBus's worker thread. Calls, signals and errors are consumed here:
+// a monitor must never answer, and GIO would answer method calls it does not
+// know with an error. Method returns pass, among them the one to BecomeMonitor
+// (which comes before any monitored message).
 GDBusMessage* BusMonitor::Filter(GDBusConnection*, GDBusMessage* message, gboolean incoming, gpointer self) {
     GDBusMessageType type = g_dbus_message_get_message_type(message);
-    if (!incoming || (type != G_DBUS_MESSAGE_TYPE_METHOD_CALL && type != G_DBUS_MESSAGE_TYPE_SIGNAL)) return message;
+    if (!incoming || type == G_DBUS_MESSAGE_TYPE_METHOD_RETURN || type == G_DBUS_MESSAGE_TYPE_INVALID) return message;
     auto* monitor = static_cast<BusMonitor*>(self);
+    // A refused BecomeMonitor must reach its caller.
+    if (type == G_DBUS_MESSAGE_TYPE_ERROR && !monitor->m_monitoring.load()) return message;
     BusMessage seen = Describe(message);
     // The bus's own NameAcquired/NameLost to the monitor are not traffic.
     if (seen.sender != "org.freedesktop.DBus") {
@@ -127,6 +132,11 @@ bool BusMonitor::WaitForCalls(size_t count, int timeoutMs, const std::string& me
         }
         return n >= count;
     });
+}
+
+std::vector<BusMessage> BusMonitor::Messages() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_messages;
 }
 
 void BusMonitor::Clear() {

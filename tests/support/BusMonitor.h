@@ -4,6 +4,7 @@
 
 #include <gio/gio.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <mutex>
 #include <string>
@@ -19,6 +20,7 @@ struct BusMessage {
     std::string member;
     std::string signature;
     std::string body;  // g_variant_print of the body, "" when empty
+    std::string errorName;  // of an error reply
     // The request tuple of "RequestSync", "RequestAsync" and "Write".
     int pid = 0;
     int requestType = 0;
@@ -29,8 +31,8 @@ struct BusMessage {
 
 /**
  * A monitor connection (org.freedesktop.DBus.Monitoring.BecomeMonitor) on the
- * bus at address: every method call to "org.verdin.tv.lumora2" and every
- * signal of its interface is recorded, in bus order.
+ * bus at address: every method call to "org.verdin.tv.lumora2", every signal
+ * of its interface and every error reply is recorded, in bus order.
  */
 class BusMonitor {
 public:
@@ -44,6 +46,8 @@ public:
     std::vector<BusMessage> Calls(const std::string& member = "") const;
     /// Signals of the service's interface.
     std::vector<BusMessage> Signals() const;
+    /// Everything recorded, in bus order.
+    std::vector<BusMessage> Messages() const;
     /// Waits until at least count calls (of member, if given) were seen.
     bool WaitForCalls(size_t count, int timeoutMs, const std::string& member = "") const;
     /// Forgets what was seen so far.
@@ -53,6 +57,7 @@ private:
     static GDBusMessage* Filter(GDBusConnection*, GDBusMessage* message, gboolean incoming, gpointer self);
 
     GDBusConnection* m_connection = nullptr;
+    std::atomic<bool> m_monitoring{false};
     mutable std::mutex m_mutex;
     mutable std::condition_variable m_changed;
     std::vector<BusMessage> m_messages;

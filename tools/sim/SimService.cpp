@@ -155,6 +155,7 @@ void SimService::SayBye() {
 }
 
 void SimService::Shutdown() {
+    FailDelayedAnswers();
     if (m_nameOwned) SayBye();
     // The signal must leave before the process does.
     if (m_connection != nullptr) g_dbus_connection_flush_sync(m_connection, nullptr, nullptr);
@@ -217,8 +218,22 @@ gboolean SimService::OnDelayElapsed(gpointer data) {
     return G_SOURCE_REMOVE;
 }
 
-// Calls still held or delayed at exit are dropped unanswered; their clients
-// see the bus's own error once the process is gone.
+// A service stopping in order fails the answers it has begun before it says
+// "BYE", so that their callers hear of it before they hear it is gone.
+void SimService::FailDelayedAnswers() {
+    for (DelayedAnswer* answer : m_delayed) {
+        g_source_remove(answer->source);
+        g_variant_unref(answer->reply);
+        g_dbus_method_invocation_return_dbus_error(answer->invocation, kStoppingError,
+                                                   "the context service is stopping");
+        delete answer;
+    }
+    if (!m_delayed.empty()) SIM_LOGI("%zu delayed answer(s) failed: stopping", m_delayed.size());
+    m_delayed.clear();
+}
+
+// Calls still held (a hung service) or delayed at exit are dropped
+// unanswered; their clients see the bus's own error once the process is gone.
 void SimService::ReleasePendingWork() {
     for (HeldCall& call : m_held) {
         g_variant_unref(call.parameters);

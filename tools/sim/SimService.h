@@ -16,6 +16,9 @@ namespace lumora::sim {
 
 class SimControl;
 
+/// The error that answers a delayed call when the simulator stops.
+constexpr const char* kStoppingError = "org.verdin.tv.lumora2.Error.Stopping";
+
 /**
  * Everything runs on the thread that iterates the default main context; no
  * method is thread-safe. Calls that arrive while answering is stopped are kept
@@ -31,8 +34,9 @@ public:
 
     /// Requests the service name. False when the publisher refuses to start.
     bool Start();
-    /// Says "BYE", removes the readiness marker and flushes the connection; the
-    /// name is given up by the destructor.
+    /// Fails the delayed answers with kStoppingError, says "BYE", removes the
+    /// readiness marker and flushes the connection; the name is given up by
+    /// the destructor. Held calls stay unanswered, as with a hung service.
     void Shutdown();
     /// 0 after a normal stop, 1 when the name could not be owned or was lost.
     int ExitStatus() const { return m_exitStatus; }
@@ -93,6 +97,7 @@ private:
     bool Publish(const char* destination, const std::string& subject, const std::string& data);
     void SayHello();
     void SayBye();
+    void FailDelayedAnswers();
     void ReleasePendingWork();
 
     SimState m_state;
