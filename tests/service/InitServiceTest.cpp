@@ -198,6 +198,35 @@ TEST_F(InitServiceTest, ASecondInitializeWithACallbackReplacesTheStoredOneWhichI
     client->Finalize();
 }
 
+// The stored callback is called first and cleared after it returns: a
+// callback that initialises again, with a callback of its own, has that one
+// cleared on return, so it is never called.
+InitCallback g_reinitialised;
+std::atomic<bool> g_reinitialiseResult{false};
+std::atomic<int> g_reinitialiseCode{-1};
+
+void InitialisesAgain(char* data, void* user) {
+    OnInit(data, user);
+    LMF_INIT_RESULT result = LMF_INIT_CONNECTION_FAILED;
+    g_reinitialiseResult = LMFServiceAPI::m_pDbusClient->Initialize(&result, OnInit, &g_reinitialised);
+    g_reinitialiseCode = result;
+}
+
+TEST_F(InitServiceTest, ACallbackThatInitializesAgainHasItsOwnCallbackClearedAndNeverCalled) {
+    MainLoopThread loop;
+    InitCallback first;
+    ASSERT_EQ(LMF_INIT_OK, Lumora_InitServiceWithResponse(InitialisesAgain, &first));
+    ASSERT_TRUE(WaitUntil([&] { return first.calls > 0; }, 5000));
+    // The inner Initialize ran without the client mutex held, so it neither
+    // hung nor was refused, and scheduled a callback of its own.
+    EXPECT_TRUE(g_reinitialiseResult.load());
+    EXPECT_EQ(LMF_INIT_OK, g_reinitialiseCode.load());
+    g_usleep(2500 * 1000);
+    EXPECT_EQ(1, first.calls.load());
+    EXPECT_EQ(0, g_reinitialised.calls.load());
+    EXPECT_TRUE(LMFServiceAPI::IsAvailable());
+}
+
 TEST_F(InitServiceTest, FinalizeStopsListeningToTheService) {
     MainLoopThread loop;
     ASSERT_TRUE(Lumora_InitService());

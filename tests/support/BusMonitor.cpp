@@ -61,7 +61,14 @@ BusMonitor::BusMonitor(const std::string& address) {
     g_dbus_connection_add_filter(m_connection, Filter, this, nullptr);
     std::string toService = std::string("type='method_call',destination='") + kService + "'";
     std::string signals = std::string("type='signal',interface='") + kInterface + "'";
-    const gchar* rules[] = {toService.c_str(), signals.c_str(), "type='error'", nullptr};
+    // A client's signal subscriptions show as its AddMatch and RemoveMatch
+    // calls to the bus.
+    const gchar* rules[] = {toService.c_str(),
+                            signals.c_str(),
+                            "type='error'",
+                            "type='method_call',destination='org.freedesktop.DBus',member='AddMatch'",
+                            "type='method_call',destination='org.freedesktop.DBus',member='RemoveMatch'",
+                            nullptr};
     CallResult monitoring = CallMethod(m_connection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
                                        "org.freedesktop.DBus.Monitoring", "BecomeMonitor",
                                        g_variant_new("(^asu)", rules, 0u));
@@ -108,7 +115,17 @@ std::vector<BusMessage> BusMonitor::Calls(const std::string& member) const {
     std::lock_guard<std::mutex> lock(m_mutex);
     std::vector<BusMessage> calls;
     for (const BusMessage& m : m_messages) {
-        if (m.type == "method_call" && (member.empty() || m.member == member)) calls.push_back(m);
+        if (m.type == "method_call" && m.destination == kService && (member.empty() || m.member == member))
+            calls.push_back(m);
+    }
+    return calls;
+}
+
+std::vector<BusMessage> BusMonitor::MatchRuleCalls() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    std::vector<BusMessage> calls;
+    for (const BusMessage& m : m_messages) {
+        if (m.type == "method_call" && m.destination == "org.freedesktop.DBus") calls.push_back(m);
     }
     return calls;
 }
@@ -128,7 +145,7 @@ bool BusMonitor::WaitForCalls(size_t count, int timeoutMs, const std::string& me
     return m_changed.wait_until(lock, deadline, [&] {
         size_t n = 0;
         for (const BusMessage& m : m_messages) {
-            if (m.type == "method_call" && (member.empty() || m.member == member)) ++n;
+            if (m.type == "method_call" && m.destination == kService && (member.empty() || m.member == member)) ++n;
         }
         return n >= count;
     });

@@ -32,7 +32,8 @@ struct BusMessage {
 /**
  * A monitor connection (org.freedesktop.DBus.Monitoring.BecomeMonitor) on the
  * bus at address: every method call to "org.verdin.tv.lumora2", every signal
- * of its interface and every error reply is recorded, in bus order.
+ * of its interface, every error reply and every AddMatch and RemoveMatch call
+ * to the bus is recorded, in bus order.
  */
 class BusMonitor {
 public:
@@ -44,6 +45,8 @@ public:
     bool Ok() const { return m_connection != nullptr; }
     /// Method calls to the service, optionally only of one member.
     std::vector<BusMessage> Calls(const std::string& member = "") const;
+    /// AddMatch and RemoveMatch calls to the bus (body: the rule).
+    std::vector<BusMessage> MatchRuleCalls() const;
     /// Signals of the service's interface.
     std::vector<BusMessage> Signals() const;
     /// Everything recorded, in bus order.
