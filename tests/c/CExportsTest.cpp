@@ -93,5 +93,43 @@ TEST(CExportsTest, EveryReadAndWriteExportWorksFromC) {
     EXPECT_TRUE(log.Has("Item List setbank set as ({\"HomeApps\":{\"group\":\"HomeApps\",\"list\":[\"a\"]}})", 'I'));
 }
 
+// The type-3 and type-4 messages, as "3 subject".
+std::vector<std::string> SubscriptionTraffic(const std::vector<BusMessage>& calls) {
+    std::vector<std::string> traffic;
+    for (const BusMessage& call : calls) {
+        if (call.requestType == 3 || call.requestType == 4)
+            traffic.push_back(std::to_string(call.requestType) + " " + call.subject);
+    }
+    return traffic;
+}
+
+TEST(CExportsTest, RequestsAndSubscriptionsWorkFromCWithTheApplicationsOwnLoop) {
+    LogCapture log;
+    TestBus bus;
+    ASSERT_TRUE(bus.Start());
+    BusMonitor monitor(bus.Address());
+    ASSERT_TRUE(monitor.Ok());
+    SimProcess sim;
+    ASSERT_TRUE(sim.Start());
+    log.Mark();
+
+    RunResult run = RunProgram(LUMORA_C_EVENTS_EXECUTABLE, {});
+    EXPECT_EQ(0, run.exitStatus) << run.err;
+    EXPECT_EQ("c events ok\n", run.out);
+
+    EXPECT_EQ((std::vector<std::string>{"Ctx/App/Info/Current", "Ctx/Media/Source/Info/Current",
+                                        "Ctx/Media/Broadcast/Program/Current"}),
+              Subjects(monitor.Calls("RequestAsync"), ""));
+    EXPECT_EQ((std::vector<std::string>{"3 Ctx/Test/FromC/Changed", "4 Ctx/Test/FromC/Changed",
+                                        "3 Ctx/Sound/Output/Mode/Changed", "4 Ctx/Sound/Output/Mode/Changed",
+                                        "3 Ctx/Env/Brightness/EX/Level/Changed",
+                                        "4 Ctx/Env/Brightness/EX/Level/Changed"}),
+              SubscriptionTraffic(monitor.Calls("RequestSync")));
+    EXPECT_EQ(1u, log.Count("call CS_Lumora_Request!", 'E')) << log.Dump();
+    EXPECT_EQ(0u, log.Count("call CS_Lumora_Subscribe!"));
+    EXPECT_EQ(1u, log.Count("Error! Ctx/Test/FromC/Changed is already registered", 'E'));
+    EXPECT_EQ(1u, log.Count("Invalid requester", 'E'));
+}
+
 }  // namespace
 }  // namespace lumora::test

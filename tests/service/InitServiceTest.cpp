@@ -55,6 +55,11 @@ TEST_F(InitServiceTest, InitServiceConnectsAsksTheServiceAndMakesItAvailable) {
     EXPECT_TRUE(m_log.Has("[myapp] LMF service is available now ..", 'E'));
     EXPECT_EQ(1u, LibraryCalls("ServiceEnable").size());
     EXPECT_EQ("", LibraryCalls("ServiceEnable")[0].signature);
+    // Lines of the steps that Initialize and InitService hand to helpers.
+    EXPECT_TRUE(m_log.From("[myapp] Success to connect Dbus ", "DBusClient.cpp", "Initialize")) << m_log.Dump();
+    EXPECT_TRUE(m_log.From("[myapp] LMF service is available now ..", "DBusClient.cpp", "Initialize"));
+    EXPECT_TRUE(m_log.From("LMF is available", "DBusClient.cpp", "__IsServiceEnable"));
+    EXPECT_TRUE(m_log.From("[myapp] Start LMF InitService", "LMFServiceAPI.cpp", "InitService"));
 }
 
 TEST_F(InitServiceTest, InitServiceWithResponseCallsBackAboutOneSecondLaterWithANullString) {
@@ -81,6 +86,8 @@ TEST_F(InitServiceTest, TwoStartsAndOneStopLeaveTheServiceInUse) {
     ASSERT_TRUE(CS_InitService());
     EXPECT_TRUE(m_log.Has("[myapp] Initialize LMFServiceAPI : There are already created threads ..RefCnt(2)", 'E'))
         << m_log.Dump();
+    EXPECT_TRUE(m_log.From("[myapp] Initialize LMFServiceAPI : There are already created threads ..RefCnt(2)",
+                           "LMFServiceAPI.cpp", "InitService"));
     EXPECT_TRUE(Lumora_FiniService());
     EXPECT_EQ(1, LMFServiceAPI::m_nRefCnt);
     EXPECT_TRUE(m_log.Has("[myapp] Finalize LMFServiceAPI : Still remain another threads .. RefCnt(1)", 'E'))
@@ -98,6 +105,9 @@ TEST_F(InitServiceTest, StartWithResponseWhileInUseReturnsZeroAndNeverCallsBack)
     InitCallback cb;
     EXPECT_EQ(LMF_INIT_OK, Lumora_InitServiceWithResponse(OnInit, &cb));
     EXPECT_EQ(2, LMFServiceAPI::m_nRefCnt);
+    EXPECT_TRUE(m_log.From("[myapp] Initialize LMFServiceAPI : There are already created threads ..RefCnt(2)",
+                           "LMFServiceAPI.cpp", "InitServiceWithResponse"))
+        << m_log.Dump();
     g_usleep(3000 * 1000);
     EXPECT_EQ(0, cb.calls.load());
 }

@@ -94,6 +94,7 @@ TEST_F(SettingsListsTest, STActionReportsAStoreThatRefuses) {
     ScopedEnv broken("LUMORA_SETTINGS_DB", m_dir.Path());  // a folder cannot be the store
     EXPECT_FALSE(Lumora_STAction("u", "d"));
     EXPECT_TRUE(m_log.Has("failed to set setbank key (memory/lumora-agent/STAction)", 'E')) << m_log.Dump();
+    EXPECT_TRUE(m_log.From("failed to set setbank key (memory/lumora-agent/STAction)", "LMFServiceAPI.cpp", "STAction"));
 }
 
 TEST_F(SettingsListsTest, ShortCutEditOnAnEmptyStoreKeepsOnlyTheEditList) {
@@ -138,6 +139,7 @@ TEST_F(SettingsListsTest, UnknownShortCutModeFailsAndLeavesTheStoreAlone) {
     std::string before = Stored("db/lumora-service/itemlist");
     EXPECT_FALSE(Lumora_WriteItemList("{\"group\":\"AccessibilityShortCut\",\"mode\":\"replace\",\"list\":[2]}"));
     EXPECT_TRUE(m_log.Has("[AccessibilityShortCut] mode (replace) error", 'E')) << m_log.Dump();
+    EXPECT_TRUE(m_log.From("[AccessibilityShortCut] mode (replace) error", "LMFServiceAPI.cpp", "WriteItemList"));
     EXPECT_EQ(before, Stored("db/lumora-service/itemlist"));
 }
 

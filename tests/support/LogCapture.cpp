@@ -70,6 +70,13 @@ std::vector<LogRecord> LogCapture::Find(const std::string& text, char level) con
     return found;
 }
 
+bool LogCapture::From(const std::string& text, const std::string& file, const std::string& function) const {
+    for (const LogRecord& record : Find(text)) {
+        if (record.file == file && record.function == function) return true;
+    }
+    return false;
+}
+
 std::string LogCapture::Dump() const {
     std::string all;
     for (const std::string& line : Lines()) all += line + "\n";

@@ -41,6 +41,8 @@ public:
     std::vector<LogRecord> Find(const std::string& text, char level = '\0') const;
     size_t Count(const std::string& text, char level = '\0') const { return Find(text, level).size(); }
     bool Has(const std::string& text, char level = '\0') const { return !Find(text, level).empty(); }
+    /// Whether a record with exactly text was written from file's function.
+    bool From(const std::string& text, const std::string& file, const std::string& function) const;
     /// The event texts in order, for readable failure messages.
     std::string Dump() const;
 
