@@ -32,6 +32,22 @@ GVariant* RequestTuple(int type, int reqId, const char* subject, const char* inp
 
 }  // namespace
 
+// g_variant_new takes only valid UTF-8: anything else would raise a GLib
+// critical and put "[Invalid UTF-8]" on the bus in place of the text. Such a
+// text is refused like a missing one.
+bool DBusClientInternal::IsSendable(const DBusClient& client, const char* function, const char* subject,
+                                    const char* input) {
+    if (subject != nullptr && !g_utf8_validate(subject, -1, nullptr)) {
+        LMF_LOGE_IN(function, "[%s] szSubject is not valid UTF-8", ProcessName(client));
+        return false;
+    }
+    if (input != nullptr && !g_utf8_validate(input, -1, nullptr)) {
+        LMF_LOGE_IN(function, "[%s] input is not valid UTF-8", ProcessName(client));
+        return false;
+    }
+    return true;
+}
+
 void lumora::internal::SetRequestIdCounterForTesting(int value) { __atomic_store_n(&g_nRequestId, value, __ATOMIC_SEQ_CST); }
 
 int DBusClient::__GenerateSeqId() {
@@ -54,6 +70,7 @@ int DBusClient::__RequestSync(int type, int reqId, const char* subject, const ch
     }
     // g_variant_new refuses a null string; a read without input sends "".
     if (input == nullptr) input = "";
+    if (!DBusClientInternal::IsSendable(*this, __func__, subject, input)) return -3;
     GVariant* parameters = RequestTuple(type, reqId, subject, input);
     LMF_LOGE("[%s] type:%d, reqId:%d, szSubject:%s, input:%s", name, type, reqId, subject, input);
     GError* error = nullptr;
@@ -139,6 +156,7 @@ int DBusClient::__WriteAsync(int type, int reqId, const char* subject, const cha
         LMF_LOGE("m_connection is null");
         return -6;
     }
+    if (!DBusClientInternal::IsSendable(*this, __func__, subject, input)) return -3;
     GVariant* parameters = RequestTuple(type, reqId, subject, input);
     LMF_LOGE("[%s] type:%d, reqId:%d, szSubject:%s, input:%s", m_strProcessName.c_str(), type, reqId, subject, input);
     // Sent without a completion callback: the service's answer and any

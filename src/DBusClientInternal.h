@@ -24,6 +24,11 @@ public:
     static void ResubscribeAll(DBusClient& client, const char* caller);
     static void ResendPendingRequests(DBusClient& client, const char* caller);
 
+    // Whether subject and input (either may be null) can go into a request
+    // tuple: GVariant strings must be valid UTF-8. Logs one line as function
+    // when not.
+    static bool IsSendable(const DBusClient& client, const char* function, const char* subject, const char* input);
+
     // The connection pointer as read by operations that take no lock.
     static GDBusConnection* Connection(const DBusClient& client);
 };

@@ -62,6 +62,7 @@ bool DBusClient::__InsertSubscribe(const char* subject, LumoraSubjectCb callback
         LMF_LOGE("[%s] szSubject is null", m_strProcessName.c_str());
         return false;
     }
+    if (!DBusClientInternal::IsSendable(*this, __func__, subject, nullptr)) return false;
     if (FindSubscribe(subject, callback) != nullptr) {
         LMF_LOGE("Error! %s is already registered", subject);
         return false;

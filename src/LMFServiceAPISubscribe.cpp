@@ -16,9 +16,11 @@ using lumora::internal::kServiceMutex;
 
 namespace {
 
-// Subjects of two characters or fewer are refused. A null subject is refused
-// the same way rather than measured.
-bool IsValidSubject(const char* subject) { return subject != nullptr && strlen(subject) > 2; }
+// Subjects of two characters or fewer are refused. A null subject, and one
+// that is not UTF-8 (it could never be sent), are refused the same way.
+bool IsValidSubject(const char* subject) {
+    return subject != nullptr && strlen(subject) > 2 && g_utf8_validate(subject, -1, nullptr);
+}
 
 // Steps shared by Subscribe and Unsubscribe, run under m_mutex: a client, a
 // valid subject, and the whitelist for internal subjects. The lines belong

@@ -180,6 +180,28 @@ TEST_F(RequestTest, ANullSubjectIsRefusedWithMinusThree) {
     EXPECT_TRUE(LibraryCalls("RequestAsync").empty());
 }
 
+TEST_F(RequestTest, TextThatIsNotUtf8IsRefusedAsABadArgumentWithoutAGLibCritical) {
+    Start();
+    // A GLib critical or warning would end the test with a crash.
+    g_log_set_always_fatal(static_cast<GLogLevelFlags>(G_LOG_LEVEL_CRITICAL | G_LOG_LEVEL_WARNING));
+    EXPECT_FALSE(Lumora_Request("Ctx/\xff/Current", nullptr, Recorded<1>, nullptr));
+    EXPECT_TRUE(m_log.From("[myapp] szSubject is not valid UTF-8", "DBusClient.cpp", "Request")) << m_log.Dump();
+    EXPECT_FALSE(Lumora_RequestCurrentAppInfo("{\"a\":\"\xc3\x28\"}", Recorded<1>, nullptr));
+    EXPECT_TRUE(m_log.From("[myapp] input is not valid UTF-8", "DBusClient.cpp", "Request")) << m_log.Dump();
+    EXPECT_EQ(2u, m_log.Count("error -3", 'E'));
+    EXPECT_EQ(nullptr, Lumora_Read("Ctx/App/Info/\xe2\x82", nullptr));
+    EXPECT_TRUE(m_log.From("[myapp] szSubject is not valid UTF-8", "DBusClient.cpp", "__RequestSync"));
+    EXPECT_FALSE(CS_Lumora_Write("Raw/Setting/Selected/Item", "\xff"));
+    EXPECT_TRUE(m_log.From("[myapp] input is not valid UTF-8", "DBusClient.cpp", "__WriteAsync"));
+    g_usleep(300 * 1000);
+    EXPECT_TRUE(LibraryCalls().empty());
+    EXPECT_EQ(0u, Recorder().Count());
+    EXPECT_EQ(nullptr, Client()->FindRequest(1));
+    // The library goes on working.
+    ASSERT_TRUE(Lumora_RequestCurrentAppInfo(nullptr, Recorded<1>, nullptr));
+    EXPECT_TRUE(Recorder().WaitForCount(1, 5000));
+}
+
 TEST_F(RequestTest, AnInternalSubjectIsRefusedToAProcessOffTheWhiteListWithoutBusTraffic) {
     Start();
     EXPECT_FALSE(Lumora_Request("I/TallyDB/App/Duration", nullptr, Recorded<1>, nullptr));

@@ -273,6 +273,20 @@ TEST_F(SubscribeTest, SubjectsOfTwoCharactersOrFewerAreRefusedAndThreePass) {
     EXPECT_EQ((std::vector<std::string>{"3 abc"}), SubscriptionTraffic());
 }
 
+TEST_F(SubscribeTest, ASubjectThatIsNotUtf8IsRefusedWithoutAGLibCritical) {
+    Start();
+    g_log_set_always_fatal(static_cast<GLogLevelFlags>(G_LOG_LEVEL_CRITICAL | G_LOG_LEVEL_WARNING));
+    EXPECT_FALSE(Lumora_Subscribe("Ctx/\xfe/Changed", Recorded<1>, nullptr));
+    EXPECT_TRUE(m_log.From("Invalid subject .. ", "LMFServiceAPI.cpp", "Subscribe")) << m_log.Dump();
+    EXPECT_TRUE(LMFServiceAPI::g_vSubscribeNonTypeList.empty());
+    // The bus client refuses it too, and stores nothing.
+    EXPECT_FALSE(Client()->Subscribe("Ctx/\xfe/Changed", Recorded<1>, nullptr));
+    EXPECT_TRUE(m_log.From("[myapp] szSubject is not valid UTF-8", "DBusClient.cpp", "__InsertSubscribe"))
+        << m_log.Dump();
+    EXPECT_EQ(nullptr, Client()->FindSubscribe("Ctx/\xfe/Changed"));
+    EXPECT_TRUE(LibraryCalls().empty());
+}
+
 TEST_F(SubscribeTest, UnsubscribingATripleNeverSubscribedStillAsksTheBusClient) {
     Start();
     EXPECT_FALSE(Lumora_UnsubscribeAppInfo(Recorded<1>, nullptr));
