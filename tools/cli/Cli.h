@@ -2,6 +2,8 @@
 #ifndef LUMORA_TOOLS_CLI_CLI_H
 #define LUMORA_TOOLS_CLI_CLI_H
 
+#include <json/json.h>
+
 #include <string>
 #include <vector>
 
@@ -12,9 +14,23 @@ constexpr int kOk = 0;
 constexpr int kFailed = 1;
 constexpr int kUsage = 2;
 
+// Options that only some commands take (Command::options).
+enum CommandOption : unsigned {
+    kNoOptions = 0,
+    kTimeoutOption = 1u << 0,  // --timeout SECONDS
+    kInitialOption = 1u << 1,  // --initial
+};
+
+// Longer than the bus's own 25 s, so that by default the bus's time-out,
+// with its error answer, comes first.
+constexpr unsigned kDefaultTimeoutSeconds = 30;
+constexpr unsigned kMaxTimeoutSeconds = 86400;
+
 struct Options {
     bool verbose = false;
     bool pretty = false;
+    unsigned timeoutSeconds = kDefaultTimeoutSeconds;
+    bool initial = false;
 };
 
 struct Command {
@@ -24,19 +40,40 @@ struct Command {
     const char* help;         // the rest of "lumora COMMAND --help"
     size_t minArgs;
     size_t maxArgs;
+    unsigned options;  // CommandOption bits the command accepts
     int (*run)(const Options& options, const std::vector<std::string>& args);
 };
 
 const std::vector<Command>& Commands();
 
+// The commands that wait for the service on the main loop.
+int RunRequest(const Options& options, const std::vector<std::string>& args);
+int RunStats(const Options& options, const std::vector<std::string>& args);
+int RunSubscribe(const Options& options, const std::vector<std::string>& args);
+
 // Output: values on stdout, one-line reasons on stderr.
 void PrintValue(const Options& options, const std::string& value);
+// Prints text as it is, with a newline, and flushes.
+void PrintText(const std::string& text);
+// One line {"subject":...,"data":...}: data as JSON when it is JSON, else as a string.
+void PrintEvent(const std::string& subject, const std::string& data);
+void Warn(const std::string& reason);
 int Fail(const std::string& reason);
+
+// JSON: only a text that is wholly one JSON value parses.
+bool ParseJsonStrictly(const std::string& text, Json::Value& value);
+std::string JsonText(const Json::Value& value, bool pretty);
+
+// Why a read of subject ended with the bus client's code.
+std::string ReadFailure(const std::string& subject, int code);
 
 // Starts the library's connection to the service; false with a reason
 // printed when the service cannot be used.
 bool StartService();
 void StopService();
+// The library's rule for internal subjects, checked up front for a better
+// reason than the library's bare refusal; false with the reason printed.
+bool MayUseSubject(const std::string& subject);
 
 }  // namespace lumora::cli
 

@@ -4,6 +4,7 @@
 #include <lumora/lumora-platform.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -22,37 +23,18 @@ struct FreeDeleter {
 };
 using OwnedText = std::unique_ptr<char, FreeDeleter>;
 
-std::string ReadFailure(const std::string& subject, int code) {
-    switch (code) {
-        case -3:
-            return "no subject given";
-        case -4:
-            return "the service has no data for " + subject;
-        case -5:
-            return "the context service is not available (code -5)";
-        case -6:
-            return "the call to the context service failed or timed out";
-        case 0:
-            return "the service sent no value for " + subject;
-        default:
-            return "the service answered " + subject + " with code " + std::to_string(code);
-    }
-}
-
 int RunRead(const Options& options, const Args& args) {
     const std::string& subject = args[0];
     const char* input = args.size() > 1 ? args[1].c_str() : nullptr;
     if (!StartService()) return kFailed;
-    DBusClient* client = LMFServiceAPI::m_pDbusClient;
     // The same rule as every read of the library: internal subjects only for
     // processes on the service's whitelist.
-    if (LMFServiceAPI::_CheckInternalSubject(subject.c_str()) && !client->CheckWhiteListProcess()) {
+    if (!MayUseSubject(subject)) {
         StopService();
-        return Fail(subject + " is internal and this process (" + LMFServiceAPI::_GetProcessName() +
-                    ") is not on the service's whitelist");
+        return kFailed;
     }
     char* text = nullptr;
-    int code = client->Read(subject.c_str(), input, &text);
+    int code = LMFServiceAPI::m_pDbusClient->Read(subject.c_str(), input, &text);
     OwnedText value(text);
     // No stop here: a read leaves nothing queued, and the last stop's flush
     // would start a GIO worker thread only to find that out (about 0.2 ms of
@@ -114,30 +96,73 @@ int RunStatus(const Options&, const Args&) {
 
 }  // namespace
 
+std::string ReadFailure(const std::string& subject, int code) {
+    switch (code) {
+        case -3:
+            return "no subject given";
+        case -4:
+            return "the service has no data for " + subject;
+        case -5:
+            return "the context service is not available (code -5)";
+        case -6:
+            return "the call to the context service failed or timed out";
+        case 0:
+            return "the service sent no value for " + subject;
+        default:
+            return "the service answered " + subject + " with code " + std::to_string(code);
+    }
+}
+
 const std::vector<Command>& Commands() {
     static const std::vector<Command> commands = {
         {"read", "SUBJECT [INPUT]", "print a subject's current value",
          "Reads SUBJECT from the context service, sending INPUT (a JSON text) when\n"
          "given, and prints the value. Fails when the service has no value.\n"
          "Example: lumora read Ctx/Media/Source/Info/Current",
-         1, 2, RunRead},
+         1, 2, kNoOptions, RunRead},
         {"write", "SUBJECT DATA", "send a value to a subject",
          "Writes DATA to SUBJECT. The write is queued, not acknowledged.\n"
          "Example: lumora write Raw/Setting/Selected/Item '{\"item\":\"Picture\"}'",
-         2, 2, RunWrite},
+         2, 2, kNoOptions, RunWrite},
         {"settings", "get KEY | set KEY VALUE", "read or write the settings store",
          "Reads or writes one key of the platform settings store\n"
          "($LUMORA_SETTINGS_DB, else $XDG_STATE_HOME/lumora/settings.db).\n"
          "Example: lumora settings get db/lumora-service/itemlist",
-         2, 3, RunSettings},
+         2, 3, kNoOptions, RunSettings},
         {"hints", "TYPE", "print a hint list from the settings store",
          "Prints the hint list of TYPE (source, setting, channel; any other type\n"
          "reads the general list) that the context service left in the settings store.",
-         1, 1, RunHints},
+         1, 1, kNoOptions, RunHints},
         {"status", "", "show whether the context service can be used",
          "Shows the feature switch, the bus, the service's availability and the\n"
          "whitelist decision for this process. Exits 0 when the service is available.",
-         0, 0, RunStatus},
+         0, 0, kNoOptions, RunStatus},
+        {"request", "[--timeout SECONDS] SUBJECT [INPUT]", "ask for a subject's value without blocking",
+         "Asks for SUBJECT's value the way applications do, without blocking\n"
+         "(sending INPUT, a JSON text, when given), and prints the answer. The five\n"
+         "I/TallyDB/.../Duration subjects are answered with records, printed as by\n"
+         "\"lumora stats\". Fails when the service answers with an error (also when the\n"
+         "bus gives up after 25 s), or when there is no answer within --timeout\n"
+         "SECONDS (default 30).\n"
+         "Example: lumora request Ctx/App/Info/Current",
+         1, 2, kTimeoutOption, RunRequest},
+        {"subscribe", "[--initial] SUBJECT...", "print each change of subjects as a JSON line",
+         "Subscribes to every SUBJECT and prints one line per change notification,\n"
+         "{\"subject\":\"...\",\"data\":...}, with data as JSON when the text is JSON and\n"
+         "as a JSON string otherwise. Runs until SIGINT or SIGTERM, then unsubscribes\n"
+         "and exits 0; a restart of the service is followed. With --initial, prints\n"
+         "each subject's current value first, in the same form, and again whenever\n"
+         "the service has restarted (a subject without a value gets a note on stderr).\n"
+         "Example: lumora subscribe --initial Ctx/Media/Broadcast/Program/Changed Ctx/App/Info/Changed",
+         1, SIZE_MAX, kInitialOption, RunSubscribe},
+        {"stats", "[--timeout SECONDS] KIND [INPUT]", "print usage statistics as JSON records",
+         "Requests the usage statistics of KIND (onoff, app, channel, genre or content,\n"
+         "the subject I/TallyDB/<Kind>/Duration) and prints the records as a JSON array\n"
+         "of objects with the field names of the library's records (field1, field2,\n"
+         "..., in the order of <lumora/lumora-c.h>). Fails as \"lumora request\" does;\n"
+         "the process must be on the service's whitelist.\n"
+         "Example: lumora --pretty stats app",
+         1, 2, kTimeoutOption, RunStats},
     };
     return commands;
 }

@@ -17,22 +17,84 @@ std::string Indented(const std::string& value) {
     std::unique_ptr<Json::CharReader> parser(reader.newCharReader());
     Json::Value root;
     if (!parser->parse(value.data(), value.data() + value.size(), &root, nullptr)) return value;
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "  ";
-    writer["emitUTF8"] = true;
-    return Json::writeString(writer, root);
+    return JsonText(root, true);
+}
+
+// A JSON text on one line as the service wrote it, only without the
+// whitespace between tokens: jsoncpp would sort the keys and rewrite
+// numbers (0.1 as 0.10000000000000001). A raw control character inside a
+// string, which jsoncpp lets through, is escaped to keep the line one line.
+std::string WithoutWhitespace(const std::string& json) {
+    std::string text;
+    bool inString = false;
+    bool escaped = false;
+    for (char c : json) {
+        auto byte = static_cast<unsigned char>(c);
+        if (!inString && (c == ' ' || c == '\t' || c == '\n' || c == '\r')) continue;
+        if (inString && byte < 0x20) {
+            char escape[8];
+            snprintf(escape, sizeof escape, "\\u%04x", byte);
+            text += escape;
+            continue;
+        }
+        text += c;
+        if (escaped) {
+            escaped = false;
+        } else if (inString && c == '\\') {
+            escaped = true;
+        } else if (c == '"') {
+            inString = !inString;
+        }
+    }
+    return text;
 }
 
 }  // namespace
 
+bool ParseJsonStrictly(const std::string& text, Json::Value& value) {
+    Json::CharReaderBuilder reader;
+    // Any single value may be the root (a number or a string is JSON too);
+    // everything jsoncpp tolerates beyond JSON is refused, trailing text
+    // included.
+    reader["allowComments"] = false;
+    reader["allowTrailingCommas"] = false;
+    reader["allowSingleQuotes"] = false;
+    reader["allowNumericKeys"] = false;
+    reader["allowDroppedNullPlaceholders"] = false;
+    reader["allowSpecialFloats"] = false;
+    reader["strictRoot"] = false;
+    reader["failIfExtra"] = true;
+    std::unique_ptr<Json::CharReader> parser(reader.newCharReader());
+    return parser->parse(text.data(), text.data() + text.size(), &value, nullptr);
+}
+
+std::string JsonText(const Json::Value& value, bool pretty) {
+    Json::StreamWriterBuilder writer;
+    writer["indentation"] = pretty ? "  " : "";
+    writer["emitUTF8"] = true;
+    return Json::writeString(writer, value);
+}
+
 void PrintValue(const Options& options, const std::string& value) {
-    std::string text = options.pretty ? Indented(value) : value;
+    PrintText(options.pretty ? Indented(value) : value);
+}
+
+void PrintText(const std::string& text) {
     fprintf(stdout, "%s\n", text.c_str());
     fflush(stdout);
 }
 
+void PrintEvent(const std::string& subject, const std::string& data) {
+    Json::Value parsed;
+    std::string json = ParseJsonStrictly(data, parsed) ? WithoutWhitespace(data) : JsonText(data, false);
+    // Written by hand so that "subject" comes first: jsoncpp sorts keys.
+    PrintText("{\"subject\":" + JsonText(subject, false) + ",\"data\":" + json + "}");
+}
+
+void Warn(const std::string& reason) { fprintf(stderr, "lumora: %s\n", reason.c_str()); }
+
 int Fail(const std::string& reason) {
-    fprintf(stderr, "lumora: %s\n", reason.c_str());
+    Warn(reason);
     return kFailed;
 }
 

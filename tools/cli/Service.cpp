@@ -27,4 +27,12 @@ bool StartService() {
 // The last stop flushes the connection, so a queued write leaves before exit.
 void StopService() { Lumora_FiniService(); }
 
+bool MayUseSubject(const std::string& subject) {
+    if (!LMFServiceAPI::_CheckInternalSubject(subject.c_str()) || LMFServiceAPI::m_pDbusClient->CheckWhiteListProcess())
+        return true;
+    Fail(subject + " is internal and this process (" + LMFServiceAPI::_GetProcessName() +
+         ") is not on the service's whitelist");
+    return false;
+}
+
 }  // namespace lumora::cli

@@ -1,6 +1,7 @@
 // lumora: the command-line client of the context service, for people and
 // scripts. Values go to stdout, diagnostics to stderr; exit status 0 on
 // success, 1 on failure, 2 on a usage error.
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -14,6 +15,13 @@ namespace {
 using lumora::cli::Command;
 using lumora::cli::Commands;
 
+// The synopsis column is as wide as the widest synopsis.
+int SynopsisWidth() {
+    size_t width = 0;
+    for (const Command& command : Commands()) width = std::max(width, strlen(command.synopsis));
+    return static_cast<int>(width);
+}
+
 void PrintUsage(FILE* out) {
     fprintf(out,
             "usage: lumora [-v] [--pretty] COMMAND [ARGS...]\n"
@@ -22,7 +30,9 @@ void PrintUsage(FILE* out) {
             "(DBUS_SYSTEM_BUS_ADDRESS when set).\n"
             "\n"
             "commands:\n");
-    for (const Command& command : Commands()) fprintf(out, "  %-9s %-26s %s\n", command.name, command.synopsis, command.description);
+    int width = SynopsisWidth();
+    for (const Command& command : Commands())
+        fprintf(out, "  %-9s %-*s  %s\n", command.name, width, command.synopsis, command.description);
     fprintf(out,
             "\n"
             "options:\n"
@@ -42,52 +52,103 @@ const Command* FindCommand(const std::string& name) {
     return nullptr;
 }
 
-}  // namespace
+// Whole seconds from 1 to the maximum; false otherwise.
+bool ParseSeconds(const std::string& text, unsigned& seconds) {
+    if (text.empty() || text.size() > 6 || text.find_first_not_of("0123456789") != std::string::npos) return false;
+    unsigned long value = strtoul(text.c_str(), nullptr, 10);
+    if (value < 1 || value > lumora::cli::kMaxTimeoutSeconds) return false;
+    seconds = static_cast<unsigned>(value);
+    return true;
+}
 
-int main(int argc, char** argv) {
+// What the command line says, before the command is known.
+struct CommandLine {
     lumora::cli::Options options;
+    unsigned given = lumora::cli::kNoOptions;  // command options that were used
     std::vector<std::string> words;
     bool help = false;
+};
+
+// The option of one CommandOption bit, as it is written.
+const char* OptionName(unsigned option) { return option == lumora::cli::kTimeoutOption ? "--timeout" : "--initial"; }
+
+// Takes argv[i] as an option, and its value from argv[i + 1] when it has one.
+// False with the reason printed on a usage error.
+bool TakeOption(int argc, char** argv, int& i, CommandLine& line) {
+    std::string arg = argv[i];
+    if (arg == "-v") {
+        line.options.verbose = true;
+    } else if (arg == "--pretty") {
+        line.options.pretty = true;
+    } else if (arg == "-h" || arg == "--help") {
+        line.help = true;
+    } else if (arg == "--initial") {
+        line.options.initial = true;
+        line.given |= lumora::cli::kInitialOption;
+    } else if (arg == "--timeout") {
+        if (i + 1 >= argc || !ParseSeconds(argv[i + 1], line.options.timeoutSeconds)) {
+            fprintf(stderr, "lumora: --timeout takes whole seconds from 1 to %u\n", lumora::cli::kMaxTimeoutSeconds);
+            return false;
+        }
+        ++i;
+        line.given |= lumora::cli::kTimeoutOption;
+    } else {
+        fprintf(stderr, "lumora: unknown option %s\n", arg.c_str());
+        return false;
+    }
+    return true;
+}
+
+bool ParseCommandLine(int argc, char** argv, CommandLine& line) {
     bool literal = false;
     for (int i = 1; i < argc; ++i) {
         std::string arg = argv[i];
         if (!literal && arg == "--") {
             literal = true;
-        } else if (!literal && arg == "-v") {
-            options.verbose = true;
-        } else if (!literal && arg == "--pretty") {
-            options.pretty = true;
-        } else if (!literal && (arg == "-h" || arg == "--help")) {
-            help = true;
         } else if (!literal && arg.size() > 1 && arg[0] == '-') {
-            fprintf(stderr, "lumora: unknown option %s\n", arg.c_str());
-            PrintUsage(stderr);
-            return lumora::cli::kUsage;
+            if (!TakeOption(argc, argv, i, line)) return false;
         } else {
-            words.push_back(arg);
+            line.words.push_back(arg);
         }
     }
-    // The library logs every request; a script wants only the value.
-    if (!options.verbose) setenv("LUMORA_LOG_LEVEL", "none", 1);
+    return true;
+}
 
-    if (words.empty()) {
-        PrintUsage(help ? stdout : stderr);
-        return help ? lumora::cli::kOk : lumora::cli::kUsage;
-    }
-    const Command* command = FindCommand(words[0]);
-    if (command == nullptr) {
-        fprintf(stderr, "lumora: unknown command %s\n", words[0].c_str());
+}  // namespace
+
+int main(int argc, char** argv) {
+    CommandLine line;
+    if (!ParseCommandLine(argc, argv, line)) {
         PrintUsage(stderr);
         return lumora::cli::kUsage;
     }
-    if (help) {
+    // The library logs every request; a script wants only the value.
+    if (!line.options.verbose) setenv("LUMORA_LOG_LEVEL", "none", 1);
+
+    if (line.words.empty()) {
+        PrintUsage(line.help ? stdout : stderr);
+        return line.help ? lumora::cli::kOk : lumora::cli::kUsage;
+    }
+    const Command* command = FindCommand(line.words[0]);
+    if (command == nullptr) {
+        fprintf(stderr, "lumora: unknown command %s\n", line.words[0].c_str());
+        PrintUsage(stderr);
+        return lumora::cli::kUsage;
+    }
+    if (line.help) {
         PrintCommandHelp(stdout, *command);
         return lumora::cli::kOk;
     }
-    std::vector<std::string> args(words.begin() + 1, words.end());
+    if (unsigned stray = line.given & ~command->options; stray != 0) {
+        fprintf(stderr, "lumora: %s does not apply to %s\n", OptionName(stray & -stray /* the lowest bit */),
+                command->name);
+        PrintCommandHelp(stderr, *command);
+        return lumora::cli::kUsage;
+    }
+    std::vector<std::string> args(line.words.begin() + 1, line.words.end());
     if (args.size() < command->minArgs || args.size() > command->maxArgs) {
         PrintCommandHelp(stderr, *command);
         return lumora::cli::kUsage;
     }
-    return command->run(options, args);
+    return command->run(line.options, args);
 }

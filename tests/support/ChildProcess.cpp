@@ -1,0 +1,144 @@
+// ChildProcess: fork/exec with the output on pipes, read while the child runs.
+#include "ChildProcess.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <thread>
+
+namespace lumora::test {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+int MillisecondsLeft(Clock::time_point deadline) {
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    return left > 0 ? static_cast<int>(left) : 0;
+}
+
+[[noreturn]] void Exec(const std::string& executable, const std::vector<std::string>& args, int out, int err) {
+    dup2(out, STDOUT_FILENO);
+    dup2(err, STDERR_FILENO);
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    std::vector<char*> argv;
+    argv.push_back(const_cast<char*>(executable.c_str()));
+    for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
+    argv.push_back(nullptr);
+    execv(executable.c_str(), argv.data());
+    fprintf(stderr, "exec %s: %s\n", executable.c_str(), strerror(errno));
+    _exit(127);
+}
+
+void CloseFd(int& fd) {
+    if (fd >= 0) close(fd);
+    fd = -1;
+}
+
+}  // namespace
+
+ChildProcess::~ChildProcess() {
+    if (m_pid > 0) {
+        kill(m_pid, SIGKILL);
+        waitpid(m_pid, nullptr, 0);
+    }
+    CloseFd(m_out);
+    CloseFd(m_err);
+}
+
+bool ChildProcess::Start(const std::string& executable, const std::vector<std::string>& args) {
+    int out[2];
+    int err[2];
+    if (pipe2(out, O_CLOEXEC) != 0) return false;
+    if (pipe2(err, O_CLOEXEC) != 0) {
+        close(out[0]);
+        close(out[1]);
+        return false;
+    }
+    m_pid = fork();
+    if (m_pid == 0) Exec(executable, args, out[1], err[1]);
+    close(out[1]);
+    close(err[1]);
+    m_out = out[0];
+    m_err = err[0];
+    if (m_pid < 0) {
+        fprintf(stderr, "fork for %s: %s\n", executable.c_str(), strerror(errno));
+        CloseFd(m_out);
+        CloseFd(m_err);
+        return false;
+    }
+    return true;
+}
+
+void ChildProcess::Pump(int timeoutMs) {
+    struct pollfd fds[2] = {{m_out, POLLIN, 0}, {m_err, POLLIN, 0}};
+    if (poll(fds, 2, timeoutMs) <= 0) return;
+    int* ends[2] = {&m_out, &m_err};
+    std::string* sinks[2] = {&m_outBuffer, &m_errText};
+    for (int i = 0; i < 2; ++i) {
+        if (fds[i].fd < 0 || fds[i].revents == 0) continue;
+        char buffer[4096];
+        ssize_t n = read(fds[i].fd, buffer, sizeof buffer);
+        if (n > 0) {
+            sinks[i]->append(buffer, static_cast<size_t>(n));
+        } else if (n == 0 || errno != EINTR) {
+            CloseFd(*ends[i]);
+        }
+    }
+}
+
+bool ChildProcess::TakeLine(std::string& line) {
+    size_t end = m_outBuffer.find('\n');
+    if (end == std::string::npos) return false;
+    line = m_outBuffer.substr(0, end);
+    m_outBuffer.erase(0, end + 1);
+    return true;
+}
+
+bool ChildProcess::LineWithin(int timeoutMs) {
+    Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (m_outBuffer.find('\n') == std::string::npos) {
+        if (m_out < 0 || Clock::now() >= deadline) return false;
+        Pump(MillisecondsLeft(deadline));
+    }
+    return true;
+}
+
+bool ChildProcess::ReadLine(std::string& line, int timeoutMs) { return LineWithin(timeoutMs) && TakeLine(line); }
+
+std::string ChildProcess::Err() {
+    // What the child wrote is taken up without waiting.
+    while (m_err >= 0) {
+        size_t before = m_errText.size();
+        int stillOpen = m_err;
+        Pump(0);
+        if (m_errText.size() == before && m_err == stillOpen) break;
+    }
+    return m_errText;
+}
+
+bool ChildProcess::Signal(int signal) { return m_pid > 0 && kill(m_pid, signal) == 0; }
+
+int ChildProcess::Wait(int timeoutMs) {
+    if (m_pid <= 0) return -1;
+    Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+    while ((m_out >= 0 || m_err >= 0) && Clock::now() < deadline) Pump(std::min(MillisecondsLeft(deadline), 50));
+    int status = 0;
+    while (waitpid(m_pid, &status, WNOHANG) != m_pid) {
+        if (Clock::now() >= deadline) return -2;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    m_pid = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+}  // namespace lumora::test
