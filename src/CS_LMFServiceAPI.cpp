@@ -37,8 +37,7 @@ bool CS_Lumora_Write(const char* subject, const char* data) {
 // Success is logged at error priority, where the log filters of the
 // applications that use the CS_ forms look for it.
 bool CS_Lumora_Request(const char* subject, const char* input, LumoraSubjectCb callback, void* userData) {
-    bool result =
-        Guarded(__func__, false, [&] { return LMFServiceAPI::Request(subject, input, callback, userData); });
+    bool result = Guarded(__func__, false, [&] { return LMFServiceAPI::Request(subject, input, callback, userData); });
     if (result) LMF_LOGE("call CS_Lumora_Request!");
     return result;
 }
@@ -58,8 +57,7 @@ char* CS_Lumora_ReadRecommendedList(const char* json) {
 }
 
 char* CS_Lumora_ReadHintList(const char* requester, const char* type) {
-    return Guarded(__func__, static_cast<char*>(nullptr),
-                   [&] { return LMFServiceAPI::ReadHintList(requester, type); });
+    return Guarded(__func__, static_cast<char*>(nullptr), [&] { return LMFServiceAPI::ReadHintList(requester, type); });
 }
 
 bool CS_WriteItemList(const char* json) {

@@ -48,7 +48,9 @@ bool DBusClientInternal::IsSendable(const DBusClient& client, const char* functi
     return true;
 }
 
-void lumora::internal::SetRequestIdCounterForTesting(int value) { __atomic_store_n(&g_nRequestId, value, __ATOMIC_SEQ_CST); }
+void lumora::internal::SetRequestIdCounterForTesting(int value) {
+    __atomic_store_n(&g_nRequestId, value, __ATOMIC_SEQ_CST);
+}
 
 int DBusClient::__GenerateSeqId() {
     int current = __atomic_load_n(&g_nRequestId, __ATOMIC_RELAXED);
@@ -74,10 +76,9 @@ int DBusClient::__RequestSync(int type, int reqId, const char* subject, const ch
     GVariant* parameters = RequestTuple(type, reqId, subject, input);
     LMF_LOGE("[%s] type:%d, reqId:%d, szSubject:%s, input:%s", name, type, reqId, subject, input);
     GError* error = nullptr;
-    GVariant* reply = g_dbus_connection_call_sync(connection, contract::kBusName, contract::kObjectPath,
-                                                  contract::kInterface, contract::kMethodRequestSync, parameters,
-                                                  nullptr, G_DBUS_CALL_FLAGS_NONE, contract::kRequestSyncTimeoutMs,
-                                                  nullptr, &error);
+    GVariant* reply = g_dbus_connection_call_sync(
+        connection, contract::kBusName, contract::kObjectPath, contract::kInterface, contract::kMethodRequestSync,
+        parameters, nullptr, G_DBUS_CALL_FLAGS_NONE, contract::kRequestSyncTimeoutMs, nullptr, &error);
     if (reply == nullptr) {
         if (error != nullptr) {
             LMF_LOGE("%s, reqId:%d", error->message, reqId);

@@ -74,16 +74,19 @@ void DeliverText(DBusClientRequest* request, const char* subject, GVariant* data
     if (g_variant_is_of_type(data, G_VARIANT_TYPE(contract::kTextPayload))) {
         g_variant_get(data, "(s)", &text);
     } else {
-        LMF_LOGE_IN(kOnResponseAsync, "unexpected payload %s, expected %s", g_variant_get_type_string(data), contract::kTextPayload);
+        LMF_LOGE_IN(kOnResponseAsync, "unexpected payload %s, expected %s", g_variant_get_type_string(data),
+                    contract::kTextPayload);
     }
     if (text != nullptr) LMF_LOGE_IN(kOnResponseAsync, "%s", text);
     if (text == nullptr) {
         Notify(request, subject, g_errorJson);
-        LMF_LOGI_IN(kOnResponseAsync, "Calling cb with error json : RequestID(%d) Subject(%s)", request->reqId, request->subject.c_str());
+        LMF_LOGI_IN(kOnResponseAsync, "Calling cb with error json : RequestID(%d) Subject(%s)", request->reqId,
+                    request->subject.c_str());
         return;
     }
     Notify(request, subject, text);
-    LMF_LOGI_IN(kOnResponseAsync, "Calling cb success : RequestID(%d) Subject(%s)", request->reqId, request->subject.c_str());
+    LMF_LOGI_IN(kOnResponseAsync, "Calling cb success : RequestID(%d) Subject(%s)", request->reqId,
+                request->subject.c_str());
     g_free(text);
 }
 
@@ -91,7 +94,8 @@ void DeliverStatistics(DBusClient& client, DBusClientRequest* request, const cha
     StatisticsResult result = {0, nullptr};
     client.__ResponseDataParsing(subject, data, result);
     Notify(request, subject, reinterpret_cast<char*>(&result));
-    LMF_LOGI_IN(kOnResponseAsync, "Calling cb success : RequestID(%d) Subject(%s)", request->reqId, request->subject.c_str());
+    LMF_LOGI_IN(kOnResponseAsync, "Calling cb success : RequestID(%d) Subject(%s)", request->reqId,
+                request->subject.c_str());
     client.__DataFree(subject, result);
 }
 
@@ -99,7 +103,7 @@ void DeliverReply(DBusClient& client, DBusClientRequest* request, GVariant* repl
     // Checked, not assumed, for the same reason as the payload in DeliverText.
     if (!g_variant_is_of_type(reply, G_VARIANT_TYPE(contract::kRequestAsyncReply))) {
         LMF_LOGE_IN(kOnResponseAsync, "unexpected reply %s, expected %s, reqId:%d", g_variant_get_type_string(reply),
-                 contract::kRequestAsyncReply, request->reqId);
+                    contract::kRequestAsyncReply, request->reqId);
         Notify(request, request->subject.c_str(), g_errorJson);
         return;
     }
@@ -107,13 +111,14 @@ void DeliverReply(DBusClient& client, DBusClientRequest* request, GVariant* repl
     const gchar* subject = nullptr;
     GVariant* revData = nullptr;
     g_variant_get(reply, "(i&sv)", &reqResult, &subject, &revData);
-    LMF_LOGI_IN(kOnResponseAsync, "reqResult=%d Subject=%s revData(%p) pRequest(%p)", reqResult, subject, static_cast<void*>(revData),
-             static_cast<void*>(request));
+    LMF_LOGI_IN(kOnResponseAsync, "reqResult=%d Subject=%s revData(%p) pRequest(%p)", reqResult, subject,
+                static_cast<void*>(revData), static_cast<void*>(request));
     if (reqResult != 0 || revData == nullptr) {
         LMF_LOGE_IN(kOnResponseAsync, "ERROR!!! : Subejct=%s ret=%d", subject, reqResult);
         if (revData != nullptr) g_variant_unref(revData);
         Notify(request, subject, g_errorJson);
-        LMF_LOGI_IN(kOnResponseAsync, "Calling cb with error json : RequestID(%d) Subject(%s)", request->reqId, request->subject.c_str());
+        LMF_LOGI_IN(kOnResponseAsync, "Calling cb with error json : RequestID(%d) Subject(%s)", request->reqId,
+                    request->subject.c_str());
         return;
     }
     if (request->isStatistics) {
@@ -178,8 +183,8 @@ int DBusClient::__RequestAsync(int type, int reqId, const char* subject, const c
     }
     if (input == nullptr) input = "";
     if (!DBusClientInternal::IsSendable(*this, __func__, subject, input)) return -3;
-    GVariant* parameters = g_variant_new(contract::kRequestTuple, static_cast<gint32>(getpid()), type, reqId,
-                                         subject, input);
+    GVariant* parameters =
+        g_variant_new(contract::kRequestTuple, static_cast<gint32>(getpid()), type, reqId, subject, input);
     LMF_LOGE("[%s] type:%d, reqId:%d, szSubject:%s, input:%s, pRequest:%p", m_strProcessName.c_str(), type, reqId,
              subject, input, static_cast<void*>(pRequest));
     g_dbus_connection_call(connection, contract::kBusName, contract::kObjectPath, contract::kInterface,
@@ -247,8 +252,8 @@ void DBusClient::OnResponseAsync(GObject* source, GAsyncResult* result, gpointer
             FreeRequest(request);
             return;
         }
-        LMF_LOGI_IN(kOnResponseAsync, "DbusClient AccessCnt is [%d] and pRequest AccessCnt is [%d]",
-                    client->m_nInitCnt, request->initCount);
+        LMF_LOGI_IN(kOnResponseAsync, "DbusClient AccessCnt is [%d] and pRequest AccessCnt is [%d]", client->m_nInitCnt,
+                    request->initCount);
         if (client->m_nInitCnt != request->initCount) {
             LMF_LOGE_IN(kOnResponseAsync, "Callback of previous init encountered hence returned");
             FreeRequest(request);
@@ -257,12 +262,14 @@ void DBusClient::OnResponseAsync(GObject* source, GAsyncResult* result, gpointer
         GError* error = nullptr;
         GVariant* reply = g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, &error);
         if (error != nullptr) {
-            LMF_LOGE_IN(kOnResponseAsync, "g_dbus_connection_call_finish failed ..[message:%s code:%d] ", error->message, error->code);
+            LMF_LOGE_IN(kOnResponseAsync, "g_dbus_connection_call_finish failed ..[message:%s code:%d] ",
+                        error->message, error->code);
             Notify(request, request->subject.c_str(), g_errorJson);
             g_error_free(error);
             if (reply != nullptr) g_variant_unref(reply);
         } else if (reply == nullptr) {
-            LMF_LOGE_IN(kOnResponseAsync, "Error state : Error Callback RequestID(%d) Subject(%s)", request->reqId, request->subject.c_str());
+            LMF_LOGE_IN(kOnResponseAsync, "Error state : Error Callback RequestID(%d) Subject(%s)", request->reqId,
+                        request->subject.c_str());
             Notify(request, request->subject.c_str(), g_errorJson);
         } else {
             DeliverReply(*client, request, reply);

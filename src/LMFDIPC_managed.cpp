@@ -58,8 +58,9 @@ void __OnMethodCall(GDBusConnection* /*connection*/, const gchar* sender, const 
     }
     LumoraDIPCMethodCallCb callback = handle->callbacks.onMethodCall;
     if (callback == nullptr) return;
-    CallUserCallback(
-        __func__, [&] { callback(sender, objectPath, interfaceName, methodName, parameters, invocation, handle->userData); });
+    CallUserCallback(__func__, [&] {
+        callback(sender, objectPath, interfaceName, methodName, parameters, invocation, handle->userData);
+    });
 }
 
 const GDBusInterfaceVTable kMethodTable = {__OnMethodCall, nullptr, nullptr, {nullptr}};

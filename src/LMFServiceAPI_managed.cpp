@@ -387,8 +387,7 @@ char* Lumora_ReadRecommendedList(const char* json) {
 }
 
 char* Lumora_ReadHintList(const char* requester, const char* type) {
-    return Guarded(__func__, static_cast<char*>(nullptr),
-                   [&] { return LMFServiceAPI::ReadHintList(requester, type); });
+    return Guarded(__func__, static_cast<char*>(nullptr), [&] { return LMFServiceAPI::ReadHintList(requester, type); });
 }
 
 bool Lumora_STAction(const char* uri, const char* data) {

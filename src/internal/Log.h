@@ -34,7 +34,7 @@ constexpr const char* BaseName(const char* path) {
 #endif
 #endif
 
-#define LMF_LOG_FULL(prio, function, fmt, ...)                                                            \
+#define LMF_LOG_FULL(prio, function, fmt, ...)                                                                \
     ::log_print((prio), ::lumora::internal::kLogTag, "%s: %s(%d) > " fmt, LMF_LOG_UNIT, (function), __LINE__, \
                 ##__VA_ARGS__)
 

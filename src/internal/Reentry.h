@@ -41,10 +41,10 @@ const char* BlockingLock(unsigned locks);
 // True, after one error line, when the calling operation (which takes
 // `locks`) runs inside a callback of this thread that holds one of them or
 // would break the lock order; the caller then fails at once.
-#define LMF_REFUSED_IN_CALLBACK(locks)                                                                     \
-    (::lumora::internal::BlockingLock(locks) != nullptr &&                                                 \
+#define LMF_REFUSED_IN_CALLBACK(locks)                                                                          \
+    (::lumora::internal::BlockingLock(locks) != nullptr &&                                                      \
      (LMF_LOGE("refused: %s() was called from a callback that runs with %s held, and would deadlock", __func__, \
-               ::lumora::internal::BlockingLock(locks)),                                                   \
+               ::lumora::internal::BlockingLock(locks)),                                                        \
       true))
 
 #endif  // LUMORA_INTERNAL_REENTRY_H

@@ -120,11 +120,11 @@ TEST(CExportsTest, RequestsAndSubscriptionsWorkFromCWithTheApplicationsOwnLoop) 
     EXPECT_EQ((std::vector<std::string>{"Ctx/App/Info/Current", "Ctx/Media/Source/Info/Current",
                                         "Ctx/Media/Broadcast/Program/Current"}),
               Subjects(monitor.Calls("RequestAsync"), ""));
-    EXPECT_EQ((std::vector<std::string>{"3 Ctx/Test/FromC/Changed", "4 Ctx/Test/FromC/Changed",
-                                        "3 Ctx/Sound/Output/Mode/Changed", "4 Ctx/Sound/Output/Mode/Changed",
-                                        "3 Ctx/Env/Brightness/EX/Level/Changed",
-                                        "4 Ctx/Env/Brightness/EX/Level/Changed"}),
-              SubscriptionTraffic(monitor.Calls("RequestSync")));
+    EXPECT_EQ(
+        (std::vector<std::string>{"3 Ctx/Test/FromC/Changed", "4 Ctx/Test/FromC/Changed",
+                                  "3 Ctx/Sound/Output/Mode/Changed", "4 Ctx/Sound/Output/Mode/Changed",
+                                  "3 Ctx/Env/Brightness/EX/Level/Changed", "4 Ctx/Env/Brightness/EX/Level/Changed"}),
+        SubscriptionTraffic(monitor.Calls("RequestSync")));
     EXPECT_EQ(1u, log.Count("call CS_Lumora_Request!", 'E')) << log.Dump();
     EXPECT_EQ(0u, log.Count("call CS_Lumora_Subscribe!"));
     EXPECT_EQ(1u, log.Count("Error! Ctx/Test/FromC/Changed is already registered", 'E'));

@@ -1,12 +1,12 @@
 // Asynchronous requests through the exported functions against lumora-sim:
 // results, the callback's arguments and thread, what went on the bus, and
 // the log lines.
+#include <malloc.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstring>
-#include <malloc.h>
 #include <thread>
 
 #include "CallbackRecorder.h"
@@ -147,8 +147,7 @@ TEST_F(RequestTest, AReplyOfAnEarlierStartIsDroppedWithoutCallingBack) {
     ASSERT_TRUE(Lumora_RequestCurrentAppInfo(nullptr, Recorded<1>, nullptr));
     ASSERT_TRUE(Lumora_FiniService());
     ASSERT_TRUE(Lumora_InitService());
-    ASSERT_TRUE(WaitUntil([&] { return m_log.Has("Callback of previous init encountered hence returned", 'E'); },
-                          5000))
+    ASSERT_TRUE(WaitUntil([&] { return m_log.Has("Callback of previous init encountered hence returned", 'E'); }, 5000))
         << m_log.Dump();
     EXPECT_TRUE(m_log.Has("DbusClient AccessCnt is [2] and pRequest AccessCnt is [1]", 'I')) << m_log.Dump();
     g_usleep(300 * 1000);
@@ -280,8 +279,8 @@ void OnAppStatistics(const char* subject, char* data, void*) {
     g_statisticsCount = result->count;
     auto* items = static_cast<AppDurationItem*>(result->items);
     for (int i = 0; items != nullptr && i < result->count; ++i) {
-        g_appRecords.push_back({items[i].field1, items[i].field2, items[i].field3, items[i].field4, items[i].field5,
-                                items[i].field6});
+        g_appRecords.push_back(
+            {items[i].field1, items[i].field2, items[i].field3, items[i].field4, items[i].field5, items[i].field6});
     }
     CallbackRecorder::Instance().Add(1, subject, "", nullptr);
 }
@@ -345,8 +344,7 @@ TEST_F(WhitelistedRequestTest, StatisticsRecordsAreFreedOnceTheCallbackReturns) 
         tuples += "[1, 2, \"" + text + "\", \"" + text + "\", \"" + text + "\", 3]";
     }
     tuples += "]";
-    ASSERT_TRUE(
-        Control(sim::kCtlSetStatistics, g_variant_new("(ss)", "I/TallyDB/App/Duration", tuples.c_str())).Ok());
+    ASSERT_TRUE(Control(sim::kCtlSetStatistics, g_variant_new("(ss)", "I/TallyDB/App/Duration", tuples.c_str())).Ok());
     ASSERT_EQ(1, g_oneArena);
     setenv("LUMORA_LOG_LEVEL", "none", 1);
     // One answer in flight at a time, so that GIO's own buffers stay at the

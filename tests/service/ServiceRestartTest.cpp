@@ -129,14 +129,15 @@ protected:
         auto calls = LibraryCalls("RequestSync");
         std::vector<std::string> subjects;
         for (const BusMessage& call : calls) subjects.push_back(call.subject);
-        EXPECT_EQ((std::vector<std::string>{"Ctx/App/Info/Changed", "Ctx/App/Info/Changed", "Ctx/Media/Source/Changed"}),
-                  subjects);
+        EXPECT_EQ(
+            (std::vector<std::string>{"Ctx/App/Info/Changed", "Ctx/App/Info/Changed", "Ctx/Media/Source/Changed"}),
+            subjects);
         EXPECT_TRUE(LMFServiceAPI::IsAvailable());
         size_t before = Recorder().Count();
         auto emitted = Clock::now();
         for (int i = 0; i < 2; ++i) {
-            ASSERT_TRUE(Control(lumora::sim::kCtlEmit,
-                                g_variant_new("(ss)", "Ctx/App/Info/Changed", ("{\"n\":" + std::to_string(i) + "}").c_str()))
+            ASSERT_TRUE(Control(lumora::sim::kCtlEmit, g_variant_new("(ss)", "Ctx/App/Info/Changed",
+                                                                     ("{\"n\":" + std::to_string(i) + "}").c_str()))
                             .Ok());
             ASSERT_TRUE(
                 Control(lumora::sim::kCtlEmit, g_variant_new("(ss)", "Ctx/Media/Source/Changed", "{\"Source\":\"TV\"}"))
@@ -155,9 +156,10 @@ protected:
         EXPECT_EQ(&m_first, DeliveriesTo(1)[0].userData);
         EXPECT_EQ(&m_second, DeliveriesTo(2)[0].userData);
         EXPECT_EQ(2u, DeliveriesTo(3).size());
-        printf("timing: service back -> every subscription registered again: %.0f ms; "
-               "emit -> 6 notifications delivered: %.0f ms\n",
-               resubscribedMs, notifiedMs);
+        printf(
+            "timing: service back -> every subscription registered again: %.0f ms; "
+            "emit -> 6 notifications delivered: %.0f ms\n",
+            resubscribedMs, notifiedMs);
     }
 
     int m_first = 1, m_second = 2, m_third = 3;

@@ -75,7 +75,8 @@ struct SubscribePair {
     const char* subject;
 };
 
-#define PAIR(suffix, subject) {#suffix, Lumora_Subscribe##suffix, Lumora_Unsubscribe##suffix, subject}
+#define PAIR(suffix, subject) \
+    { #suffix, Lumora_Subscribe##suffix, Lumora_Unsubscribe##suffix, subject }
 const SubscribePair kSubscribePairs[] = {
     PAIR(PrefChannelList, "Pref/Channel/List"),
     PAIR(PrefChannelListByCurrentSource, "Pref/Channel/List/CurrentSource"),
@@ -127,7 +128,8 @@ struct RequestFunction {
     const char* subject;
 };
 
-#define REQUEST(name, subject) {#name, Lumora_##name, subject}
+#define REQUEST(name, subject) \
+    { #name, Lumora_##name, subject }
 const RequestFunction kRequestFunctions[] = {
     REQUEST(RequestPrefChannelList, "Pref/Channel/List"),
     REQUEST(RequestPrefChannelListByCurrentSource, "Pref/Channel/List/CurrentSource"),
@@ -371,9 +373,9 @@ TEST_F(SubscribeTest, HelloSendsEverySubscriptionRecordAgainAndItsLinesNameTheHa
     ASSERT_TRUE(Control(sim::kCtlRestart, g_variant_new("(u)", 200u)).Ok());
     // One type-3 message per record: the subject with two callbacks twice.
     ASSERT_TRUE(WaitUntil([&] { return SubscriptionTraffic().size() >= 3; }, 5000)) << m_log.Dump();
-    EXPECT_EQ((std::vector<std::string>{"3 Ctx/App/Info/Changed", "3 Ctx/App/Info/Changed",
-                                        "3 Ctx/Media/Source/Changed"}),
-              SubscriptionTraffic());
+    EXPECT_EQ(
+        (std::vector<std::string>{"3 Ctx/App/Info/Changed", "3 Ctx/App/Info/Changed", "3 Ctx/Media/Source/Changed"}),
+        SubscriptionTraffic());
     auto hello = m_log.Find("[myapp] HELLO, {\"WhiteList\":[\"lumora\",\"tv-launcher\",\"tv-settings\"]}", 'I');
     ASSERT_EQ(1u, hello.size()) << m_log.Dump();
     EXPECT_EQ("DBusClient.cpp", hello[0].file);
@@ -425,10 +427,9 @@ TEST_F(SubscribeTest, TheVolumeSubscriptionWarnsOnEveryCallAndTheSecondIsRefused
              reinterpret_cast<void*>(&Recorded<1>));
     EXPECT_TRUE(m_log.Has(refused, 'E')) << m_log.Dump();
     EXPECT_TRUE(Lumora_UnsubscribeVolumeLevel(Recorded<1>, nullptr));
-    EXPECT_EQ(1u,
-              m_log.Count("DEPRECATION WARNING: Lumora_UnsubscribeVolumeLevel() is deprecated and will be removed "
-                          "since API version 6.0",
-                          'W'));
+    EXPECT_EQ(1u, m_log.Count("DEPRECATION WARNING: Lumora_UnsubscribeVolumeLevel() is deprecated and will be removed "
+                              "since API version 6.0",
+                              'W'));
 }
 
 TEST_F(SubscribeTest, CsSubscribeLogsItsSuccessOnceAndNothingOnFailure) {

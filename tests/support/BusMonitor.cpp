@@ -1,10 +1,10 @@
 // BusMonitor: a dbus-daemon monitor connection with a recording filter.
 #include "BusMonitor.h"
 
-#include "BusCalls.h"
-
 #include <chrono>
 #include <cstdio>
+
+#include "BusCalls.h"
 
 namespace lumora::test {
 
@@ -75,9 +75,9 @@ BusMonitor::BusMonitor(const std::string& address) {
                             "type='method_call',destination='org.freedesktop.DBus',member='AddMatch'",
                             "type='method_call',destination='org.freedesktop.DBus',member='RemoveMatch'",
                             nullptr};
-    CallResult monitoring = CallMethod(m_connection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                       "org.freedesktop.DBus.Monitoring", "BecomeMonitor",
-                                       g_variant_new("(^asu)", rules, 0u));
+    CallResult monitoring =
+        CallMethod(m_connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus.Monitoring",
+                   "BecomeMonitor", g_variant_new("(^asu)", rules, 0u));
     m_monitoring = monitoring.Ok();
     if (!monitoring.Ok()) {
         fprintf(stderr, "monitor: %s\n", monitoring.Print().c_str());

@@ -19,7 +19,7 @@ struct BusMessage {
     std::string destination;
     std::string member;
     std::string signature;
-    std::string body;  // g_variant_print of the body, "" when empty
+    std::string body;       // g_variant_print of the body, "" when empty
     std::string errorName;  // of an error reply
     // The request tuple of "RequestSync", "RequestAsync" and "Write".
     int pid = 0;
