@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "LMFServiceAPIInternal.h"
 #include "internal/Log.h"
 #include "internal/Reentry.h"
 
@@ -61,6 +62,19 @@ bool PrepareFirstStart(const char* caller) {
 }
 
 }  // namespace
+
+DBusClient* lumora::internal::ServiceClient(const char* function) {
+    DBusClient* client = LMFServiceAPI::m_pDbusClient;
+    if (client == nullptr) LMF_LOGE_IN(function, "dbus not created!");
+    return client;
+}
+
+// Only internal subjects are guarded; anything else goes through.
+bool lumora::internal::MayUseSubject(const char* function, DBusClient& client, const char* subject) {
+    if (!LMFServiceAPI::_CheckInternalSubject(subject) || client.CheckWhiteListProcess()) return true;
+    LMF_LOGE_IN(function, "This subject is not for external apps .. ");
+    return false;
+}
 
 extern "C" bool Is_LMFSupported() {
     bool enabled = false;
@@ -125,12 +139,8 @@ bool LMFServiceAPI::FiniService() {
 }
 
 bool LMFServiceAPI::IsAvailable() {
-    DBusClient* client = m_pDbusClient;
-    if (client == nullptr) {
-        LMF_LOGE("dbus not created!");
-        return false;
-    }
-    return client->IsAvailable();
+    DBusClient* client = lumora::internal::ServiceClient(__func__);
+    return client != nullptr && client->IsAvailable();
 }
 
 bool LMFServiceAPI::SetSourceAndModel(LMF_SRC_TYPE source, LMF_MODEL_TYPE model) {
@@ -157,16 +167,8 @@ bool LMFServiceAPI::_CheckInternalSubject(const char* subject) {
 
 bool LMFServiceAPI::Read(const char* subject, const char* input, std::string& output) {
     if (LMF_REFUSED_IN_CALLBACK(kClientMutex)) return false;
-    DBusClient* client = m_pDbusClient;
-    if (client == nullptr) {
-        LMF_LOGE("dbus not created!");
-        return false;
-    }
-    // Only internal subjects are guarded; reads of anything else go through.
-    if (_CheckInternalSubject(subject) && !client->CheckWhiteListProcess()) {
-        LMF_LOGE("This subject is not for external apps .. ");
-        return false;
-    }
+    DBusClient* client = lumora::internal::ServiceClient(__func__);
+    if (client == nullptr || !lumora::internal::MayUseSubject(__func__, *client, subject)) return false;
     char* text = nullptr;
     int result = client->Read(subject, input, &text);
     if (result != 0) {
@@ -186,11 +188,8 @@ bool LMFServiceAPI::Read(const char* subject, const char* input, std::string& ou
 
 // Writes are not checked against the whitelist, internal subjects included.
 bool LMFServiceAPI::Write(const char* subject, const char* input) {
-    DBusClient* client = m_pDbusClient;
-    if (client == nullptr) {
-        LMF_LOGE("dbus not created!");
-        return false;
-    }
+    DBusClient* client = lumora::internal::ServiceClient(__func__);
+    if (client == nullptr) return false;
     int result = client->Write(subject, input);
     if (result == 0) return true;
     LMF_LOGE("error %d", result);

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <new>
 
+#include "LMFServiceAPIInternal.h"
 #include "internal/Log.h"
 #include "internal/Reentry.h"
 
@@ -25,20 +26,14 @@ bool IsValidSubject(const char* subject) {
 // Steps shared by Subscribe and Unsubscribe, run under m_mutex: a client, a
 // valid subject, and the whitelist for internal subjects. The lines belong
 // to the calling operation.
-bool MayUseSubject(const char* function, const char* subject) {
-    if (LMFServiceAPI::m_pDbusClient == nullptr) {
-        LMF_LOGE_IN(function, "dbus not created!");
-        return false;
-    }
+bool MaySubscribe(const char* function, const char* subject) {
+    DBusClient* client = lumora::internal::ServiceClient(function);
+    if (client == nullptr) return false;
     if (!IsValidSubject(subject)) {
         LMF_LOGE_IN(function, "Invalid subject .. ");
         return false;
     }
-    if (LMFServiceAPI::_CheckInternalSubject(subject) && !LMFServiceAPI::m_pDbusClient->CheckWhiteListProcess()) {
-        LMF_LOGE_IN(function, "This subject is not for external apps .. ");
-        return false;
-    }
-    return true;
+    return lumora::internal::MayUseSubject(function, *client, subject);
 }
 
 bool SameTriple(const SubscribeDataNonType* record, const std::string& subject, LumoraSubjectCb callback,
@@ -64,15 +59,8 @@ struct UntypedDelivery {
 
 bool LMFServiceAPI::Request(const char* subject, const char* input, LumoraSubjectCb callback, void* userData) {
     if (LMF_REFUSED_IN_CALLBACK(kClientMutex)) return false;
-    DBusClient* client = m_pDbusClient;
-    if (client == nullptr) {
-        LMF_LOGE("dbus not created!");
-        return false;
-    }
-    if (_CheckInternalSubject(subject) && !client->CheckWhiteListProcess()) {
-        LMF_LOGE("This subject is not for external apps .. ");
-        return false;
-    }
+    DBusClient* client = lumora::internal::ServiceClient(__func__);
+    if (client == nullptr || !lumora::internal::MayUseSubject(__func__, *client, subject)) return false;
     int result = client->Request(subject, input, callback, userData);
     if (result == 0) return true;
     LMF_LOGE("error %d", result);
@@ -82,7 +70,7 @@ bool LMFServiceAPI::Request(const char* subject, const char* input, LumoraSubjec
 bool LMFServiceAPI::Subscribe(const char* subject, LumoraSubjectCb callback, void* user_data) {
     if (LMF_REFUSED_IN_CALLBACK(kServiceMutex | kClientMutex)) return false;
     ContextAutoLock lock(&m_mutex);
-    if (!MayUseSubject(__func__, subject)) return false;
+    if (!MaySubscribe(__func__, subject)) return false;
     if (_FindSubscribeDataNonType(subject, callback, user_data) != nullptr) {
         LMF_LOGE("already subscribed subject[%s]cb[%p], ", subject, reinterpret_cast<void*>(callback));
         return false;
@@ -105,7 +93,7 @@ bool LMFServiceAPI::Subscribe(const char* subject, LumoraSubjectCb callback, voi
 bool LMFServiceAPI::Unsubscribe(const char* subject, LumoraSubjectCb callback, void* user_data) {
     if (LMF_REFUSED_IN_CALLBACK(kServiceMutex | kClientMutex)) return false;
     ContextAutoLock lock(&m_mutex);
-    if (!MayUseSubject(__func__, subject)) return false;
+    if (!MaySubscribe(__func__, subject)) return false;
     // A triple that was never subscribed is not an error here; the bus client
     // decides the result.
     _RemoveSubscribeDataNonType(subject, callback, user_data);

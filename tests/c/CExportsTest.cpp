@@ -1,7 +1,8 @@
-// Runs the plain-C program of tests/c/exports.c against the simulator and
-// checks what it sent and logged.
+// Runs the plain-C programs of tests/c against the simulator and checks what
+// they sent and logged.
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -22,18 +23,27 @@ std::vector<std::string> Subjects(const std::vector<BusMessage>& calls, const st
     return subjects;
 }
 
-TEST(CExportsTest, EveryReadAndWriteExportWorksFromC) {
-    TempDir dir;
-    ScopedEnv db("LUMORA_SETTINGS_DB", dir.File("settings.db"));
-    LogCapture log;
-    TestBus bus;
-    ASSERT_TRUE(bus.Start());
-    BusMonitor monitor(bus.Address());
-    ASSERT_TRUE(monitor.Ok());
-    SimProcess sim;
-    ASSERT_TRUE(sim.Start());
-    log.Mark();
+// A private bus watched by a monitor, and lumora-sim; the C program is run by
+// the test.
+class CExportsTest : public testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(m_bus.Start());
+        m_monitor = std::make_unique<BusMonitor>(m_bus.Address());
+        ASSERT_TRUE(m_monitor->Ok());
+        ASSERT_TRUE(m_sim.Start());
+        m_log.Mark();
+    }
 
+    TempDir m_dir;
+    ScopedEnv m_db{"LUMORA_SETTINGS_DB", m_dir.File("settings.db")};
+    LogCapture m_log;
+    TestBus m_bus;
+    std::unique_ptr<BusMonitor> m_monitor;
+    SimProcess m_sim;
+};
+
+TEST_F(CExportsTest, EveryReadAndWriteExportWorksFromC) {
     RunResult run = RunProgram(LUMORA_C_EXPORTS_EXECUTABLE, {});
     EXPECT_EQ(0, run.exitStatus) << run.err;
     EXPECT_EQ("c exports ok\n", run.out);
@@ -62,9 +72,9 @@ TEST(CExportsTest, EveryReadAndWriteExportWorksFromC) {
                   "Data/App/Recommended/List",
                   "Data/Setting/Recommended/List",
               }),
-              Subjects(monitor.Calls("RequestSync"), ""));
-    ASSERT_TRUE(monitor.WaitForCalls(4, 5000, "Write"));
-    auto writes = monitor.Calls("Write");
+              Subjects(m_monitor->Calls("RequestSync"), ""));
+    ASSERT_TRUE(m_monitor->WaitForCalls(4, 5000, "Write"));
+    auto writes = m_monitor->Calls("Write");
     ASSERT_EQ(4u, writes.size());
     EXPECT_EQ("Ctx/Test/FromC", writes[0].subject);
     EXPECT_EQ("{\"c\":1}", writes[0].input);
@@ -72,25 +82,25 @@ TEST(CExportsTest, EveryReadAndWriteExportWorksFromC) {
     EXPECT_EQ("Raw/Setting/Selected/Item", writes[2].subject);
     EXPECT_EQ("{\"item\":\"Picture\"}", writes[2].input);
     EXPECT_EQ("Ctx/Test/FromC/CS", writes[3].subject);
-    auto reads = monitor.Calls("RequestSync");
+    auto reads = m_monitor->Calls("RequestSync");
     EXPECT_EQ("NeStOrY", reads[18].input);
     EXPECT_EQ("{}", reads[1].input);
 
-    EXPECT_EQ(1u, log.Count("DEPRECATION WARNING: Lumora_ReadCurrentVolumeLevel() is deprecated and will be removed "
-                            "since API version 6.0",
-                            'W'))
-        << log.Dump();
+    EXPECT_EQ(1u, m_log.Count("DEPRECATION WARNING: Lumora_ReadCurrentVolumeLevel() is deprecated and will be removed "
+                              "since API version 6.0",
+                              'W'))
+        << m_log.Dump();
     for (const char* name : {"Lumora_ReadCurrentVideoStatus", "Lumora_RequestCurrentVideoStatus",
                              "Lumora_SubscribeVideoStatus", "Lumora_UnsubscribeVideoStatus"}) {
-        EXPECT_EQ(1u, log.Count(std::string("DEPRECATION WARNING: ") + name +
-                                    "() is deprecated and will be removed since API version 3.0",
-                                'W'))
+        EXPECT_EQ(1u, m_log.Count(std::string("DEPRECATION WARNING: ") + name +
+                                      "() is deprecated and will be removed since API version 3.0",
+                                  'W'))
             << name;
     }
-    EXPECT_EQ(1u, log.Count("Invalid requester", 'E'));
-    EXPECT_EQ(1u, log.Count("error -4", 'E'));
-    EXPECT_EQ(1u, log.Count("[c_exports] input is null", 'E'));
-    EXPECT_TRUE(log.Has("Item List setbank set as ({\"HomeApps\":{\"group\":\"HomeApps\",\"list\":[\"a\"]}})", 'I'));
+    EXPECT_EQ(1u, m_log.Count("Invalid requester", 'E'));
+    EXPECT_EQ(1u, m_log.Count("error -4", 'E'));
+    EXPECT_EQ(1u, m_log.Count("[c_exports] input is null", 'E'));
+    EXPECT_TRUE(m_log.Has("Item List setbank set as ({\"HomeApps\":{\"group\":\"HomeApps\",\"list\":[\"a\"]}})", 'I'));
 }
 
 // The type-3 and type-4 messages, as "3 subject".
@@ -103,32 +113,23 @@ std::vector<std::string> SubscriptionTraffic(const std::vector<BusMessage>& call
     return traffic;
 }
 
-TEST(CExportsTest, RequestsAndSubscriptionsWorkFromCWithTheApplicationsOwnLoop) {
-    LogCapture log;
-    TestBus bus;
-    ASSERT_TRUE(bus.Start());
-    BusMonitor monitor(bus.Address());
-    ASSERT_TRUE(monitor.Ok());
-    SimProcess sim;
-    ASSERT_TRUE(sim.Start());
-    log.Mark();
-
+TEST_F(CExportsTest, RequestsAndSubscriptionsWorkFromCWithTheApplicationsOwnLoop) {
     RunResult run = RunProgram(LUMORA_C_EVENTS_EXECUTABLE, {});
     EXPECT_EQ(0, run.exitStatus) << run.err;
     EXPECT_EQ("c events ok\n", run.out);
 
     EXPECT_EQ((std::vector<std::string>{"Ctx/App/Info/Current", "Ctx/Media/Source/Info/Current",
                                         "Ctx/Media/Broadcast/Program/Current"}),
-              Subjects(monitor.Calls("RequestAsync"), ""));
+              Subjects(m_monitor->Calls("RequestAsync"), ""));
     EXPECT_EQ(
         (std::vector<std::string>{"3 Ctx/Test/FromC/Changed", "4 Ctx/Test/FromC/Changed",
                                   "3 Ctx/Sound/Output/Mode/Changed", "4 Ctx/Sound/Output/Mode/Changed",
                                   "3 Ctx/Env/Brightness/EX/Level/Changed", "4 Ctx/Env/Brightness/EX/Level/Changed"}),
-        SubscriptionTraffic(monitor.Calls("RequestSync")));
-    EXPECT_EQ(1u, log.Count("call CS_Lumora_Request!", 'E')) << log.Dump();
-    EXPECT_EQ(0u, log.Count("call CS_Lumora_Subscribe!"));
-    EXPECT_EQ(1u, log.Count("Error! Ctx/Test/FromC/Changed is already registered", 'E'));
-    EXPECT_EQ(1u, log.Count("Invalid requester", 'E'));
+        SubscriptionTraffic(m_monitor->Calls("RequestSync")));
+    EXPECT_EQ(1u, m_log.Count("call CS_Lumora_Request!", 'E')) << m_log.Dump();
+    EXPECT_EQ(0u, m_log.Count("call CS_Lumora_Subscribe!"));
+    EXPECT_EQ(1u, m_log.Count("Error! Ctx/Test/FromC/Changed is already registered", 'E'));
+    EXPECT_EQ(1u, m_log.Count("Invalid requester", 'E'));
 }
 
 }  // namespace

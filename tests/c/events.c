@@ -1,20 +1,12 @@
 /* Requests and subscriptions used from C, with the application's own GLib
  * main loop, against the simulator the test runner started. Prints what is
- * wrong and exits non-zero on the first failed check. */
+ * wrong and exits non-zero when a check failed. */
 #include <glib.h>
 #include <lumora/lumora-api.h>
 #include <stdio.h>
 #include <string.h>
 
-static int failures = 0;
-
-#define CHECK(cond)                                                                  \
-    do {                                                                             \
-        if (!(cond)) {                                                               \
-            fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond); \
-            ++failures;                                                              \
-        }                                                                            \
-    } while (0)
+#include "check.h"
 
 typedef struct {
     int calls;

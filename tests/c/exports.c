@@ -7,15 +7,7 @@
 #include <stdlib.h>
 #include <string.h>
 
-static int failures = 0;
-
-#define CHECK(cond)                                                  \
-    do {                                                             \
-        if (!(cond)) {                                               \
-            fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond); \
-            ++failures;                                              \
-        }                                                            \
-    } while (0)
+#include "check.h"
 
 /* A read must give a value (a JSON text) that the caller frees. */
 static void ExpectValue(char* value, const char* what) {

@@ -12,13 +12,9 @@
 #include <string>
 #include <vector>
 
-#include "BusCalls.h"
 #include "BusMonitor.h"
 #include "ChildProcess.h"
-#include "ControlContract.h"
-#include "SimProcess.h"
-#include "TempDir.h"
-#include "TestBus.h"
+#include "CliFixture.h"
 
 namespace lumora::test {
 namespace {
@@ -187,23 +183,8 @@ TEST_F(CliEventsUsageTest, RequestAndSubscribeWithoutABusFailWithOneLine) {
 }
 
 // Commands against the simulator.
-class CliEventsTest : public testing::Test {
+class CliEventsTest : public CliServiceFixture {
 protected:
-    void SetUp() override {
-        ASSERT_TRUE(m_bus.Start());
-        ASSERT_TRUE(m_sim.Start());
-        m_control = ConnectToBus(m_bus.Address());
-        ASSERT_NE(nullptr, m_control);
-    }
-    void TearDown() override {
-        m_sim.Stop();
-        if (m_control != nullptr) g_object_unref(m_control);
-    }
-
-    std::string SimValue(const std::string& subject) { return ServiceValue(m_control, subject); }
-    bool Control(const char* method, GVariant* parameters = nullptr) {
-        return CallControl(m_control, method, parameters).Ok();
-    }
     bool SetValue(const std::string& subject, const std::string& data) {
         return Control(sim::kCtlSetValue, g_variant_new("(ss)", subject.c_str(), data.c_str()));
     }
@@ -268,11 +249,6 @@ protected:
         return path;
     }
 
-    TempDir m_dir;
-    ScopedEnv m_db{"LUMORA_SETTINGS_DB", m_dir.File("settings.db")};
-    TestBus m_bus;
-    SimProcess m_sim;
-    GDBusConnection* m_control = nullptr;
     ChildProcess m_subscribe;
 };
 

@@ -5,11 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "BusCalls.h"
-#include "ControlContract.h"
-#include "SimProcess.h"
-#include "TempDir.h"
-#include "TestBus.h"
+#include "CliFixture.h"
 
 namespace lumora::test {
 namespace {
@@ -124,28 +120,7 @@ TEST_F(CliUsageTest, StatusWithoutABusSaysSoAndFails) {
 }
 
 // Commands against the simulator.
-class CliServiceTest : public testing::Test {
-protected:
-    void SetUp() override {
-        ASSERT_TRUE(m_bus.Start());
-        ASSERT_TRUE(m_sim.Start());
-        m_control = ConnectToBus(m_bus.Address());
-        ASSERT_NE(nullptr, m_control);
-    }
-    void TearDown() override {
-        m_sim.Stop();
-        if (m_control != nullptr) g_object_unref(m_control);
-    }
-
-    std::string SimValue(const std::string& subject) { return ServiceValue(m_control, subject); }
-    bool Control(const char* method, GVariant* parameters) { return CallControl(m_control, method, parameters).Ok(); }
-
-    TempDir m_dir;
-    ScopedEnv m_db{"LUMORA_SETTINGS_DB", m_dir.File("settings.db")};
-    TestBus m_bus;
-    SimProcess m_sim;
-    GDBusConnection* m_control = nullptr;
-};
+class CliServiceTest : public CliServiceFixture {};
 
 TEST_F(CliServiceTest, ReadPrintsTheValueAndNothingElse) {
     RunResult read = Lumora({"read", "Ctx/Media/Source/Info/Current"});

@@ -292,12 +292,9 @@ TEST_F(ReadWriteTest, EightThreadsReadWhileTheMainLoopRuns) {
 // A reply that only resembles the no-data marker is a value.
 TEST(NoDataMarkerTest, OnlyExactlyTwoBracesMeanNoData) {
     program_invocation_short_name = const_cast<char*>("myapp");
-    TestBus bus;
-    ASSERT_TRUE(bus.Start());
-    ReadyMarker marker;
-    MisbehavingService service(bus.Address());
-    ASSERT_TRUE(service.Ok());
-    service.SetReply("ServiceEnable", "(true, '{\"WhiteList\":[]}')");
+    MisbehavingServiceBus peer;
+    ASSERT_TRUE(peer.Start());
+    MisbehavingService& service = peer.Service();
     ASSERT_EQ(LMF_INIT_OK, Lumora_InitServiceWithResponse(nullptr, nullptr));
     DBusClient* client = LMFServiceAPI::m_pDbusClient;
     for (const char* text : {"{ }", "{}\n", " {}", "{}"}) {

@@ -9,7 +9,6 @@
 #include <cstring>
 #include <thread>
 
-#include "CallbackRecorder.h"
 #include "MisbehavingService.h"
 #include "ServiceFixture.h"
 
@@ -20,25 +19,7 @@ namespace sim = lumora::sim;
 
 constexpr const char* kErrorText = "{\"Status\":\"Error\"}";
 
-class RequestTest : public ServiceTest {
-protected:
-    void SetUp() override {
-        CallbackRecorder::Instance().Clear();
-        ServiceTest::SetUp();
-    }
-
-    // Starts the library; the main loop runs on m_loop's thread.
-    void Start() {
-        ASSERT_TRUE(Lumora_InitService());
-        ASSERT_TRUE(LMFServiceAPI::IsAvailable());
-        m_log.Mark();
-        m_monitor->Clear();
-    }
-
-    static CallbackRecorder& Recorder() { return CallbackRecorder::Instance(); }
-
-    MainLoopThread m_loop;
-};
+class RequestTest : public EventTest {};
 
 TEST_F(RequestTest, ARequestCallsBackOnceWithTheValueOnTheMainLoopThread) {
     Start();
@@ -464,13 +445,9 @@ TEST(RequestReplySubjectTest, TheCallbackGetsTheSubjectTheServiceNamedInItsReply
     program_invocation_short_name = const_cast<char*>("myapp");
     CallbackRecorder::Instance().Clear();
     LogCapture log;
-    TestBus bus;
-    ASSERT_TRUE(bus.Start());
-    ReadyMarker marker;
-    MisbehavingService service(bus.Address());
-    ASSERT_TRUE(service.Ok());
-    service.SetReply("ServiceEnable", "(true, '{\"WhiteList\":[]}')");
-    service.SetReply("RequestAsync", "(3, 'Other/Subject', <('ignored',)>)");
+    MisbehavingServiceBus peer;
+    ASSERT_TRUE(peer.Start());
+    peer.Service().SetReply("RequestAsync", "(3, 'Other/Subject', <('ignored',)>)");
     MainLoopThread loop;
     ASSERT_EQ(LMF_INIT_OK, Lumora_InitServiceWithResponse(nullptr, nullptr));
     ASSERT_TRUE(Lumora_RequestCurrentAppInfo(nullptr, Recorded<1>, nullptr));

@@ -12,6 +12,7 @@
 
 #include "BusCalls.h"
 #include "BusMonitor.h"
+#include "CallbackRecorder.h"
 #include "ControlContract.h"
 #include "LogCapture.h"
 #include "MainLoopThread.h"
@@ -67,6 +68,29 @@ protected:
     std::unique_ptr<BusMonitor> m_monitor;
     SimProcess m_sim;
     GDBusConnection* m_control = nullptr;
+};
+
+/// For requests and subscriptions: Start() starts the library against the
+/// simulator; the default main context runs on m_loop's thread, and the
+/// callbacks record what they get in CallbackRecorder.
+class EventTest : public ServiceTest {
+protected:
+    void SetUp() override {
+        CallbackRecorder::Instance().Clear();
+        ServiceTest::SetUp();
+    }
+
+    /// Starts the library; the log and the monitor then begin afresh.
+    void Start() {
+        ASSERT_TRUE(Lumora_InitService());
+        ASSERT_TRUE(LMFServiceAPI::IsAvailable());
+        m_log.Mark();
+        m_monitor->Clear();
+    }
+
+    static CallbackRecorder& Recorder() { return CallbackRecorder::Instance(); }
+
+    MainLoopThread m_loop;
 };
 
 }  // namespace lumora::test

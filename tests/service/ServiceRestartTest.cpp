@@ -9,7 +9,6 @@
 #include <cstdio>
 #include <thread>
 
-#include "CallbackRecorder.h"
 #include "ServiceFixture.h"
 
 namespace lumora::test {
@@ -86,13 +85,11 @@ double MsSince(Clock::time_point start) {
 constexpr const char* kErrorText = "{\"Status\":\"Error\"}";
 constexpr int kRequestCallback = 50;
 
-class ServiceProcessRestartTest : public ServiceTest {
+class ServiceProcessRestartTest : public EventTest {
 protected:
     void SetUp() override {
-        CallbackRecorder::Instance().Clear();
-        ServiceTest::SetUp();
-        ASSERT_TRUE(Lumora_InitService());
-        ASSERT_TRUE(LMFServiceAPI::IsAvailable());
+        EventTest::SetUp();
+        Start();
         // Two callbacks on one subject and one on another.
         ASSERT_TRUE(Lumora_SubscribeAppInfo(Recorded<1>, &m_first));
         ASSERT_TRUE(Lumora_SubscribeAppInfo(Recorded<2>, &m_second));
@@ -100,8 +97,6 @@ protected:
         m_monitor->Clear();
         m_log.Mark();
     }
-
-    static CallbackRecorder& Recorder() { return CallbackRecorder::Instance(); }
 
     std::vector<Delivery> DeliveriesTo(int callback) {
         std::vector<Delivery> found;
@@ -166,7 +161,6 @@ protected:
 };
 
 TEST_F(ServiceProcessRestartTest, AfterSigkillARequestInFlightCallsBackOnceWithTheErrorAndSubscriptionsResume) {
-    MainLoopThread loop;
     ASSERT_TRUE(Control(lumora::sim::kCtlSetDelay, g_variant_new("(su)", "Ctx/App/Info/Current", 60000u)).Ok());
     ASSERT_TRUE(Lumora_RequestCurrentAppInfo(nullptr, Recorded<kRequestCallback>, nullptr));
     ASSERT_TRUE(m_monitor->WaitForCalls(1, 5000, "RequestAsync"));
@@ -204,7 +198,6 @@ TEST_F(ServiceProcessRestartTest, AfterSigkillARequestInFlightCallsBackOnceWithT
 }
 
 TEST_F(ServiceProcessRestartTest, AfterSigtermADelayedRequestFailsBeforeByeAndSubscriptionsResumeAfterHello) {
-    MainLoopThread loop;
     ASSERT_TRUE(Control(lumora::sim::kCtlSetDelay, g_variant_new("(su)", "Ctx/App/Info/Current", 60000u)).Ok());
     ASSERT_TRUE(Lumora_RequestCurrentAppInfo(nullptr, Recorded<kRequestCallback>, nullptr));
     ASSERT_TRUE(m_monitor->WaitForCalls(1, 5000, "RequestAsync"));
@@ -237,7 +230,6 @@ TEST_F(ServiceProcessRestartTest, AfterSigtermADelayedRequestFailsBeforeByeAndSu
 // (here one it held, as a hung service would): the bus's error for that call
 // arrives after the "BYE", and the library drops it without calling back.
 TEST_F(ServiceProcessRestartTest, AnAnswerThatComesAfterByeIsDroppedWithoutCallingBack) {
-    MainLoopThread loop;
     ASSERT_TRUE(Control(lumora::sim::kCtlStopAnswering).Ok());
     ASSERT_TRUE(Lumora_RequestCurrentAppInfo(nullptr, Recorded<kRequestCallback>, nullptr));
     ASSERT_TRUE(m_monitor->WaitForCalls(1, 5000, "RequestAsync"));

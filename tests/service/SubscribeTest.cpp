@@ -8,7 +8,6 @@
 #include <sstream>
 #include <thread>
 
-#include "CallbackRecorder.h"
 #include "MisbehavingService.h"
 #include "ServiceFixture.h"
 
@@ -17,22 +16,8 @@ namespace {
 
 namespace sim = lumora::sim;
 
-class SubscribeTest : public ServiceTest {
+class SubscribeTest : public EventTest {
 protected:
-    void SetUp() override {
-        CallbackRecorder::Instance().Clear();
-        ServiceTest::SetUp();
-    }
-
-    void Start() {
-        ASSERT_TRUE(Lumora_InitService());
-        ASSERT_TRUE(LMFServiceAPI::IsAvailable());
-        m_log.Mark();
-        m_monitor->Clear();
-    }
-
-    static CallbackRecorder& Recorder() { return CallbackRecorder::Instance(); }
-
     bool Emit(const std::string& subject, const std::string& data) {
         return Control(sim::kCtlEmit, g_variant_new("(ss)", subject.c_str(), data.c_str())).Ok();
     }
@@ -62,8 +47,6 @@ protected:
         for (const Json::Value& client : root["subscriptions"][subject]) clients.push_back(client.asString());
         return clients;
     }
-
-    MainLoopThread m_loop;
 };
 
 // ---- every fixed-subject function ------------------------------------------------
@@ -547,12 +530,9 @@ TEST(SubscribeSignalTest, ASignalForASubjectNobodyHoldsIsAnUnknownMessageAndReac
     program_invocation_short_name = const_cast<char*>("myapp");
     CallbackRecorder::Instance().Clear();
     LogCapture log;
-    TestBus bus;
-    ASSERT_TRUE(bus.Start());
-    ReadyMarker marker;
-    MisbehavingService service(bus.Address());
-    ASSERT_TRUE(service.Ok());
-    service.SetReply("ServiceEnable", "(true, '{\"WhiteList\":[]}')");
+    MisbehavingServiceBus peer;
+    ASSERT_TRUE(peer.Start());
+    MisbehavingService& service = peer.Service();
     service.SetReply("RequestSync", "(0, '{}')");
     MainLoopThread loop;
     ASSERT_EQ(LMF_INIT_OK, Lumora_InitServiceWithResponse(nullptr, nullptr));

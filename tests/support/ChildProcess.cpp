@@ -15,6 +15,8 @@
 #include <cstring>
 #include <thread>
 
+#include "SimProcess.h"
+
 namespace lumora::test {
 
 namespace {
@@ -24,19 +26,6 @@ using Clock = std::chrono::steady_clock;
 int MillisecondsLeft(Clock::time_point deadline) {
     auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
     return left > 0 ? static_cast<int>(left) : 0;
-}
-
-[[noreturn]] void Exec(const std::string& executable, const std::vector<std::string>& args, int out, int err) {
-    dup2(out, STDOUT_FILENO);
-    dup2(err, STDERR_FILENO);
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    std::vector<char*> argv;
-    argv.push_back(const_cast<char*>(executable.c_str()));
-    for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-    argv.push_back(nullptr);
-    execv(executable.c_str(), argv.data());
-    fprintf(stderr, "exec %s: %s\n", executable.c_str(), strerror(errno));
-    _exit(127);
 }
 
 void CloseFd(int& fd) {
@@ -56,27 +45,8 @@ ChildProcess::~ChildProcess() {
 }
 
 bool ChildProcess::Start(const std::string& executable, const std::vector<std::string>& args) {
-    int out[2];
-    int err[2];
-    if (pipe2(out, O_CLOEXEC) != 0) return false;
-    if (pipe2(err, O_CLOEXEC) != 0) {
-        close(out[0]);
-        close(out[1]);
-        return false;
-    }
-    m_pid = fork();
-    if (m_pid == 0) Exec(executable, args, out[1], err[1]);
-    close(out[1]);
-    close(err[1]);
-    m_out = out[0];
-    m_err = err[0];
-    if (m_pid < 0) {
-        fprintf(stderr, "fork for %s: %s\n", executable.c_str(), strerror(errno));
-        CloseFd(m_out);
-        CloseFd(m_err);
-        return false;
-    }
-    return true;
+    m_pid = SpawnWithPipes(executable, args, m_out, m_err);
+    return m_pid > 0;
 }
 
 void ChildProcess::Pump(int timeoutMs) {

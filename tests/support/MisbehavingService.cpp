@@ -1,11 +1,11 @@
 #include "MisbehavingService.h"
 
-#include "BusCalls.h"
-
 #include <unistd.h>
 
 #include <cstdio>
 #include <fstream>
+
+#include "BusCalls.h"
 
 namespace lumora::test {
 
@@ -17,9 +17,8 @@ MisbehavingService::MisbehavingService(const std::string& address) {
     m_connection = ConnectToBus(address);
     if (m_connection == nullptr) return;
     g_dbus_connection_add_filter(m_connection, Filter, this, nullptr);
-    CallResult owned = CallMethod(m_connection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                  "org.freedesktop.DBus", "RequestName",
-                                  g_variant_new("(su)", "org.verdin.tv.lumora2", 0u));
+    CallResult owned = CallMethod(m_connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                                  "RequestName", g_variant_new("(su)", "org.verdin.tv.lumora2", 0u));
     if (!owned.Ok()) {
         fprintf(stderr, "misbehaving service: %s\n", owned.Print().c_str());
         g_object_unref(m_connection);
@@ -76,5 +75,14 @@ GDBusMessage* MisbehavingService::Filter(GDBusConnection* connection, GDBusMessa
 ReadyMarker::ReadyMarker() { std::ofstream(kMarker) << "test\n"; }
 
 ReadyMarker::~ReadyMarker() { unlink(kMarker); }
+
+bool MisbehavingServiceBus::Start() {
+    if (!m_bus.Start()) return false;
+    m_marker = std::make_unique<ReadyMarker>();
+    m_service = std::make_unique<MisbehavingService>(m_bus.Address());
+    if (!m_service->Ok()) return false;
+    m_service->SetReply("ServiceEnable", "(true, '{\"WhiteList\":[]}')");
+    return true;
+}
 
 }  // namespace lumora::test

@@ -6,8 +6,11 @@
 #include <gio/gio.h>
 
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
+
+#include "TestBus.h"
 
 namespace lumora::test {
 
@@ -45,6 +48,21 @@ public:
     ~ReadyMarker();
     ReadyMarker(const ReadyMarker&) = delete;
     ReadyMarker& operator=(const ReadyMarker&) = delete;
+};
+
+/// A private bus (named by DBUS_SYSTEM_BUS_ADDRESS) with a MisbehavingService
+/// on it that answers "ServiceEnable" as enabled with an empty whitelist, and
+/// the readiness marker, for the life of the object.
+class MisbehavingServiceBus {
+public:
+    /// False (with a message on stderr) when the bus or the peer did not come up.
+    bool Start();
+    MisbehavingService& Service() { return *m_service; }
+
+private:
+    TestBus m_bus;
+    std::unique_ptr<ReadyMarker> m_marker;
+    std::unique_ptr<MisbehavingService> m_service;
 };
 
 }  // namespace lumora::test

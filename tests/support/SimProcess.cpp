@@ -126,15 +126,14 @@ RunResult SimProcess::Run(const std::vector<std::string>& args, int timeoutMs) {
     return RunProgram(SimExecutable(), args, timeoutMs);
 }
 
-RunResult RunProgram(const std::string& executable, const std::vector<std::string>& args, int timeoutMs) {
-    RunResult result;
+pid_t SpawnWithPipes(const std::string& executable, const std::vector<std::string>& args, int& outFd, int& errFd) {
     int out[2];
     int err[2];
-    if (pipe2(out, O_CLOEXEC) != 0) return result;
+    if (pipe2(out, O_CLOEXEC) != 0) return -1;
     if (pipe2(err, O_CLOEXEC) != 0) {
         close(out[0]);
         close(out[1]);
-        return result;
+        return -1;
     }
     pid_t pid = fork();
     if (pid == 0) {
@@ -144,16 +143,33 @@ RunResult RunProgram(const std::string& executable, const std::vector<std::strin
     }
     close(out[1]);
     close(err[1]);
+    if (pid < 0) {
+        fprintf(stderr, "fork for %s: %s\n", executable.c_str(), strerror(errno));
+        close(out[0]);
+        close(err[0]);
+        return -1;
+    }
+    outFd = out[0];
+    errFd = err[0];
+    return pid;
+}
+
+RunResult RunProgram(const std::string& executable, const std::vector<std::string>& args, int timeoutMs) {
+    RunResult result;
+    int out = -1;
+    int err = -1;
+    pid_t pid = SpawnWithPipes(executable, args, out, err);
+    if (pid < 0) return result;
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    Drain(out[0], err[0], result, deadline);
-    close(out[0]);
-    close(err[0]);
+    Drain(out, err, result, deadline);
+    close(out);
+    close(err);
     int status = 0;
-    if (pid > 0 && !WaitForPid(pid, 1000 + timeoutMs / 10, status)) {
+    if (!WaitForPid(pid, 1000 + timeoutMs / 10, status)) {
         kill(pid, SIGKILL);
         waitpid(pid, &status, 0);
     }
-    result.exitStatus = pid > 0 ? ExitStatusOf(status) : -1;
+    result.exitStatus = ExitStatusOf(status);
     return result;
 }
 
@@ -163,10 +179,10 @@ CallResult CallControl(GDBusConnection* connection, const char* method, GVariant
 }
 
 std::string ServiceValue(GDBusConnection* connection, const std::string& subject) {
-    CallResult result = CallMethod(connection, lumora::contract::kBusName, lumora::contract::kObjectPath,
-                                   lumora::contract::kInterface, lumora::contract::kMethodRequestSync,
-                                   g_variant_new(lumora::contract::kRequestTuple, 0, lumora::contract::kRequestRead, 0,
-                                                 subject.c_str(), ""));
+    CallResult result = CallMethod(
+        connection, lumora::contract::kBusName, lumora::contract::kObjectPath, lumora::contract::kInterface,
+        lumora::contract::kMethodRequestSync,
+        g_variant_new(lumora::contract::kRequestTuple, 0, lumora::contract::kRequestRead, 0, subject.c_str(), ""));
     if (!result.Ok()) return result.Print();
     const gchar* text = nullptr;
     g_variant_get_child(result.reply.get(), 1, "&s", &text);

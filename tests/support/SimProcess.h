@@ -57,6 +57,11 @@ private:
     pid_t m_pid = -1;
 };
 
+/// Starts executable with args, its standard output and error going to pipes
+/// whose reading ends are returned in outFd and errFd; the child dies with
+/// the test (PR_SET_PDEATHSIG). Returns its pid, or -1.
+pid_t SpawnWithPipes(const std::string& executable, const std::vector<std::string>& args, int& outFd, int& errFd);
+
 /// Runs executable with args to its end (SIGKILL after timeoutMs), in this
 /// process's environment, and returns its exit status and output.
 RunResult RunProgram(const std::string& executable, const std::vector<std::string>& args, int timeoutMs = 30000);
