@@ -199,6 +199,7 @@ bool DBusClient::Initialize(LMF_INIT_RESULT* result, LumoraInitCb callback, void
     // without Finalize abandons them to the calls that may still hold them.
     m_vWhiteList.clear();
     m_vSubscribeList.clear();
+    m_subscribeIndex.clear();
     m_vRequestList.clear();
     ++m_nInitCnt;
     if (callback != nullptr) {

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstring>
 #include <new>
+#include <string_view>
 
 #include "DBusClientInternal.h"
 #include "internal/Boundary.h"
@@ -86,6 +87,15 @@ bool DBusClient::__InsertSubscribe(const char* subject, LumoraSubjectCb callback
     record->callback = callback;
     record->userData = userData;
     m_vSubscribeList.push_back(record);
+    try {
+        m_subscribeIndex[record->subject].push_back(record);
+    } catch (...) {
+        // The table and the index hold the same records: a record the index
+        // has no room for leaves the table again.
+        m_vSubscribeList.pop_back();
+        delete record;
+        throw;
+    }
     LMF_LOGI("Success to InsertSubscribe(%s)", subject);
     return true;
 }
@@ -114,6 +124,17 @@ bool DBusClient::Unsubscribe(const char* subject, LumoraSubjectCb callback) {
 bool DBusClient::__DeleteSubscribe(const char* subject, LumoraSubjectCb callback) {
     if (LMF_REFUSED_IN_CALLBACK(kClientMutex)) return false;
     ContextAutoLock lock(&m_clientMutex);
+    // The index first, while the records it points to still exist; it drops
+    // the same records as the table below.
+    auto indexed = subject != nullptr ? m_subscribeIndex.find(std::string_view(subject)) : m_subscribeIndex.end();
+    if (indexed != m_subscribeIndex.end()) {
+        std::vector<DBusClientSubscribe*>& records = indexed->second;
+        records.erase(
+            std::remove_if(records.begin(), records.end(),
+                           [callback](const DBusClientSubscribe* record) { return record->callback == callback; }),
+            records.end());
+        if (records.empty()) m_subscribeIndex.erase(indexed);
+    }
     size_t before = m_vSubscribeList.size();
     auto end = std::remove_if(m_vSubscribeList.begin(), m_vSubscribeList.end(), [&](DBusClientSubscribe* record) {
         if (!SameSubject(record, subject) || record->callback != callback) return false;
@@ -144,10 +165,13 @@ DBusClientSubscribe* DBusClient::FindSubscribe(const char* subject, LumoraSubjec
     return it != m_vSubscribeList.end() ? *it : nullptr;
 }
 
+// Runs for every signal, with the client mutex held: the index gives the
+// subject's records in their table order without a look at the records of
+// any other subject.
 bool DBusClient::FindSubscribesVector(const char* subject, std::vector<DBusClientSubscribe*>& out) {
-    for (DBusClientSubscribe* record : m_vSubscribeList) {
-        if (SameSubject(record, subject)) out.push_back(record);
-    }
+    if (subject == nullptr) return true;
+    auto indexed = m_subscribeIndex.find(std::string_view(subject));
+    if (indexed != m_subscribeIndex.end()) out.insert(out.end(), indexed->second.begin(), indexed->second.end());
     return true;
 }
 
@@ -160,6 +184,7 @@ void DBusClient::__DeleteAllSubscribes() {
         delete record;
     }
     m_vSubscribeList.clear();
+    m_subscribeIndex.clear();
 }
 
 void DBusClientInternal::ResubscribeAll(DBusClient& client, const char* caller) {

@@ -7,6 +7,8 @@
 #include <lumora/lumora-export.h>
 
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -146,6 +148,11 @@ private:
     GDBusConnection* m_connection = nullptr;
     guint m_subscriberID = 0;
     std::vector<DBusClientSubscribe*> m_vSubscribeList;
+    // The records of m_vSubscribeList by subject, each subject's in their
+    // order in the table, so that a signal finds its subject's records
+    // without comparing it with every subscribed subject. Owns nothing; it
+    // changes with the table, under the client mutex.
+    std::map<std::string, std::vector<DBusClientSubscribe*>, std::less<>> m_subscribeIndex;
     std::vector<DBusClientRequest*> m_vRequestList;
     guint m_nReConnectTimerId = 0;
     bool m_bServiceAvailable = false;
