@@ -44,9 +44,14 @@ struct DBusClientRequest {
  * Threads: operations may be called from any thread; timers, replies and
  * signals run on the thread that iterates the default GLib main context, which
  * the application must run. Operations marked "client mutex" hold it for their
- * whole run, blocking bus calls included. The mutex is not recursive: never
- * call such an operation from code that already holds it, in particular not
- * from an asynchronous-request callback (those run with it held).
+ * whole run, blocking bus calls included. The mutex is not recursive, and an
+ * asynchronous-request callback runs with it held: called from such a
+ * callback, Initialize, Finalize, Read, Request, Subscribe, Unsubscribe and
+ * DeleteInstance are refused at once (false, or -6) with one error line
+ * instead of waiting for ever.
+ *
+ * Texts: subjects and inputs must be valid UTF-8 (they travel as D-Bus
+ * strings); any other text is refused as a bad argument (-3, or false).
  */
 class LUMORA_EXPORT DBusClient {
 public:
@@ -79,13 +84,21 @@ public:
     /// Queues a write of input to subject; does not wait. Takes no lock.
     int Write(const char* subject, const char* input);
     /// Asks for subject's value without blocking (client mutex). On 0 the
-    /// callback is called exactly once later, on the main-loop thread, with the
-    /// client mutex held: with the value, with {"Status":"Error"}, or for the
-    /// five statistics subjects with a StatisticsResult*.
+    /// callback is called once later, on the main-loop thread, with the client
+    /// mutex held: with the value, with {"Status":"Error"} (a service error or
+    /// the bus time-out of 25 s), or for the five statistics subjects with a
+    /// StatisticsResult* whose records are freed when it returns. It is not
+    /// called for an answer that arrives after the service's "BYE" or after a
+    /// new Initialize; such an answer is dropped with a log line. -5 when the
+    /// bus is not connected or the service not available (nothing is kept),
+    /// -3 for a null or non-UTF-8 subject or input.
     int Request(const char* subject, const char* input, LumoraSubjectCb callback, void* userData);
     /// Adds (subject, callback); the service is told when the subject gets its
-    /// first local subscriber. True when added, or when the bus is not
-    /// connected (then nothing is stored); false for a duplicate pair.
+    /// first local subscriber, and again after each "HELLO". True when added,
+    /// or when the bus is not connected (then nothing is stored); false for a
+    /// duplicate pair, whatever its userData. The callback runs on the
+    /// main-loop thread with no lock held, once per notification, in the
+    /// order the pairs were added; a null callback is skipped with a line.
     bool Subscribe(const char* subject, LumoraSubjectCb callback, void* userData);
     /// Removes (subject, callback); the service is told when the subject loses
     /// its last local subscriber. True when removed or the bus is not

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "BusCalls.h"
 #include "BusMonitor.h"
 #include "LogCapture.h"
 #include "SimProcess.h"
@@ -32,7 +33,19 @@ protected:
         m_monitor = std::make_unique<BusMonitor>(m_bus.Address());
         ASSERT_TRUE(m_monitor->Ok());
         ASSERT_TRUE(m_sim.Start());
+        m_client = ConnectToBus(m_bus.Address());
+        ASSERT_NE(nullptr, m_client);
         m_log.Mark();
+    }
+    void TearDown() override {
+        if (m_client != nullptr) g_object_unref(m_client);
+    }
+
+    // Runs the C program; afterwards the monitor holds all it sent.
+    RunResult Run(const char* program) {
+        RunResult run = RunProgram(program, {});
+        EXPECT_TRUE(m_monitor->Settle(m_client));
+        return run;
     }
 
     TempDir m_dir;
@@ -41,10 +54,11 @@ protected:
     TestBus m_bus;
     std::unique_ptr<BusMonitor> m_monitor;
     SimProcess m_sim;
+    GDBusConnection* m_client = nullptr;
 };
 
 TEST_F(CExportsTest, EveryReadAndWriteExportWorksFromC) {
-    RunResult run = RunProgram(LUMORA_C_EXPORTS_EXECUTABLE, {});
+    RunResult run = Run(LUMORA_C_EXPORTS_EXECUTABLE);
     EXPECT_EQ(0, run.exitStatus) << run.err;
     EXPECT_EQ("c exports ok\n", run.out);
 
@@ -114,7 +128,7 @@ std::vector<std::string> SubscriptionTraffic(const std::vector<BusMessage>& call
 }
 
 TEST_F(CExportsTest, RequestsAndSubscriptionsWorkFromCWithTheApplicationsOwnLoop) {
-    RunResult run = RunProgram(LUMORA_C_EVENTS_EXECUTABLE, {});
+    RunResult run = Run(LUMORA_C_EVENTS_EXECUTABLE);
     EXPECT_EQ(0, run.exitStatus) << run.err;
     EXPECT_EQ("c events ok\n", run.out);
 

@@ -49,8 +49,10 @@ protected:
 
     DBusClient* Client() { return LMFServiceAPI::m_pDbusClient; }
 
-    /// What the library sent to the service (not the test's own calls).
+    /// What the library sent to the service (not the test's own calls), up
+    /// to now: every call of the library that has returned is included.
     std::vector<BusMessage> LibraryCalls(const std::string& member = "") {
+        m_monitor->Settle(m_control);
         std::vector<BusMessage> calls;
         std::string own = g_dbus_connection_get_unique_name(m_control);
         for (const BusMessage& call : m_monitor->Calls(member)) {

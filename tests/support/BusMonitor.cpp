@@ -12,6 +12,10 @@ namespace {
 
 constexpr const char* kService = "org.verdin.tv.lumora2";
 constexpr const char* kInterface = "org.verdin.tv.lumora.interface2";
+// Subjects of the monitor's own settling calls.
+constexpr const char* kSettlePrefix = "Lumora/Test/Settle/";
+
+bool IsSettleCall(const BusMessage& message) { return message.subject.rfind(kSettlePrefix, 0) == 0; }
 
 std::string TypeName(GDBusMessageType type) {
     switch (type) {
@@ -122,7 +126,8 @@ std::vector<BusMessage> BusMonitor::Calls(const std::string& member) const {
     std::lock_guard<std::mutex> lock(m_mutex);
     std::vector<BusMessage> calls;
     for (const BusMessage& m : m_messages) {
-        if (m.type == "method_call" && m.destination == kService && (member.empty() || m.member == member))
+        if (m.type == "method_call" && m.destination == kService && !IsSettleCall(m) &&
+            (member.empty() || m.member == member))
             calls.push_back(m);
     }
     return calls;
@@ -152,7 +157,9 @@ bool BusMonitor::WaitForCalls(size_t count, int timeoutMs, const std::string& me
     return m_changed.wait_until(lock, deadline, [&] {
         size_t n = 0;
         for (const BusMessage& m : m_messages) {
-            if (m.type == "method_call" && m.destination == kService && (member.empty() || m.member == member)) ++n;
+            if (m.type == "method_call" && m.destination == kService && !IsSettleCall(m) &&
+                (member.empty() || m.member == member))
+                ++n;
         }
         return n >= count;
     });
@@ -161,6 +168,24 @@ bool BusMonitor::WaitForCalls(size_t count, int timeoutMs, const std::string& me
 std::vector<BusMessage> BusMonitor::Messages() const {
     std::lock_guard<std::mutex> lock(m_mutex);
     return m_messages;
+}
+
+bool BusMonitor::Settle(GDBusConnection* client, int timeoutMs) {
+    std::string subject = kSettlePrefix + std::to_string(++m_settles);
+    // A read of a subject without a value, not awaited: a service that holds
+    // its calls must not hold this one's caller, and only the bus's order of
+    // the call matters.
+    g_dbus_connection_call(client, kService, "/org/verdin/tv/lumora2", kInterface, "RequestSync",
+                           g_variant_new("(iiiss)", 0, 1, 0, subject.c_str(), ""), nullptr,
+                           G_DBUS_CALL_FLAGS_NO_AUTO_START, timeoutMs, nullptr, nullptr, nullptr);
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    std::unique_lock<std::mutex> lock(m_mutex);
+    return m_changed.wait_until(lock, deadline, [&] {
+        for (const BusMessage& m : m_messages) {
+            if (m.subject == subject) return true;
+        }
+        return false;
+    });
 }
 
 void BusMonitor::Clear() {

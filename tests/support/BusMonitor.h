@@ -53,6 +53,12 @@ public:
     std::vector<BusMessage> Messages() const;
     /// Waits until at least count calls (of member, if given) were seen.
     bool WaitForCalls(size_t count, int timeoutMs, const std::string& member = "") const;
+    /// Sends a call of its own to the service on client and waits until the
+    /// monitor saw it: the bus passed on before it everything it had taken
+    /// from any connection, so every call that has been answered by now is
+    /// recorded. The call itself is left out of Calls(). False when it was
+    /// not seen (no service owns the name, for one).
+    bool Settle(GDBusConnection* client, int timeoutMs = 2000);
     /// Forgets what was seen so far.
     void Clear();
 
@@ -65,6 +71,7 @@ private:
     mutable std::mutex m_mutex;
     mutable std::condition_variable m_changed;
     std::vector<BusMessage> m_messages;
+    int m_settles = 0;
 };
 
 }  // namespace lumora::test
