@@ -109,12 +109,14 @@ GDBusMessage* BusMonitor::Filter(GDBusConnection*, GDBusMessage* message, gboole
     if (!incoming || type == G_DBUS_MESSAGE_TYPE_METHOD_RETURN || type == G_DBUS_MESSAGE_TYPE_INVALID) return message;
     auto* monitor = static_cast<BusMonitor*>(self);
     if (!monitor->m_published.load(std::memory_order_acquire)) return message;
+    // Held for every path from here, so that the destructor's lock orders
+    // this run before the members go.
+    std::lock_guard<std::mutex> lock(monitor->m_mutex);
     // A refused BecomeMonitor must reach its caller.
     if (type == G_DBUS_MESSAGE_TYPE_ERROR && !monitor->m_monitoring.load()) return message;
     BusMessage seen = Describe(message);
     // The bus's own NameAcquired/NameLost to the monitor are not traffic.
     if (seen.sender != "org.freedesktop.DBus") {
-        std::lock_guard<std::mutex> lock(monitor->m_mutex);
         monitor->m_messages.push_back(seen);
         monitor->m_changed.notify_all();
     }
