@@ -81,6 +81,8 @@ lumora status
 lumora --pretty read Ctx/Media/Source/Info/Current
 lumora --pretty read Ctx/Media/Broadcast/Program/Current
 lumora --pretty read Pref/Channel/List '{"list":13}'
+lumora request Ctx/App/Info/Current
+lumora --pretty stats app
 lumora write Ctx/Sound/Volume/Level/Current '{"Level":25,"Mute":false}'
 lumora read Ctx/Sound/Volume/Level/Current
 ctl set Ctx/App/Info/Current '{"AppId":"com.streamly.tv","AppName":"Streamly","Status":"Foreground"}'
