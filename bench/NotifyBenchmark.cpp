@@ -33,15 +33,15 @@
 #include "BenchService.h"
 #include "BusCalls.h"
 #include "LoopBench.h"
+#include "internal/ServiceContract.h"
 
 namespace {
 
+namespace contract = lumora::contract;
 using lumora::bench::Logging;
 using lumora::bench::SetLogging;
 
 constexpr const char* kSubject = "Ctx/Media/Source/Changed";
-constexpr const char* kPath = "/org/verdin/tv/lumora2";
-constexpr const char* kInterface = "org.verdin.tv.lumora.interface2";
 constexpr const char* kLogFile = "/tmp/lumora-bench-notify.log";
 constexpr int kBurst = 100;
 constexpr size_t kMaxCallbacks = 100;
@@ -131,7 +131,7 @@ std::vector<guint> g_rawIds;
 // A round trip on each connection: the daemon handles a connection's messages
 // in order, so every match rule added or removed before it is in force after.
 bool SettleMatchRules() {
-    if (!lumora::test::NameHasOwner(g_raw, "org.verdin.tv.lumora2")) return false;
+    if (!lumora::test::NameHasOwner(g_raw, contract::kBusName)) return false;
     char* value = Lumora_ReadCurrentSourceInfo(nullptr);
     if (value == nullptr) return false;
     free(value);
@@ -156,9 +156,9 @@ bool UseListeners(const Listeners& wanted) {
     if (wanted == g_current) return true;
     bool ok = RemoveListeners();
     for (int i = 0; i < wanted.raw; ++i) {
-        g_rawIds.push_back(g_dbus_connection_signal_subscribe(g_raw, nullptr, kInterface, "Response", kPath, nullptr,
-                                                              G_DBUS_SIGNAL_FLAGS_NONE, &OnRawSignal,
-                                                              GSIZE_TO_POINTER(static_cast<size_t>(i)), nullptr));
+        g_rawIds.push_back(g_dbus_connection_signal_subscribe(
+            g_raw, nullptr, contract::kInterface, contract::kSignalResponse, contract::kObjectPath, nullptr,
+            G_DBUS_SIGNAL_FLAGS_NONE, &OnRawSignal, GSIZE_TO_POINTER(static_cast<size_t>(i)), nullptr));
     }
     // The other subjects first: the subject's own records come last in the
     // library's table.

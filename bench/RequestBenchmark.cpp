@@ -28,9 +28,11 @@
 #include "BusCalls.h"
 #include "LoopBench.h"
 #include "TempDir.h"
+#include "internal/ServiceContract.h"
 
 namespace {
 
+namespace contract = lumora::contract;
 using lumora::bench::Logging;
 using lumora::bench::SetLogging;
 
@@ -84,8 +86,8 @@ void OnRawAnswer(GObject* source, GAsyncResult* result, gpointer /*userData*/) {
 }
 
 void IssueRaw() {
-    g_dbus_connection_call(g_raw, "org.verdin.tv.lumora2", "/org/verdin/tv/lumora2", "org.verdin.tv.lumora.interface2",
-                           "RequestAsync",
+    g_dbus_connection_call(g_raw, contract::kBusName, contract::kObjectPath, contract::kInterface,
+                           contract::kMethodRequestAsync,
                            g_variant_new("(iiiss)", static_cast<gint32>(getpid()), 5, ++g_reqId, kSubject, ""), nullptr,
                            G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &OnRawAnswer, nullptr);
 }

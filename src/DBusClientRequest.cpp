@@ -143,7 +143,8 @@ int DBusClient::Request(const char* subject, const char* input, LumoraSubjectCb 
         LMF_LOGE("[%s] szSubject is null", name);
         return -3;
     }
-    // Refused before a record exists: sent, it would fail at every resend.
+    // Refused before a record exists, and only here: every text that reaches
+    // __RequestAsync, at once or from the pending table, passed this check.
     if (!DBusClientInternal::IsSendable(*this, __func__, subject, input)) return -3;
     int reqId = __GenerateSeqId();
     DBusClientRequest* request = new (std::nothrow) DBusClientRequest;
@@ -182,7 +183,6 @@ int DBusClient::__RequestAsync(int type, int reqId, const char* subject, const c
         return -6;
     }
     if (input == nullptr) input = "";
-    if (!DBusClientInternal::IsSendable(*this, __func__, subject, input)) return -3;
     GVariant* parameters =
         g_variant_new(contract::kRequestTuple, static_cast<gint32>(getpid()), type, reqId, subject, input);
     LMF_LOGE("[%s] type:%d, reqId:%d, szSubject:%s, input:%s, pRequest:%p", m_strProcessName.c_str(), type, reqId,

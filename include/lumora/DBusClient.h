@@ -115,6 +115,7 @@ public:
 
     // Building blocks of the operations above. Those that the description
     // marks "caller's lock" expect the client mutex to be held.
+    // __RequestAsync expects texts that Request has checked (UTF-8).
     bool __IsLMFServiceReady();
     bool __IsServiceEnable();
     int __GenerateSeqId();

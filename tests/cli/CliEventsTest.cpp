@@ -24,10 +24,6 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int kLineWaitMs = 10000;
 
-RunResult Lumora(const std::vector<std::string>& args, int timeoutMs = 20000) {
-    return RunProgram(CliExecutable(), args, timeoutMs);
-}
-
 long MillisecondsSince(Clock::time_point start) {
     return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count());
 }
@@ -108,13 +104,7 @@ Json::Value SampleStatistics() {
     return Parse(text.str())["statistics"];
 }
 
-// Commands that need no service.
-class CliEventsUsageTest : public testing::Test {
-protected:
-    TempDir m_dir;
-    ScopedEnv m_db{"LUMORA_SETTINGS_DB", m_dir.File("settings.db")};
-    ScopedEnv m_bus{"DBUS_SYSTEM_BUS_ADDRESS", "unix:path=" + m_dir.File("no-bus")};
-};
+class CliEventsUsageTest : public CliNoServiceFixture {};
 
 TEST_F(CliEventsUsageTest, TheNewCommandsAreListedAndHaveTheirHelp) {
     RunResult help = Lumora({"--help"});

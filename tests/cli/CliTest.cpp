@@ -18,15 +18,7 @@ size_t LineCount(const std::string& text) {
     return lines;
 }
 
-RunResult Lumora(const std::vector<std::string>& args) { return RunProgram(CliExecutable(), args, 20000); }
-
-// Commands that need no service.
-class CliUsageTest : public testing::Test {
-protected:
-    TempDir m_dir;
-    ScopedEnv m_db{"LUMORA_SETTINGS_DB", m_dir.File("settings.db")};
-    ScopedEnv m_bus{"DBUS_SYSTEM_BUS_ADDRESS", "unix:path=" + m_dir.File("no-bus")};
-};
+class CliUsageTest : public CliNoServiceFixture {};
 
 TEST_F(CliUsageTest, HelpGoesToStandardOutputWithStatusZero) {
     RunResult help = Lumora({"--help"});
@@ -104,8 +96,8 @@ TEST_F(CliUsageTest, ReadWithoutABusFailsWithOneLine) {
 }
 
 TEST_F(CliUsageTest, ReadWhenTheFeatureIsOffFailsWithOneLine) {
-    ScopedEnv features("LUMORA_FEATURE_FILE", m_dir.Write("features.conf",
-                                                          "com.kaldor/featureconf/lumora.service_enable=false\n"));
+    ScopedEnv features("LUMORA_FEATURE_FILE",
+                       m_dir.Write("features.conf", "com.kaldor/featureconf/lumora.service_enable=false\n"));
     RunResult read = Lumora({"read", "Ctx/App/Info/Current"});
     EXPECT_EQ(1, read.exitStatus);
     EXPECT_EQ(1u, LineCount(read.err));
@@ -140,7 +132,8 @@ TEST_F(CliServiceTest, PrettyIndentsJsonValues) {
 }
 
 TEST_F(CliServiceTest, ReadSendsItsInput) {
-    RunResult read = Lumora({"read", "Pref/Channel/List/Reorder", "{\"reorder\":[{\"major\":9,\"minor\":1},{\"major\":7,\"minor\":1}],\"source\":0}"});
+    RunResult read = Lumora({"read", "Pref/Channel/List/Reorder",
+                             "{\"reorder\":[{\"major\":9,\"minor\":1},{\"major\":7,\"minor\":1}],\"source\":0}"});
     EXPECT_EQ(0, read.exitStatus) << read.err;
     EXPECT_NE(std::string::npos, read.out.find("\"major\":7")) << read.out;
 }
@@ -175,8 +168,9 @@ TEST_F(CliServiceTest, InternalSubjectIsRefusedWhenTheClientIsNotWhitelisted) {
     ASSERT_TRUE(Control(sim::kCtlSetWhiteList, g_variant_new("(^as)", names)));
     RunResult read = Lumora({"read", "I/TallyDB/App/Duration"});
     EXPECT_EQ(1, read.exitStatus);
-    EXPECT_EQ("lumora: I/TallyDB/App/Duration is internal and this process (lumora) is not on the service's whitelist\n",
-              read.err);
+    EXPECT_EQ(
+        "lumora: I/TallyDB/App/Duration is internal and this process (lumora) is not on the service's whitelist\n",
+        read.err);
 }
 
 TEST_F(CliServiceTest, WriteSendsTheValue) {
