@@ -9,6 +9,7 @@
 #include <cstdlib>
 
 #include "LMFServiceAPIInternal.h"
+#include "internal/Atomic.h"
 #include "internal/Log.h"
 #include "internal/Reentry.h"
 
@@ -57,7 +58,7 @@ bool PrepareFirstStart(const char* caller) {
     }
     LMFServiceAPI::m_pDbusClient->SetProcessName(LMFServiceAPI::_GetProcessName());
     ++LMFServiceAPI::m_nRefCnt;
-    LMFServiceAPI::m_fnChannelCb = nullptr;
+    lumora::internal::AtomicStore(LMFServiceAPI::m_fnChannelCb, static_cast<LumoraChannelCb>(nullptr));
     return true;
 }
 
@@ -132,7 +133,7 @@ bool LMFServiceAPI::FiniService() {
     _RemoveAllSubscribeData();
     _RemoveAllSubscribeDataNonType();
     m_nRefCnt = 0;
-    m_fnChannelCb = nullptr;
+    lumora::internal::AtomicStore(m_fnChannelCb, static_cast<LumoraChannelCb>(nullptr));
     m_strProgName.clear();
     LMF_LOGE("[%s] End LMF FiniService", _GetProcessName());
     return result;

@@ -172,8 +172,3 @@ unsigned int LMFServiceAPI::_CheckSubscribeDataNonType(std::string subject) {
         std::count_if(g_vSubscribeNonTypeList.begin(), g_vSubscribeNonTypeList.end(),
                       [&](const SubscribeDataNonType* r) { return r != nullptr && r->subject == subject; }));
 }
-
-void LMFServiceAPI::_RemoveAllSubscribeData() {
-    for (SubscribeData* record : g_vSubscribeList) delete record;
-    g_vSubscribeList.clear();
-}

@@ -3,6 +3,7 @@
 #define LUMORA_LMFSERVICEAPI_H
 
 #include <glib.h>
+#include <lumora/ContextData.h>
 #include <lumora/DBusClient.h>
 #include <lumora/lumora-c.h>
 #include <lumora/lumora-export.h>
@@ -30,6 +31,15 @@ struct SubscribeData {
 /// The channel callback: event, data (a copy), count, user data.
 typedef void (*LumoraChannelCb)(LMF_EVENT_TYPE event, std::string data, int count, void* userData);
 
+/// Filters the channel list document in by the source type that
+/// LMFServiceAPI::SetSourceAndModel stored: out gets "ChList" (the kept
+/// entries in their order, none of channel type 9, none with a null or absent
+/// "ChType" member), "Size" (= count) and "Status" ("Success" when an entry
+/// was kept; otherwise "Error" with "Reason" "The list is empty."). An entry
+/// whose "SrcType" is not exactly "RF" (source LMF_SRC_RF) or "STB"
+/// (LMF_SRC_STB) is dropped; LMF_SRC_ALL keeps every entry. Takes no lock.
+LUMORA_EXPORT void _GetChannelListUsingSrcFilter(ContextData& in, ContextData& out, int& count);
+
 /**
  * Static members only. Starts and stops are counted: the first start creates
  * the shared DBusClient and initialises it, the last stop finalises it.
@@ -43,9 +53,14 @@ typedef void (*LumoraChannelCb)(LMF_EVENT_TYPE event, std::string data, int coun
  * Callbacks: every callback runs on the thread that iterates the default GLib
  * main context. A request's callback runs with the client mutex held; from
  * it, an operation that would take that mutex again (Read, Request,
- * Subscribe, Unsubscribe, InitService, InitServiceWithResponse, FiniService)
- * is refused at once with false and one error line instead of hanging the
- * thread. Subscription callbacks run with no library lock held.
+ * Subscribe, Unsubscribe, SubscribeSignal, UnsubscribeSignal, the channel
+ * reads, InitService, InitServiceWithResponse, FiniService) is refused at
+ * once with false and one error line instead of hanging the thread. The
+ * channel callback runs with m_mutex held: from it, InitService,
+ * InitServiceWithResponse, FiniService, Subscribe, Unsubscribe,
+ * SubscribeSignal and UnsubscribeSignal are refused the same way; reads,
+ * writes, requests and the channel operations may be called. Subscription
+ * and typed-signal callbacks run with no library lock held.
  */
 class LUMORA_EXPORT LMFServiceAPI {
 public:
@@ -112,6 +127,71 @@ public:
     /// False as Subscribe for an invalid or refused subject.
     static bool Unsubscribe(const char* subject, LumoraSubjectCb callback, void* user_data);
 
+    /// Subscribes callback to the typed signal type (CONTEXT_SIGNAL_*). The
+    /// first callback of a type registers the shared _SubscribeCallback with
+    /// the bus client (one bus subscription per type), and its result is the
+    /// bus client's; later callbacks of the type are only added (true). The
+    /// callback runs on the main-loop thread with no library lock held, once
+    /// per signal, with its type and user_data; data is valid during the call
+    /// only. False for an unknown type, or a callback already subscribed to
+    /// the type (whatever its user_data). Takes m_mutex, then the client mutex.
+    static bool SubscribeSignal(ContextSignalType type, LumoraSignalCb callback, void* user_data);
+    /// Drops every callback of type and the bus subscription; the bus
+    /// client's result (false when it did not know it). False for an unknown
+    /// type.
+    static bool UnsubscribeSignal(ContextSignalType type);
+    /// The subject of type, or "" (after an error line) for an unknown type.
+    static std::string _ConvertSignalTypeToSubject(ContextSignalType type);
+
+    /// Reads the channel list and filters it (_GetChannelListUsingSrcFilter)
+    /// when the service says "Success"; otherwise list is the service's
+    /// answer as it came and count 0. True whenever an answer was read, also
+    /// when nothing was kept (its "Status" is then "Error"). False when the
+    /// service gave no answer or the answer is not JSON.
+    static bool GetChannelList(std::string& list, int& count);
+    /// Sends channels as a candidate order for source and replaces them with
+    /// the service's order. False, with channels unchanged, for an empty
+    /// vector, no answer or an answer that is not JSON.
+    static bool ReorderChannelList(std::vector<LMF_CHANNEL_ELEM>& channels, int source);
+    /// Withdrawn: always false, ids untouched. Use ReorderChannelList.
+    static bool ReorderChannelListFromSourceID(std::vector<std::string>& ids);
+    /// Asks the service to remove a channel (a one-way write). False when the
+    /// write could not be sent.
+    static bool RemoveChannelFromList(int major, int minor, LMF_SRC_EXT_TYPE type);
+    static bool RemoveChannelFromList(int major, int minor, std::string serviceId, LMF_SRC_EXT_TYPE type);
+    /// The current programme, as the service gives it. False without an answer.
+    static bool GetCurrentChannelInfo(std::string& info);
+    /// The set-top-box status, as the service gives it. False without an answer.
+    static bool GetContentsRecognitionStatus(std::string& status);
+    /// "AIR", "CABLE", "SATELLITE", "HDMI1" to "HDMI6", or "Unknown".
+    static std::string _ConvertSrcTypeString(LMF_SRC_EXT_TYPE type);
+    /// Deprecated (use SubscribeSignal). Subscribes _SubscribeCb to the four
+    /// channel subjects and stores callback, which then hears the list
+    /// (event 0, filtered when the service says "Success", with the kept
+    /// count), programme changes (event 2, count 1) and set-top-box status
+    /// (event 3, count 1). It runs on the main-loop thread with m_mutex held
+    /// (see the class comment for what it may call); data is its own copy.
+    /// False only when exactly three of the four subscriptions failed.
+    static bool RegisterChannelCallback(LumoraChannelCb callback, void* userData);
+    /// Unsubscribes the list, programme and set-top-box subjects; the current
+    /// list stays subscribed and the callback stored. False without a client.
+    static bool UnRegisterChannelCallback();
+    /// The bus callback of RegisterChannelCallback: hands one signal to
+    /// m_fnChannelCb under m_mutex.
+    static void _SubscribeCb(const char* subject, char* data, void* user_data);
+
+    /// Writes {"componentId","jsonData"} (jsonData as a string) to
+    /// "Raw/Firstscreen/Action". False for a null or empty argument or when
+    /// the write could not be sent.
+    static bool SetFirstscreenAction(const char* componentId, const char* jsonData);
+    /// Writes {"ruleId"} to "Raw/Voice/Orvi/SetAction"; failures are only logged.
+    static void SetVoiceActionRuleId(std::string ruleId);
+    /// Writes {"category","cmd_name","param":[{"value"}...],"ext_param":[...]}
+    /// to "Raw/Voice/Parlo/SetAction"; an empty vector leaves its key out.
+    /// Failures are only logged.
+    static void SetVoiceAction(std::string category, std::string cmdName, std::vector<std::string>& values,
+                               std::vector<std::string>& extParams);
+
     /// The hint list of type ("source", "setting" or "channel"; any other
     /// non-empty type reads the general list) from the settings store, or
     /// null. The caller frees the result with free(). requester is only logged.
@@ -147,6 +227,13 @@ public:
     static void _RemoveSubscribeDataNonType(std::string subject, LumoraSubjectCb callback, void* user_data);
     static void _RemoveAllSubscribeDataNonType();
     static unsigned int _CheckSubscribeDataNonType(std::string subject);
+    // The typed list, used with m_mutex held. A record is known by its
+    // subject and callback; Remove drops every record of subject.
+    static bool _InsertSubscribeData(std::string subject, ContextSignalType type, LumoraSignalCb callback,
+                                     void* user_data);
+    static SubscribeData* _FindSubscribeData(std::string subject, LumoraSignalCb callback);
+    static void _RemoveSubscribeData(std::string subject);
+    static unsigned int _CheckSubscribeData(std::string subject);
     /// Frees every typed record and empties the list. Called with m_mutex held.
     static void _RemoveAllSubscribeData();
 

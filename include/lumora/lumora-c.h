@@ -151,6 +151,12 @@ typedef void (*LumoraInitCb)(char* data, void* userData);
 /* Callback of typed context signals. */
 typedef void (*LumoraSignalCb)(ContextSignalType type, char* data, void* userData);
 
+/* The channel callback of CS_RegisterChannelCallback: the event, a copy of
+ * its data that the callback owns and frees with free(), a count (the kept
+ * entries of a filtered list, 0 for a list the service did not mark
+ * "Success", 1 for the other events) and the user data. */
+typedef void (*LumoraChannelEventCb)(LMF_EVENT_TYPE event, char* data, int count, void* userData);
+
 /* ---- Service start and stop ------------------------------------------------
  * Starts are counted; each successful start needs one stop. */
 
@@ -340,6 +346,46 @@ LUMORA_EXPORT bool CS_WriteItemList(const char* json);
 
 LUMORA_EXPORT bool CS_SetSourceAndModel(LMF_SRC_TYPE source, LMF_MODEL_TYPE model);
 LUMORA_EXPORT bool CS_GetSourceAndModel(LMF_SRC_TYPE* source, LMF_MODEL_TYPE* model);
+
+/* ---- Channel list services ---------------------------------------------------
+ * Texts returned are the caller's, to free with free(). */
+
+/* The channel list filtered by the source type of CS_SetSourceAndModel:
+ * {"ChList":[...],"Size":n,"Status":"Success"} (or "Status":"Error" with
+ * "Reason" when nothing was kept), or the service's answer as it came when it
+ * did not say "Success". *count gets the number kept (0 on failure); NULL
+ * when the service gave no answer or the answer is not JSON. count must not
+ * be NULL. */
+LUMORA_EXPORT char* CS_GetChannelList(int* count);
+/* The current programme as the service gives it, or NULL. */
+LUMORA_EXPORT char* CS_GetCurrentChannelInfo(void);
+/* channel_list: a JSON array of {"major":m,"minor":n}. Returns the service's
+ * order as one line of the same form ("null" when the service's order is
+ * empty), or NULL for a NULL or unparsable input, an empty array, or no
+ * answer. */
+LUMORA_EXPORT char* CS_ReorderChannelList(const char* channel_list, int source);
+/* Ask the service to remove a channel (a one-way write); false when the write
+ * could not be sent. */
+LUMORA_EXPORT bool CS_RemoveChannelFromList(int major, int minor, LMF_SRC_EXT_TYPE type);
+/* The same, naming the channel's service id (false for a NULL serviceId). */
+LUMORA_EXPORT bool CS_RemoveChannelFromListWithServiceID(int major, int minor, const char* serviceId,
+                                                         LMF_SRC_EXT_TYPE type);
+/* Deprecated: use SubscribeSignal. Registers cCallback for the channel list,
+ * programme-changed and set-top-box events. It is called on the thread that
+ * runs the default main context while LMFServiceAPI::m_mutex is held: it may
+ * read, write, request and use the channel functions, but a start, stop,
+ * subscribe or unsubscribe from it is refused (false, one error line). false
+ * when exactly three of the four subscriptions failed. */
+LUMORA_EXPORT bool CS_RegisterChannelCallback(LumoraChannelEventCb cCallback, void* userData);
+/* Stops the events: the callback is cleared at once. */
+LUMORA_EXPORT bool CS_UnRegisterChannelCallback(void);
+
+/* ---- Actions ------------------------------------------------------------------ */
+
+/* Hands the home launcher's component componentId the JSON text jsonData
+ * (carried as a string). false for a NULL or empty argument or when the write
+ * could not be sent. */
+LUMORA_EXPORT bool CS_SetFirstscreenAction(const char* componentId, const char* jsonData);
 
 /* ---- Retired video-status functions -------------------------------------------
  * Kept so that old applications still link: they contact nothing, log a

@@ -72,6 +72,22 @@ constexpr const char* kReadyMarkerFile = "/tmp/lmf_service_ready";
 // The process that the whitelist always admits.
 constexpr const char* kAgentProcessName = "lumora-agent";
 
+// The channel and broadcast subjects, and the action subjects, that the
+// library names itself.
+namespace subjects {
+constexpr const char* kChannelList = "Pref/Channel/List";
+constexpr const char* kChannelListCurrent = "Pref/Channel/List/Current";
+constexpr const char* kChannelReorder = "Pref/Channel/List/Reorder";
+constexpr const char* kChannelRemove = "Pref/Channel/Remove";
+constexpr const char* kChannelRemoveWithServiceId = "Pref/Channel/RemoveWithServiceID";
+constexpr const char* kProgramCurrent = "Ctx/Media/Broadcast/Program/Current";
+constexpr const char* kProgramChanged = "Ctx/Media/Broadcast/Program/Changed";
+constexpr const char* kStbStatus = "Ctx/Media/Broadcast/Status/STB";
+constexpr const char* kFirstscreenAction = "Raw/Firstscreen/Action";
+constexpr const char* kVoiceRuleId = "Raw/Voice/Orvi/SetAction";
+constexpr const char* kVoiceAction = "Raw/Voice/Parlo/SetAction";
+}  // namespace subjects
+
 }  // namespace lumora::contract
 
 #endif  // LUMORA_INTERNAL_SERVICECONTRACT_H

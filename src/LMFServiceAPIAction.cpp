@@ -1,0 +1,76 @@
+// LMFServiceAPI: the action writers, one-way writes of an action for the
+// service to carry out (the home launcher's first-screen action, the voice
+// assistants' commands).
+#define LMF_LOG_UNIT "LMFServiceAPI.cpp"
+#include <lumora/ContextData.h>
+#include <lumora/LMFServiceAPI.h>
+
+#include "LMFServiceAPIInternal.h"
+#include "internal/Log.h"
+#include "internal/ServiceContract.h"
+
+namespace {
+
+namespace subjects = lumora::contract::subjects;
+
+bool IsEmpty(const char* text) { return text == nullptr || text[0] == '\0'; }
+
+// Writes document to subject; the result code, after "error %d" when it is
+// not 0. The line belongs to function.
+int WriteAction(const char* function, DBusClient& client, const char* subject, ContextData& document) {
+    const char* text = document.MakeStr();
+    int result = client.Write(subject, text != nullptr ? text : "");
+    if (result != 0) LMF_LOGE_IN(function, "error %d", result);
+    return result;
+}
+
+// Appends {"value": s} to key for each s, in order; nothing, not even the
+// key, for an empty vector.
+void AppendValues(ContextData& document, const char* key, const std::vector<std::string>& values) {
+    for (const std::string& value : values) {
+        ContextData element;
+        element.SetValue("value", value);
+        document.SetValue(key, element);
+    }
+}
+
+}  // namespace
+
+bool LMFServiceAPI::SetFirstscreenAction(const char* componentId, const char* jsonData) {
+    DBusClient* client = lumora::internal::ServiceClient(__func__);
+    if (client == nullptr) return false;
+    if (IsEmpty(componentId)) {
+        LMF_LOGE("ComponentId is null");
+        return false;
+    }
+    if (IsEmpty(jsonData)) {
+        LMF_LOGE("JsonData is null");
+        return false;
+    }
+    // jsonData travels as a string member, not as a nested document: the
+    // launcher hands it on to the component untouched.
+    ContextData action;
+    action.SetValue("componentId", componentId);
+    action.SetValue("jsonData", jsonData);
+    return WriteAction(__func__, *client, subjects::kFirstscreenAction, action) == 0;
+}
+
+void LMFServiceAPI::SetVoiceActionRuleId(std::string ruleId) {
+    DBusClient* client = lumora::internal::ServiceClient(__func__);
+    if (client == nullptr) return;
+    ContextData action;
+    action.SetValue("ruleId", std::move(ruleId));
+    WriteAction(__func__, *client, subjects::kVoiceRuleId, action);
+}
+
+void LMFServiceAPI::SetVoiceAction(std::string category, std::string cmdName, std::vector<std::string>& values,
+                                   std::vector<std::string>& extParams) {
+    DBusClient* client = lumora::internal::ServiceClient(__func__);
+    if (client == nullptr) return;
+    ContextData action;
+    action.SetValue("category", std::move(category));
+    action.SetValue("cmd_name", std::move(cmdName));
+    AppendValues(action, "param", values);
+    AppendValues(action, "ext_param", extParams);
+    WriteAction(__func__, *client, subjects::kVoiceAction, action);
+}
