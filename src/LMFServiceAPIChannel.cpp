@@ -63,8 +63,9 @@ bool SourceAdmits(LMF_SRC_TYPE source, const std::string& srcType) {
             return srcType == "STB";
         case LMF_SRC_ALL:
             return true;
+        default:
+            return false;
     }
-    return false;
 }
 
 void MarkEmpty(ContextData& out) {
@@ -203,8 +204,9 @@ std::string LMFServiceAPI::_ConvertSrcTypeString(LMF_SRC_EXT_TYPE type) {
             return "HDMI5";
         case LMF_SRC_EXT_HDMI6:
             return "HDMI6";
+        default:
+            return "Unknown";
     }
-    return "Unknown";
 }
 
 bool LMFServiceAPI::RemoveChannelFromList(int major, int minor, LMF_SRC_EXT_TYPE type) {

@@ -63,6 +63,8 @@ std::string LMFServiceAPI::_ConvertSignalTypeToSubject(ContextSignalType type) {
             return subjects::kProgramCurrent;
         case CONTEXT_SIGNAL_STB_STATUS:
             return subjects::kStbStatus;
+        default:
+            break;
     }
     LMF_LOGE("Can't find type %d", static_cast<int>(type));
     return std::string();

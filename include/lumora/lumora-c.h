@@ -18,18 +18,26 @@
 
 LUMORA_EXTERN_C_BEGIN
 
+/* The last member of each enumeration below: no value of its own, it makes
+ * the type a 32-bit signed integer in C and C++ alike, so that any int a
+ * caller passes (an unknown source type, a signal type of -1) is a value of
+ * the type that the library can refuse, not undefined behaviour. */
+#define LUMORA_ENUM_INT32 (-2147483647 - 1)
+
 /* Outcome of starting the service connection. */
 typedef enum {
     LMF_INIT_OK = 0,                /* connected, the service is enabled */
     LMF_INIT_CONNECTION_FAILED = 1, /* no bus connection; retried every 2 s */
-    LMF_INIT_SERVICE_NOT_READY = 2  /* connected, the service is not ready yet */
+    LMF_INIT_SERVICE_NOT_READY = 2, /* connected, the service is not ready yet */
+    LMF_INIT_RESULT_INT32 = LUMORA_ENUM_INT32
 } LMF_INIT_RESULT;
 
 /* Which channel-list entries an application sees (by their "SrcType"). */
 typedef enum {
     LMF_SRC_RF = 0,  /* "RF" entries only */
     LMF_SRC_STB = 1, /* "STB" entries only */
-    LMF_SRC_ALL = 2  /* every entry (the default) */
+    LMF_SRC_ALL = 2, /* every entry (the default) */
+    LMF_SRC_TYPE_INT32 = LUMORA_ENUM_INT32
 } LMF_SRC_TYPE;
 
 /* The device model declared with the source type; its meaning is the
@@ -37,7 +45,8 @@ typedef enum {
 typedef enum {
     LMF_MODEL_0 = 0,
     LMF_MODEL_1 = 1,
-    LMF_MODEL_DEFAULT = 2
+    LMF_MODEL_DEFAULT = 2,
+    LMF_MODEL_TYPE_INT32 = LUMORA_ENUM_INT32
 } LMF_MODEL_TYPE;
 
 /* A channel's source, as the channel-removal requests name it. */
@@ -50,7 +59,8 @@ typedef enum {
     LMF_SRC_EXT_HDMI3 = 5,
     LMF_SRC_EXT_HDMI4 = 6,
     LMF_SRC_EXT_HDMI5 = 7,
-    LMF_SRC_EXT_HDMI6 = 8
+    LMF_SRC_EXT_HDMI6 = 8,
+    LMF_SRC_EXT_TYPE_INT32 = LUMORA_ENUM_INT32
 } LMF_SRC_EXT_TYPE;
 
 /* Events delivered to the channel callback. */
@@ -58,7 +68,8 @@ typedef enum {
     LMF_EVENT_CHANNEL_LIST = 0,    /* the channel list changed */
     LMF_EVENT_RESERVED = 1,        /* not produced */
     LMF_EVENT_PROGRAM_CHANGED = 2, /* the broadcast programme changed */
-    LMF_EVENT_STB_STATUS = 3       /* the set-top-box status changed */
+    LMF_EVENT_STB_STATUS = 3,      /* the set-top-box status changed */
+    LMF_EVENT_TYPE_INT32 = LUMORA_ENUM_INT32
 } LMF_EVENT_TYPE;
 
 /* One channel of a reorder request or answer. */
@@ -71,7 +82,8 @@ typedef struct {
 typedef enum {
     CONTEXT_SIGNAL_MOST_WATCHED = 0,      /* "Pref/Channel/List" */
     CONTEXT_SIGNAL_BROADCAST_PROGRAM = 1, /* "Ctx/Media/Broadcast/Program/Current" */
-    CONTEXT_SIGNAL_STB_STATUS = 2         /* "Ctx/Media/Broadcast/Status/STB" */
+    CONTEXT_SIGNAL_STB_STATUS = 2,        /* "Ctx/Media/Broadcast/Status/STB" */
+    CONTEXT_SIGNAL_TYPE_INT32 = LUMORA_ENUM_INT32
 } ContextSignalType;
 
 /* What the callback of a request for one of the five usage-statistics

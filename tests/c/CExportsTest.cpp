@@ -146,5 +146,36 @@ TEST_F(CExportsTest, RequestsAndSubscriptionsWorkFromCWithTheApplicationsOwnLoop
     EXPECT_EQ(1u, m_log.Count("Invalid requester", 'E'));
 }
 
+TEST_F(CExportsTest, ChannelServicesAndTheChannelCallbackWorkFromC) {
+    RunResult run = Run(LUMORA_C_CHANNELS_EXECUTABLE);
+    EXPECT_EQ(0, run.exitStatus) << run.err;
+    EXPECT_EQ("c channels ok\n", run.out);
+
+    // Reads only: the subscriptions are checked below.
+    std::vector<std::string> reads;
+    for (const BusMessage& call : m_monitor->Calls("RequestSync"))
+        if (call.requestType == 1) reads.push_back(call.subject);
+    EXPECT_EQ((std::vector<std::string>{"Pref/Channel/List", "Pref/Channel/List/Reorder",
+                                        "Ctx/Media/Broadcast/Program/Current"}),
+              reads);
+    EXPECT_EQ((std::vector<std::string>{"3 Pref/Channel/List/Current", "3 Pref/Channel/List",
+                                        "3 Ctx/Media/Broadcast/Program/Changed", "3 Ctx/Media/Broadcast/Status/STB",
+                                        "4 Pref/Channel/List", "4 Ctx/Media/Broadcast/Program/Changed",
+                                        "4 Ctx/Media/Broadcast/Status/STB",
+                                        // left by the unregistration, dropped by the last stop
+                                        "4 Pref/Channel/List/Current"}),
+              SubscriptionTraffic(m_monitor->Calls("RequestSync")));
+    auto writes = m_monitor->Calls("Write");
+    ASSERT_EQ(4u, writes.size());
+    EXPECT_EQ("Pref/Channel/Remove", writes[0].subject);
+    EXPECT_EQ("Pref/Channel/RemoveWithServiceID", writes[1].subject);
+    EXPECT_EQ("Raw/Firstscreen/Action", writes[2].subject);
+    EXPECT_EQ("Ctx/Media/Broadcast/Status/STB", writes[3].subject);
+    EXPECT_EQ(1u, m_log.Count("call CS_RegisterChannelCallback!", 'E')) << m_log.Dump();
+    EXPECT_EQ(1u, m_log.Count("call! _ChannelCallbackFunction : 3", 'E')) << m_log.Dump();
+    EXPECT_EQ(1u, m_log.Count("ComponentId is null", 'E')) << m_log.Dump();
+    EXPECT_EQ(1u, m_log.Count("Reorder Error ..", 'E')) << m_log.Dump();
+}
+
 }  // namespace
 }  // namespace lumora::test

@@ -64,6 +64,21 @@ void Recorded(const char* subject, char* data, void* userData) {
     CallbackRecorder::Instance().Add(N, subject, data, userData);
 }
 
+/// A distinct typed-signal callback per N; the delivery's subject is the type
+/// as a number.
+template <int N>
+void RecordedSignal(ContextSignalType type, char* data, void* userData) {
+    CallbackRecorder::Instance().Add(N, std::to_string(static_cast<int>(type)).c_str(), data, userData);
+}
+
+/// A distinct channel callback per N; the delivery's subject is
+/// "event:count".
+template <int N>
+void RecordedChannelEvent(LMF_EVENT_TYPE event, std::string data, int count, void* userData) {
+    std::string what = std::to_string(static_cast<int>(event)) + ":" + std::to_string(count);
+    CallbackRecorder::Instance().Add(N, what.c_str(), data.c_str(), userData);
+}
+
 }  // namespace lumora::test
 
 #endif

@@ -5,10 +5,13 @@
 
 #include <errno.h>
 #include <gtest/gtest.h>
+#include <json/json.h>
 #include <lumora/lumora-api.h>
 
 #include <memory>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include "BusCalls.h"
 #include "BusMonitor.h"
@@ -64,6 +67,37 @@ protected:
     /// The subject's value as the simulator answers a plain GIO client.
     std::string SimValue(const std::string& subject) { return ServiceValue(m_control, subject); }
 
+    /// The simulator's state as "lumora-sim ctl status" shows it; null when
+    /// it could not be had.
+    Json::Value SimStatus() {
+        Json::Value root;
+        CallResult status = Control(lumora::sim::kCtlGetStatus);
+        if (!status.Ok()) return root;
+        const gchar* text = nullptr;
+        g_variant_get(status.reply.get(), "(&s)", &text);
+        std::istringstream in(text);
+        if (!Json::parseFromStream(Json::CharReaderBuilder(), in, &root, nullptr)) root = Json::Value();
+        return root;
+    }
+
+    /// The clients the simulator holds as subscribers of subject.
+    std::vector<std::string> SimSubscribers(const std::string& subject) {
+        std::vector<std::string> clients;
+        const Json::Value status = SimStatus();
+        for (const Json::Value& client : status["subscriptions"][subject]) clients.push_back(client.asString());
+        return clients;
+    }
+
+    /// Sends the service's "Response" signal for subject to its subscribers.
+    bool Emit(const std::string& subject, const std::string& data) {
+        return Control(lumora::sim::kCtlEmit, g_variant_new("(ss)", subject.c_str(), data.c_str())).Ok();
+    }
+
+    /// Gives subject a new value in the simulator.
+    bool SetSimValue(const std::string& subject, const std::string& data) {
+        return Control(lumora::sim::kCtlSetValue, g_variant_new("(ss)", subject.c_str(), data.c_str())).Ok();
+    }
+
     TempDir m_dir;
     LogCapture m_log;
     TestBus m_bus;
@@ -91,6 +125,18 @@ protected:
     }
 
     static CallbackRecorder& Recorder() { return CallbackRecorder::Instance(); }
+
+    /// Subscribe (3) and unsubscribe (4) messages the library sent, as "3 subject".
+    std::vector<std::string> SubscriptionTraffic() {
+        std::vector<std::string> traffic;
+        for (const BusMessage& call : LibraryCalls("RequestSync")) {
+            if (call.requestType == 3 || call.requestType == 4) {
+                EXPECT_EQ("{}", call.input);
+                traffic.push_back(std::to_string(call.requestType) + " " + call.subject);
+            }
+        }
+        return traffic;
+    }
 
     MainLoopThread m_loop;
 };

@@ -17,6 +17,7 @@
 namespace {
 
 using lumora::test::LogCapture;
+using lumora::test::LogRecord;
 using lumora::test::MainLoopThread;
 using lumora::test::ScopedEnv;
 using lumora::test::TempDir;
@@ -112,6 +113,38 @@ TEST_F(ServiceWithoutBusTest, ReadsAndWritesBeforeInitFailWithoutABusClient) {
     EXPECT_THROW(Lumora_Write("Ctx/App/Info/Current", "{}"), std::runtime_error);
 }
 
+TEST_F(ServiceWithoutBusTest, ChannelSignalAndActionOperationsBeforeInitFailWithoutABusClient) {
+    ASSERT_EQ(nullptr, LMFServiceAPI::m_pDbusClient);
+    std::string text;
+    int count = 7;
+    std::vector<LMF_CHANNEL_ELEM> channels = {{7, 1}};
+    std::vector<std::string> values = {"v"};
+    EXPECT_FALSE(LMFServiceAPI::SubscribeSignal(CONTEXT_SIGNAL_MOST_WATCHED, nullptr, nullptr));
+    EXPECT_FALSE(LMFServiceAPI::UnsubscribeSignal(CONTEXT_SIGNAL_MOST_WATCHED));
+    EXPECT_FALSE(LMFServiceAPI::GetChannelList(text, count));
+    EXPECT_FALSE(LMFServiceAPI::ReorderChannelList(channels, 0));
+    EXPECT_FALSE(LMFServiceAPI::RemoveChannelFromList(7, 1, LMF_SRC_EXT_AIR));
+    EXPECT_FALSE(LMFServiceAPI::RemoveChannelFromList(7, 1, "id", LMF_SRC_EXT_AIR));
+    EXPECT_FALSE(LMFServiceAPI::GetCurrentChannelInfo(text));
+    EXPECT_FALSE(LMFServiceAPI::GetContentsRecognitionStatus(text));
+    EXPECT_FALSE(LMFServiceAPI::RegisterChannelCallback(nullptr, nullptr));
+    EXPECT_FALSE(LMFServiceAPI::UnRegisterChannelCallback());
+    EXPECT_FALSE(LMFServiceAPI::SetFirstscreenAction("home", "{}"));
+    LMFServiceAPI::SetVoiceActionRuleId("r");
+    LMFServiceAPI::SetVoiceAction("c", "n", values, values);
+    EXPECT_EQ(13u, m_log.Count("dbus not created!", 'E')) << m_log.Dump();
+    // The checks come first: nothing is looked at before them.
+    EXPECT_FALSE(m_log.Has("ComponentId is null")) << m_log.Dump();
+    EXPECT_EQ(1u, channels.size());
+    EXPECT_EQ(nullptr, CS_GetChannelList(&count));
+    EXPECT_EQ(0, count);
+    EXPECT_EQ(nullptr, CS_GetCurrentChannelInfo());
+    EXPECT_EQ(nullptr, CS_ReorderChannelList("[{\"major\":7,\"minor\":1}]", 0));
+    EXPECT_FALSE(CS_RegisterChannelCallback(nullptr, nullptr));
+    EXPECT_FALSE(m_log.Has("call CS_RegisterChannelCallback!")) << m_log.Dump();
+    for (const LogRecord& record : m_log.Find("dbus not created!")) EXPECT_EQ("LMFServiceAPI.cpp", record.file);
+}
+
 TEST_F(ServiceWithoutBusTest, LumoraWriteFailureCarriesItsMessage) {
     try {
         Lumora_Write("Raw/Firstscreen/Action", "{}");
@@ -135,8 +168,8 @@ TEST_F(ServiceWithoutBusTest, RetiredVideoStatusFunctionsOnlyWarn) {
     EXPECT_FALSE(Lumora_UnsubscribeVideoStatus());
     for (const char* name : {"Lumora_ReadCurrentVideoStatus", "Lumora_RequestCurrentVideoStatus",
                              "Lumora_SubscribeVideoStatus", "Lumora_UnsubscribeVideoStatus"}) {
-        std::string text = std::string("DEPRECATION WARNING: ") + name +
-                           "() is deprecated and will be removed since API version 3.0";
+        std::string text =
+            std::string("DEPRECATION WARNING: ") + name + "() is deprecated and will be removed since API version 3.0";
         auto found = m_log.Find(text, 'W');
         ASSERT_EQ(1u, found.size()) << text << "\n" << m_log.Dump();
         EXPECT_EQ(name, found[0].function);
@@ -189,8 +222,7 @@ TEST_F(ServiceWithoutBusTest, NoBusGivesConnectionFailedAndTheTwoSecondTimerConn
     EXPECT_TRUE(reported) << m_log.Dump();
 
     // The timer retries every 2 s while there is no bus.
-    EXPECT_TRUE(lumora::test::WaitUntil([&] { return m_log.Count("m_connection error") >= 2; }, 6000))
-        << m_log.Dump();
+    EXPECT_TRUE(lumora::test::WaitUntil([&] { return m_log.Count("m_connection error") >= 2; }, 6000)) << m_log.Dump();
     gint64 retried = g_get_monotonic_time();
     TestBus bus;
     ASSERT_TRUE(bus.StartAt(m_busAddress));
@@ -211,8 +243,7 @@ TEST_F(ServiceWithoutBusTest, NoBusGivesConnectionFailedAndTheTwoSecondTimerConn
 TEST_F(ServiceWithoutBusTest, InitWithANullResultStillSchedulesTheReconnectTimer) {
     MainLoopThread loop;
     EXPECT_TRUE(Lumora_InitService());
-    EXPECT_TRUE(lumora::test::WaitUntil([&] { return m_log.Has("m_connection error"); }, 5000))
-        << m_log.Dump();
+    EXPECT_TRUE(lumora::test::WaitUntil([&] { return m_log.Has("m_connection error"); }, 5000)) << m_log.Dump();
     EXPECT_TRUE(Lumora_FiniService());
 }
 

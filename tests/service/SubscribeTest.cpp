@@ -16,38 +16,7 @@ namespace {
 
 namespace sim = lumora::sim;
 
-class SubscribeTest : public EventTest {
-protected:
-    bool Emit(const std::string& subject, const std::string& data) {
-        return Control(sim::kCtlEmit, g_variant_new("(ss)", subject.c_str(), data.c_str())).Ok();
-    }
-
-    /// Subscribe (3) and unsubscribe (4) messages the library sent, as "3 subject".
-    std::vector<std::string> SubscriptionTraffic() {
-        std::vector<std::string> traffic;
-        for (const BusMessage& call : LibraryCalls("RequestSync")) {
-            if (call.requestType == 3 || call.requestType == 4) {
-                EXPECT_EQ("{}", call.input);
-                traffic.push_back(std::to_string(call.requestType) + " " + call.subject);
-            }
-        }
-        return traffic;
-    }
-
-    /// The clients the simulator holds as subscribers of subject.
-    std::vector<std::string> SimSubscribers(const std::string& subject) {
-        CallResult status = Control(sim::kCtlGetStatus);
-        std::vector<std::string> clients;
-        if (!status.Ok()) return clients;
-        const gchar* text = nullptr;
-        g_variant_get(status.reply.get(), "(&s)", &text);
-        Json::Value root;
-        std::istringstream in(text);
-        if (!Json::parseFromStream(Json::CharReaderBuilder(), in, &root, nullptr)) return clients;
-        for (const Json::Value& client : root["subscriptions"][subject]) clients.push_back(client.asString());
-        return clients;
-    }
-};
+class SubscribeTest : public EventTest {};
 
 // ---- every fixed-subject function ------------------------------------------------
 
