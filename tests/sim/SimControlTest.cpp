@@ -191,7 +191,7 @@ TEST_F(SimControlTest, TheCtlCommandListsItsCommandsOnHelp) {
     for (const char* usage :
          {"emit SUBJECT DATA", "set SUBJECT DATA", "clear SUBJECT", "code SUBJECT CODE", "delay SUBJECT MILLISECONDS",
           "stats SUBJECT TUPLES_JSON", "stop-answering", "resume-answering", "enable", "disable", "whitelist [NAME...]",
-          "restart [PAUSE_MS]", "status"}) {
+          "restart [PAUSE_MS]", "status", "event list|current|program|stb [DATA]"}) {
         EXPECT_NE(std::string::npos, help.out.find("  " + std::string(usage) + "\n")) << usage;
     }
 }
@@ -208,6 +208,85 @@ TEST_F(SimControlTest, TheCtlCommandReportsARefusalWithStatus1) {
     RunResult refused = SimProcess::Run({"ctl", "stats", "I/TallyDB/Onoff/Duration", "[[-1, 2]]"});
     EXPECT_EQ(1, refused.exitStatus);
     EXPECT_NE(std::string::npos, refused.err.find("tuples[0][0]: expected an unsigned 32-bit integer")) << refused.err;
+}
+
+TEST_F(SimControlTest, AProgrammeEventStoresAndSignalsBothProgrammeSubjects) {
+    auto changed = Listener();
+    auto current = Listener();
+    ASSERT_TRUE(
+        SubscribeFrom(changed->Connection(), contract::kRequestSubscribe, "Ctx/Media/Broadcast/Program/Changed").Ok());
+    ASSERT_TRUE(
+        SubscribeFrom(current->Connection(), contract::kRequestSubscribe, "Ctx/Media/Broadcast/Program/Current").Ok());
+    RunResult event = SimProcess::Run({"ctl", "event", "program", "{\"ProgramTitle\":\"X\"}"});
+    EXPECT_EQ(0, event.exitStatus) << event.err;
+    EXPECT_EQ("sent 2\n", event.out);
+    EXPECT_EQ("(0, '{\"ProgramTitle\":\"X\"}')", Read("Ctx/Media/Broadcast/Program/Changed").Print());
+    EXPECT_EQ("(0, '{\"ProgramTitle\":\"X\"}')", Read("Ctx/Media/Broadcast/Program/Current").Print());
+    for (const auto& [listener, subject] : {std::make_pair(changed.get(), "Ctx/Media/Broadcast/Program/Changed"),
+                                            std::make_pair(current.get(), "Ctx/Media/Broadcast/Program/Current")}) {
+        ASSERT_TRUE(listener->WaitForCount(1, 10000)) << subject;
+        // A round trip through the simulator: a second signal would have arrived by now.
+        ASSERT_TRUE(ServiceEnable().Ok());
+        NameHasOwner(listener->Connection(), contract::kBusName);
+        std::vector<ReceivedSignal> signals = listener->Signals();
+        ASSERT_EQ(1u, signals.size()) << subject;
+        EXPECT_EQ("(0, '" + std::string(subject) + "', '{\"ProgramTitle\":\"X\"}')",
+                  Printed(signals[0].parameters.get()));
+    }
+}
+
+TEST_F(SimControlTest, AnEventWithoutDataSignalsTheStoredValue) {
+    auto listener = Listener();
+    ASSERT_TRUE(
+        SubscribeFrom(listener->Connection(), contract::kRequestSubscribe, "Ctx/Media/Broadcast/Status/STB").Ok());
+    std::string stored = Text(Read("Ctx/Media/Broadcast/Status/STB"));
+    ASSERT_NE("{}", stored);
+    RunResult event = SimProcess::Run({"ctl", "event", "stb"});
+    EXPECT_EQ(0, event.exitStatus) << event.err;
+    EXPECT_EQ("sent 1\n", event.out);
+    ASSERT_TRUE(listener->WaitForCount(1, 10000));
+    const gchar* data = nullptr;
+    g_variant_get_child(listener->Signals()[0].parameters.get(), 2, "&s", &data);
+    EXPECT_EQ(stored, data);
+    EXPECT_EQ(stored, Text(Read("Ctx/Media/Broadcast/Status/STB")));
+}
+
+TEST_F(SimControlTest, AnEventOfASubjectWithoutAValueSignalsNoData) {
+    auto listener = Listener();
+    ASSERT_TRUE(SubscribeFrom(listener->Connection(), contract::kRequestSubscribe, "Pref/Channel/List/Current").Ok());
+    ASSERT_TRUE(Control(sim::kCtlClearValue, g_variant_new("(s)", "Pref/Channel/List/Current")).Ok());
+    EXPECT_EQ("(uint32 1,)", Control(sim::kCtlEmitEvent, g_variant_new("(ss)", "current", "")).Print());
+    ASSERT_TRUE(listener->WaitForCount(1, 10000));
+    EXPECT_EQ("(0, 'Pref/Channel/List/Current', '{}')", Printed(listener->Signals()[0].parameters.get()));
+}
+
+TEST_F(SimControlTest, EmitEventRefusesAnUnknownKindAndDataThatIsNotJson) {
+    CallResult unknown = Control(sim::kCtlEmitEvent, g_variant_new("(ss)", "weather", "{}"));
+    EXPECT_EQ("org.freedesktop.DBus.Error.InvalidArgs", unknown.errorName) << unknown.Print();
+    EXPECT_EQ("unknown event kind 'weather' (one of list, current, program, stb)", unknown.errorMessage);
+    std::string before = Text(Read("Pref/Channel/List"));
+    CallResult notJson = Control(sim::kCtlEmitEvent, g_variant_new("(ss)", "list", "{\"ChList\":["));
+    EXPECT_EQ("org.freedesktop.DBus.Error.InvalidArgs", notJson.errorName) << notJson.Print();
+    EXPECT_EQ(0u, notJson.errorMessage.find("data is not JSON: ")) << notJson.errorMessage;
+    EXPECT_EQ(before, Text(Read("Pref/Channel/List")));
+}
+
+TEST_F(SimControlTest, TheEventCommandRefusesAnUnknownKindWithStatus2) {
+    RunResult bogus = SimProcess::Run({"ctl", "event", "bogus"});
+    EXPECT_EQ(2, bogus.exitStatus);
+    EXPECT_EQ("lumora-sim ctl: unknown event kind 'bogus': usage: event list|current|program|stb [DATA]\n", bogus.err);
+    EXPECT_EQ(2, SimProcess::Run({"ctl", "event"}).exitStatus);
+    EXPECT_EQ(2, SimProcess::Run({"ctl", "event", "list", "{}", "extra"}).exitStatus);
+}
+
+TEST_F(SimControlTest, TheEventCommandReportsDataThatIsNotJsonWithStatus1) {
+    std::string before = Text(Read("Pref/Channel/List"));
+    RunResult refused = SimProcess::Run({"ctl", "event", "list", "not json"});
+    EXPECT_EQ(1, refused.exitStatus);
+    EXPECT_EQ(0u, refused.err.find("lumora-sim ctl: event: ")) << refused.err;
+    EXPECT_NE(std::string::npos, refused.err.find("data is not JSON: ")) << refused.err;
+    EXPECT_EQ("", refused.out);
+    EXPECT_EQ(before, Text(Read("Pref/Channel/List")));
 }
 
 TEST_F(SimControlTest, TheCtlCommandFailsWithStatus1WhenNoSimulatorRuns) {

@@ -151,6 +151,107 @@ TEST_F(SimServiceTest, UnsubscribeStopsTheSignalsOfThatSubjectOnly) {
     EXPECT_EQ("(0, 'Ctx/Sound/LKFS/Value', '{\"LKFS\":-24}')", Printed(signals[0].parameters.get()));
 }
 
+TEST_F(SimServiceTest, ARemovedChannelLeavesTheListAndTheListsSubscriberHearsIt) {
+    auto subscriber = Listener();
+    ASSERT_TRUE(SubscribeFrom(subscriber->Connection(), contract::kRequestSubscribe, "Pref/Channel/List").Ok());
+    EXPECT_NE(std::string::npos, Status().find("\"channelRemovals\":[]")) << Status();
+    const std::string request = "{\"major\":9,\"minor\":1,\"type\":\"AIR\"}";
+    ASSERT_TRUE(Write("Pref/Channel/Remove", request).Ok());
+
+    std::string listText = Text(Read("Pref/Channel/List"));
+    Json::Value list = Parse(listText);
+    EXPECT_EQ("Success", list["Status"].asString());
+    ASSERT_EQ(7u, list["ChList"].size()) << listText;
+    for (const Json::Value& channel : list["ChList"]) EXPECT_NE("MBC", channel["ChName"].asString());
+    EXPECT_EQ("(0, '" + request + "')", Read("Pref/Channel/Remove").Print());
+
+    Json::Value removals = Parse(Status())["channelRemovals"];
+    ASSERT_EQ(1u, removals.size()) << Status();
+    EXPECT_EQ("Pref/Channel/Remove", removals[0]["subject"].asString());
+    EXPECT_EQ(Parse(request), removals[0]["request"]);
+    EXPECT_EQ(1u, removals[0]["removed"].asUInt());
+    RunResult ctlStatus = SimProcess::Run({"ctl", "status"});
+    EXPECT_EQ(0, ctlStatus.exitStatus) << ctlStatus.err;
+    EXPECT_EQ(removals, Parse(ctlStatus.out)["channelRemovals"]) << ctlStatus.out;
+
+    ASSERT_TRUE(subscriber->WaitForCount(1, 10000));
+    std::vector<ReceivedSignal> signals = subscriber->Signals();
+    ASSERT_EQ(1u, signals.size());
+    EXPECT_EQ("(0, 'Pref/Channel/List', '" + listText + "')", Printed(signals[0].parameters.get()));
+    EXPECT_TRUE(m_log.Has("Pref/Channel/Remove " + request + ": 1 channel(s) removed from Pref/Channel/List", 'I'))
+        << m_log.Dump();
+}
+
+TEST_F(SimServiceTest, ARemovalByServiceIdRemovesOnlyTheEntryWithThatServiceId) {
+    const std::string twins =
+        "{\"Status\":\"Success\",\"ChList\":[{\"major\":9,\"minor\":1,\"ChName\":\"MBC\",\"ServiceID\":\"0x0901\"},"
+        "{\"major\":9,\"minor\":1,\"ChName\":\"MBC Cable\",\"ServiceID\":\"0x0902\"},"
+        "{\"major\":9,\"minor\":2,\"ChName\":\"MBC 2\",\"ServiceID\":\"0x0902\"}]}";
+    ASSERT_TRUE(Control(lumora::sim::kCtlSetValue, g_variant_new("(ss)", "Pref/Channel/List", twins.c_str())).Ok());
+    auto subscriber = Listener();
+    ASSERT_TRUE(SubscribeFrom(subscriber->Connection(), contract::kRequestSubscribe, "Pref/Channel/List").Ok());
+
+    // No entry has this service id: nothing goes, and the list is not signalled.
+    ASSERT_TRUE(Write("Pref/Channel/RemoveWithServiceID",
+                      "{\"major\":9,\"minor\":1,\"service_id\":\"0x0903\",\"type\":\"AIR\"}")
+                    .Ok());
+    EXPECT_EQ(twins, Text(Read("Pref/Channel/List")));
+    ASSERT_TRUE(Write("Pref/Channel/RemoveWithServiceID",
+                      "{\"major\":9,\"minor\":1,\"service_id\":\"0x0902\",\"type\":\"AIR\"}")
+                    .Ok());
+    Json::Value list = Parse(Text(Read("Pref/Channel/List")));
+    ASSERT_EQ(2u, list["ChList"].size());
+    EXPECT_EQ("MBC", list["ChList"][0]["ChName"].asString());
+    EXPECT_EQ("MBC 2", list["ChList"][1]["ChName"].asString());
+
+    Json::Value removals = Parse(Status())["channelRemovals"];
+    ASSERT_EQ(2u, removals.size()) << Status();
+    EXPECT_EQ("Pref/Channel/RemoveWithServiceID", removals[0]["subject"].asString());
+    EXPECT_EQ("0x0903", removals[0]["request"]["service_id"].asString());
+    EXPECT_EQ(0u, removals[0]["removed"].asUInt());
+    EXPECT_EQ("0x0902", removals[1]["request"]["service_id"].asString());
+    EXPECT_EQ(1u, removals[1]["removed"].asUInt());
+
+    // Signals keep their order: had the first removal been signalled, it would come first.
+    ASSERT_TRUE(subscriber->WaitForCount(1, 10000));
+    std::vector<ReceivedSignal> signals = subscriber->Signals();
+    ASSERT_EQ(1u, signals.size());
+    const gchar* data = nullptr;
+    g_variant_get_child(signals[0].parameters.get(), 2, "&s", &data);
+    EXPECT_EQ(2u, Parse(data)["ChList"].size()) << data;
+}
+
+TEST_F(SimServiceTest, ARemovalThatIsNotJsonIsRecordedAsTextAndRemovesNothing) {
+    auto subscriber = Listener();
+    ASSERT_TRUE(SubscribeFrom(subscriber->Connection(), contract::kRequestSubscribe, "Pref/Channel/List").Ok());
+    ASSERT_TRUE(SubscribeFrom(subscriber->Connection(), contract::kRequestSubscribe, "Pref/Channel/Remove").Ok());
+    std::string before = Text(Read("Pref/Channel/List"));
+    ASSERT_TRUE(Write("Pref/Channel/Remove", "nine-one").Ok());
+
+    Json::Value removals = Parse(Status())["channelRemovals"];
+    ASSERT_EQ(1u, removals.size()) << Status();
+    EXPECT_EQ("Pref/Channel/Remove", removals[0]["subject"].asString());
+    EXPECT_EQ(Json::Value("nine-one"), removals[0]["request"]);
+    EXPECT_EQ(0u, removals[0]["removed"].asUInt());
+    EXPECT_EQ(before, Text(Read("Pref/Channel/List")));
+    EXPECT_EQ("(0, 'nine-one')", Read("Pref/Channel/Remove").Print());
+
+    // The write itself is still signalled, and nothing after it.
+    ASSERT_TRUE(subscriber->WaitForCount(1, 10000));
+    ASSERT_TRUE(ServiceEnable().Ok());
+    NameHasOwner(subscriber->Connection(), contract::kBusName);
+    std::vector<ReceivedSignal> signals = subscriber->Signals();
+    ASSERT_EQ(1u, signals.size());
+    EXPECT_EQ("(0, 'Pref/Channel/Remove', 'nine-one')", Printed(signals[0].parameters.get()));
+}
+
+TEST_F(SimServiceTest, ARemovalLeavesAChannelListThatIsNotAListAlone) {
+    ASSERT_TRUE(Control(lumora::sim::kCtlSetValue, g_variant_new("(ss)", "Pref/Channel/List", "[1,2]")).Ok());
+    ASSERT_TRUE(Write("Pref/Channel/Remove", "{\"major\":9,\"minor\":1,\"type\":\"AIR\"}").Ok());
+    EXPECT_EQ("(0, '[1,2]')", Read("Pref/Channel/List").Print());
+    EXPECT_EQ(0u, Parse(Status())["channelRemovals"][0]["removed"].asUInt()) << Status();
+}
+
 TEST_F(SimServiceTest, RequestSyncOfAnotherRequestTypeGetsAnInvalidArgsError) {
     CallResult result = RequestSync(contract::kRequestWrite, "Ctx/App/Info/Current");
     ASSERT_FALSE(result.Ok());

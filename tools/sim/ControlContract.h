@@ -5,6 +5,8 @@
 #ifndef LUMORA_SIM_CONTROLCONTRACT_H
 #define LUMORA_SIM_CONTROLCONTRACT_H
 
+#include <cstring>
+
 namespace lumora::sim {
 
 constexpr const char* kControlPath = "/org/verdin/tv/lumora2/control";
@@ -23,6 +25,29 @@ constexpr const char* kCtlSetEnabled = "SetEnabled";            // (b enabled)
 constexpr const char* kCtlSetWhiteList = "SetWhiteList";        // (as process names)
 constexpr const char* kCtlRestart = "Restart";                  // (u pause in milliseconds)
 constexpr const char* kCtlGetStatus = "GetStatus";              // () -> (s status as JSON)
+constexpr const char* kCtlEmitEvent = "EmitEvent";              // (s kind, s data; "" = as stored) -> (u signals sent)
+
+// The kinds of EmitEvent: what an application's channel callbacks hear, as
+// the subjects whose "Response" is sent, in this order. A programme change
+// comes with the current programme, which changes with it.
+struct EventKind {
+    const char* name;
+    const char* subjects[2];  // the second is null for a kind of one subject
+};
+constexpr EventKind kEventKinds[] = {
+    {"list", {"Pref/Channel/List", nullptr}},
+    {"current", {"Pref/Channel/List/Current", nullptr}},
+    {"program", {"Ctx/Media/Broadcast/Program/Changed", "Ctx/Media/Broadcast/Program/Current"}},
+    {"stb", {"Ctx/Media/Broadcast/Status/STB", nullptr}},
+};
+
+/// The kind named name, or null.
+inline const EventKind* FindEventKind(const char* name) {
+    for (const EventKind& kind : kEventKinds) {
+        if (strcmp(kind.name, name) == 0) return &kind;
+    }
+    return nullptr;
+}
 
 // Introspection data of the control object.
 constexpr const char* kControlXml =
@@ -45,6 +70,8 @@ constexpr const char* kControlXml =
     "  <method name='SetWhiteList'><arg name='names' type='as' direction='in'/></method>"
     "  <method name='Restart'><arg name='pause' type='u' direction='in'/></method>"
     "  <method name='GetStatus'><arg name='status' type='s' direction='out'/></method>"
+    "  <method name='EmitEvent'><arg name='kind' type='s' direction='in'/>"
+    "   <arg name='data' type='s' direction='in'/><arg name='sent' type='u' direction='out'/></method>"
     " </interface>"
     "</node>";
 

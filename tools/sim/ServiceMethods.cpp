@@ -1,6 +1,7 @@
 // SimService: the four methods of the wire protocol. GIO has already checked
 // each call's argument signature against the introspection data, so only the
 // request type is left to check here.
+#include "ChannelRemoval.h"
 #include "Reorder.h"
 #include "SimLog.h"
 #include "SimService.h"
@@ -137,9 +138,24 @@ void SimService::OnWrite(const std::string& sender, GVariant* parameters, GDBusM
     std::string subject = request.subject;
     std::string input = request.input;
     m_state.SetValue(subject, input);
+    // The list changes before the reply, so that a caller that waits for it
+    // reads the shorter list.
+    bool listChanged = IsChannelRemoval(subject) && ApplyChannelRemoval(subject, input);
     // Clients do not wait for this reply; it is sent for callers that do.
     Lumora_DIPC_SendData(invocation, nullptr);
     EmitResponse(subject, input);
+    // The television tells the list's subscribers that it changed.
+    if (listChanged) EmitResponse(kChannelListSubject, m_state.Value(kChannelListSubject));
+}
+
+bool SimService::ApplyChannelRemoval(const std::string& subject, const std::string& input) {
+    ChannelRemoval removal = RemoveChannels(subject, input, m_state.Value(kChannelListSubject));
+    m_state.RecordChannelRemoval(subject, removal.request, removal.removed);
+    SIM_LOGI("%s %s: %u channel(s) removed from %s", subject.c_str(), input.c_str(), removal.removed,
+             kChannelListSubject);
+    if (removal.removed == 0) return false;
+    m_state.SetValue(kChannelListSubject, removal.list);
+    return true;
 }
 
 }  // namespace lumora::sim

@@ -36,6 +36,7 @@ const SimControl::Method SimControl::kMethods[] = {
     {kCtlSetWhiteList, &SimControl::SetWhiteList},
     {kCtlRestart, &SimControl::Restart},
     {kCtlGetStatus, &SimControl::GetStatus},
+    {kCtlEmitEvent, &SimControl::EmitEvent},
 };
 
 SimControl::SimControl(SimService& service, GDBusConnection* connection)
@@ -169,6 +170,35 @@ void SimControl::GetStatus(GVariant*, GDBusMethodInvocation* invocation) {
     status["delayedAnswers"] = m_service.DelayedAnswers();
     std::string text = ValueText(status);
     g_dbus_method_invocation_return_value(invocation, g_variant_new("(s)", text.c_str()));
+}
+
+// Data, when given, becomes the value of every subject of the kind before any
+// is signalled, so that a callback reading one of them back sees the event.
+void SimControl::EmitEvent(GVariant* parameters, GDBusMethodInvocation* invocation) {
+    const gchar* name = nullptr;
+    const gchar* data = nullptr;
+    g_variant_get(parameters, "(&s&s)", &name, &data);
+    const EventKind* kind = FindEventKind(name);
+    if (kind == nullptr) {
+        std::string kinds;
+        for (const EventKind& known : kEventKinds) kinds += std::string(kinds.empty() ? "" : ", ") + known.name;
+        return Refuse(invocation, G_DBUS_ERROR_INVALID_ARGS,
+                      std::string("unknown event kind '") + name + "' (one of " + kinds + ")");
+    }
+    Json::Value parsed;
+    std::string error;
+    if (data[0] != '\0' && !ParseJsonText(data, parsed, error)) {
+        return Refuse(invocation, G_DBUS_ERROR_INVALID_ARGS, "data is not JSON: " + error);
+    }
+    SimState& state = m_service.State();
+    for (const char* subject : kind->subjects) {
+        if (subject != nullptr && data[0] != '\0') state.SetValue(subject, data);
+    }
+    unsigned sent = 0;
+    for (const char* subject : kind->subjects) {
+        if (subject != nullptr) sent += m_service.EmitResponse(subject, state.Value(subject));
+    }
+    g_dbus_method_invocation_return_value(invocation, g_variant_new("(u)", sent));
 }
 
 }  // namespace lumora::sim

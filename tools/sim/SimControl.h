@@ -40,6 +40,7 @@ private:
     void SetWhiteList(GVariant* parameters, GDBusMethodInvocation* invocation);
     void Restart(GVariant* parameters, GDBusMethodInvocation* invocation);
     void GetStatus(GVariant* parameters, GDBusMethodInvocation* invocation);
+    void EmitEvent(GVariant* parameters, GDBusMethodInvocation* invocation);
 
     SimService& m_service;
     GDBusConnection* m_connection;

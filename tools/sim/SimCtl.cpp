@@ -44,6 +44,7 @@ const Command kCommands[] = {
     {"whitelist", "whitelist [NAME...]", kCtlSetWhiteList, 0, -1},
     {"restart", "restart [PAUSE_MS]", kCtlRestart, 0, 1},
     {"status", "status", kCtlGetStatus, 0, 0},
+    {"event", "event list|current|program|stb [DATA]", kCtlEmitEvent, 1, 2},
 };
 
 bool ParseInt(const char* text, long long low, long long high, long long& out) {
@@ -62,6 +63,7 @@ GVariant* BuildParameters(const Command& cmd, const std::vector<const char*>& ar
     std::string word = cmd.word;
     long long number = 0;
     if (word == "emit" || word == "set" || word == "stats") return g_variant_new("(ss)", args[0], args[1]);
+    if (word == "event") return g_variant_new("(ss)", args[0], args.size() > 1 ? args[1] : "");
     if (word == "clear") return g_variant_new("(s)", args[0]);
     if (word == "enable" || word == "disable") return g_variant_new("(b)", word == "enable");
     if (word == "code") {
@@ -88,7 +90,8 @@ void PrintAnswer(const Command& cmd, GVariant* answer) {
     if (g_variant_is_of_type(answer, G_VARIANT_TYPE("(u)"))) {
         guint32 count = 0;
         g_variant_get(answer, "(u)", &count);
-        printf("%s %u\n", strcmp(cmd.word, "emit") == 0 ? "sent" : "answered", count);
+        bool emitted = strcmp(cmd.word, "emit") == 0 || strcmp(cmd.word, "event") == 0;
+        printf("%s %u\n", emitted ? "sent" : "answered", count);
     } else if (g_variant_is_of_type(answer, G_VARIANT_TYPE("(s)"))) {
         const gchar* text = nullptr;
         g_variant_get(answer, "(&s)", &text);
@@ -165,6 +168,11 @@ int RunCtl(int argc, char** argv) {
     int count = static_cast<int>(args.size());
     if (count < cmd->minArgs || (cmd->maxArgs >= 0 && count > cmd->maxArgs)) {
         fprintf(stderr, "lumora-sim ctl: usage: %s\n", cmd->usage);
+        return 2;
+    }
+    // A kind the simulator does not know is a usage error, found before the bus is.
+    if (strcmp(cmd->word, "event") == 0 && FindEventKind(args[0]) == nullptr) {
+        fprintf(stderr, "lumora-sim ctl: unknown event kind '%s': usage: %s\n", args[0], cmd->usage);
         return 2;
     }
     bool ok = true;

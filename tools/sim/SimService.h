@@ -93,6 +93,9 @@ private:
     void OnRequestSync(const std::string& sender, GVariant* parameters, GDBusMethodInvocation* invocation);
     void OnRequestAsync(const std::string& sender, GVariant* parameters, GDBusMethodInvocation* invocation);
     void OnWrite(const std::string& sender, GVariant* parameters, GDBusMethodInvocation* invocation);
+    /// Records a write to a channel removal subject and takes the channels it
+    /// names out of the stored channel list; true when the list changed.
+    bool ApplyChannelRemoval(const std::string& subject, const std::string& input);
     void Answer(const std::string& subject, GDBusMethodInvocation* invocation, GVariant* reply);
     bool Publish(const char* destination, const std::string& subject, const std::string& data);
     void SayHello();

@@ -69,6 +69,14 @@ std::vector<std::string> SimState::Subscribers(const std::string& subject) const
     return it == m_subscribers.end() ? std::vector<std::string>() : it->second;
 }
 
+void SimState::RecordChannelRemoval(const std::string& subject, const Json::Value& request, unsigned removed) {
+    Json::Value record(Json::objectValue);
+    record["subject"] = subject;
+    record["request"] = request;
+    record["removed"] = removed;
+    m_channelRemovals.append(record);
+}
+
 Json::Value SimState::ToJson() const {
     Json::Value status(Json::objectValue);
     status["enabled"] = m_scenario.enabled;
@@ -84,6 +92,7 @@ Json::Value SimState::ToJson() const {
         Json::Value& list = subscriptions[subject] = Json::Value(Json::arrayValue);
         for (const std::string& client : clients) list.append(client);
     }
+    status["channelRemovals"] = m_channelRemovals;
     return status;
 }
 

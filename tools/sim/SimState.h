@@ -47,6 +47,11 @@ public:
     void DropAllSubscriptions() { m_subscribers.clear(); }
     std::vector<std::string> Subscribers(const std::string& subject) const;
 
+    /// Channel removals as they arrived: what was written to which removal
+    /// subject, and how many channel list entries it removed. Kept across
+    /// restarts, so that a test can look back at every removal a client sent.
+    void RecordChannelRemoval(const std::string& subject, const Json::Value& request, unsigned removed);
+
     /// Everything above as one JSON object, for the control interface.
     Json::Value ToJson() const;
 
@@ -59,6 +64,7 @@ private:
 
     Scenario m_scenario;
     std::map<std::string, std::vector<std::string>> m_subscribers;
+    Json::Value m_channelRemovals{Json::arrayValue};
 };
 
 }  // namespace lumora::sim
