@@ -7,13 +7,15 @@
 
 #include <string>
 
+#include "internal/ServiceContract.h"
+
 namespace lumora::sim {
 
 /// The channel list the removals change, and the subjects whose writes remove
 /// from it: {"major":m,"minor":n,"type":...}, and the same with "service_id".
-constexpr const char* kChannelListSubject = "Pref/Channel/List";
-constexpr const char* kChannelRemoveSubject = "Pref/Channel/Remove";
-constexpr const char* kChannelRemoveWithServiceIdSubject = "Pref/Channel/RemoveWithServiceID";
+constexpr const char* kChannelListSubject = lumora::contract::subjects::kChannelList;
+constexpr const char* kChannelRemoveSubject = lumora::contract::subjects::kChannelRemove;
+constexpr const char* kChannelRemoveWithServiceIdSubject = lumora::contract::subjects::kChannelRemoveWithServiceId;
 
 bool IsChannelRemoval(const std::string& subject);
 

@@ -7,6 +7,8 @@
 
 #include <cstring>
 
+#include "internal/ServiceContract.h"
+
 namespace lumora::sim {
 
 constexpr const char* kControlPath = "/org/verdin/tv/lumora2/control";
@@ -35,10 +37,10 @@ struct EventKind {
     const char* subjects[2];  // the second is null for a kind of one subject
 };
 constexpr EventKind kEventKinds[] = {
-    {"list", {"Pref/Channel/List", nullptr}},
-    {"current", {"Pref/Channel/List/Current", nullptr}},
-    {"program", {"Ctx/Media/Broadcast/Program/Changed", "Ctx/Media/Broadcast/Program/Current"}},
-    {"stb", {"Ctx/Media/Broadcast/Status/STB", nullptr}},
+    {"list", {lumora::contract::subjects::kChannelList, nullptr}},
+    {"current", {lumora::contract::subjects::kChannelListCurrent, nullptr}},
+    {"program", {lumora::contract::subjects::kProgramChanged, lumora::contract::subjects::kProgramCurrent}},
+    {"stb", {lumora::contract::subjects::kStbStatus, nullptr}},
 };
 
 /// The kind named name, or null.

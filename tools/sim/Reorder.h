@@ -4,10 +4,12 @@
 
 #include <string>
 
+#include "internal/ServiceContract.h"
+
 namespace lumora::sim {
 
 /// The subject whose read carries a candidate order.
-constexpr const char* kReorderSubject = "Pref/Channel/List/Reorder";
+constexpr const char* kReorderSubject = lumora::contract::subjects::kChannelReorder;
 
 /// When input is {"reorder":[{"major":m,"minor":n},...], ...}, sets answer to
 /// {"reorder":[...]} holding the same channels ordered by major, then minor
