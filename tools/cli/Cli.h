@@ -4,6 +4,7 @@
 
 #include <json/json.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,8 +18,10 @@ constexpr int kUsage = 2;
 // Options that only some commands take (Command::options).
 enum CommandOption : unsigned {
     kNoOptions = 0,
-    kTimeoutOption = 1u << 0,  // --timeout SECONDS
-    kInitialOption = 1u << 1,  // --initial
+    kTimeoutOption = 1u << 0,    // --timeout SECONDS
+    kInitialOption = 1u << 1,    // --initial
+    kSourceOption = 1u << 2,     // --source VALUE
+    kServiceIdOption = 1u << 3,  // --service-id ID
 };
 
 // Longer than the bus's own 25 s, so that by default the bus's time-out,
@@ -31,6 +34,9 @@ struct Options {
     bool pretty = false;
     unsigned timeoutSeconds = kDefaultTimeoutSeconds;
     bool initial = false;
+    // As written; what a source is depends on the command that takes it.
+    std::optional<std::string> source;
+    std::optional<std::string> serviceId;
 };
 
 struct Command {
@@ -50,6 +56,8 @@ const std::vector<Command>& Commands();
 int RunRequest(const Options& options, const std::vector<std::string>& args);
 int RunStats(const Options& options, const std::vector<std::string>& args);
 int RunSubscribe(const Options& options, const std::vector<std::string>& args);
+// The channel list services: list, reorder, remove, watch.
+int RunChannels(const Options& options, const std::vector<std::string>& args);
 
 // Output: values on stdout, one-line reasons on stderr.
 void PrintValue(const Options& options, const std::string& value);
@@ -57,6 +65,9 @@ void PrintValue(const Options& options, const std::string& value);
 void PrintText(const std::string& text);
 // One line {"subject":...,"data":...}: data as JSON when it is JSON, else as a string.
 void PrintEvent(const std::string& subject, const std::string& data);
+// data as it goes into an event line: its compact JSON when it is JSON, else
+// a JSON string.
+std::string EventData(const std::string& data);
 void Warn(const std::string& reason);
 int Fail(const std::string& reason);
 

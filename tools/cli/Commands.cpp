@@ -68,6 +68,28 @@ int RunSettings(const Options& options, const Args& args) {
     return kUsage;
 }
 
+int RunAction(const Options&, const Args& args) {
+    const char* usage = "usage: lumora action firstscreen COMPONENT JSON\n";
+    if (args[0] != "firstscreen") {
+        Warn("unknown action " + args[0] + " (firstscreen)");
+        fputs(usage, stderr);
+        return kUsage;
+    }
+    const std::string& component = args[1];
+    const std::string& data = args[2];
+    Json::Value parsed;
+    if (component.empty() || !ParseJsonStrictly(data, parsed)) {
+        Warn(component.empty() ? "COMPONENT is empty" : "JSON is not JSON: " + data);
+        fputs(usage, stderr);
+        return kUsage;
+    }
+    if (!StartService()) return kFailed;
+    // The text goes as it was given: the launcher hands it on untouched.
+    bool queued = CS_SetFirstscreenAction(component.c_str(), data.c_str());
+    StopService();
+    return queued ? kOk : Fail("the first-screen action for " + component + " was not sent");
+}
+
 int RunHints(const Options& options, const Args& args) {
     OwnedText value(Lumora_ReadHintList("lumora", args[0].c_str()));
     if (!value) return Fail("no hint list for " + args[0]);
@@ -163,6 +185,49 @@ const std::vector<Command>& Commands() {
          "the process must be on the service's whitelist.\n"
          "Example: lumora --pretty stats app",
          1, 2, kTimeoutOption, RunStats},
+        {"channels", "[list|reorder|remove|watch] ...", "print, reorder, remove or watch channels",
+         "The channel list services as applications use them:\n"
+         "  lumora channels [list] [--source rf|stb|all]\n"
+         "  lumora channels reorder JSON_ARRAY [--source N]\n"
+         "  lumora channels remove MAJOR MINOR TYPE [--service-id ID]\n"
+         "  lumora channels watch [--source rf|stb|all]\n"
+         "\n"
+         "list (the default) prints the channel list as the library hands it to an\n"
+         "application, {\"ChList\":[...],\"Size\":N,\"Status\":\"Success\"}, and \"N channels\"\n"
+         "on stderr. It holds the entries of the --source type (\"SrcType\" \"RF\" for rf,\n"
+         "\"STB\" for stb; all, the default, keeps both), never one of channel type 9.\n"
+         "An answer of the service that does not say \"Success\" is printed as it came,\n"
+         "with \"0 channels\". Fails when the list cannot be read.\n"
+         "\n"
+         "reorder sends the candidates JSON_ARRAY, [{\"major\":M,\"minor\":N},...], with\n"
+         "the source N (an integer, default 0) and prints the service's order in the\n"
+         "same form on one line (null when the order is empty).\n"
+         "\n"
+         "remove asks the service to remove channel MAJOR-MINOR of TYPE (air, cable,\n"
+         "satellite, hdmi1 to hdmi6, or their numbers 0 to 8), named also by its\n"
+         "service id with --service-id. The request is queued, not acknowledged.\n"
+         "\n"
+         "watch prints one line per channel event until SIGINT or SIGTERM, then exits\n"
+         "0; a restart of the service is followed:\n"
+         "  {\"event\":\"list\",\"code\":0,\"count\":N,\"data\":...}     the channel list\n"
+         "  {\"event\":\"program\",\"code\":2,\"count\":1,\"data\":...}  the programme changed\n"
+         "  {\"event\":\"stb\",\"code\":3,\"count\":1,\"data\":...}      the set-top box's status\n"
+         "data is JSON when the text is JSON, else a JSON string. A list's data holds\n"
+         "the --source entries as list prints them, count how many (0, and the\n"
+         "service's text, when it did not say \"Success\").\n"
+         "\n"
+         "Examples:\n"
+         "  lumora --pretty channels --source rf\n"
+         "  lumora channels reorder '[{\"major\":9,\"minor\":1},{\"major\":7,\"minor\":1}]'\n"
+         "  lumora channels remove 9 1 air --service-id 0x0901\n"
+         "  lumora channels watch --source stb",
+         0, 4, kSourceOption | kServiceIdOption, RunChannels},
+        {"action", "firstscreen COMPONENT JSON", "hand the home launcher a first-screen action",
+         "Hands COMPONENT, a component of the home launcher, the JSON text JSON: writes\n"
+         "{\"componentId\":COMPONENT,\"jsonData\":JSON} to Raw/Firstscreen/Action, with\n"
+         "JSON as a string. The write is queued, not acknowledged.\n"
+         "Example: lumora action firstscreen home '{\"tab\":\"apps\"}'",
+         3, 3, kNoOptions, RunAction},
     };
     return commands;
 }

@@ -84,11 +84,14 @@ void PrintText(const std::string& text) {
     fflush(stdout);
 }
 
-void PrintEvent(const std::string& subject, const std::string& data) {
+std::string EventData(const std::string& data) {
     Json::Value parsed;
-    std::string json = ParseJsonStrictly(data, parsed) ? WithoutWhitespace(data) : JsonText(data, false);
+    return ParseJsonStrictly(data, parsed) ? WithoutWhitespace(data) : JsonText(data, false);
+}
+
+void PrintEvent(const std::string& subject, const std::string& data) {
     // Written by hand so that "subject" comes first: jsoncpp sorts keys.
-    PrintText("{\"subject\":" + JsonText(subject, false) + ",\"data\":" + json + "}");
+    PrintText("{\"subject\":" + JsonText(subject, false) + ",\"data\":" + EventData(data) + "}");
 }
 
 void Warn(const std::string& reason) { fprintf(stderr, "lumora: %s\n", reason.c_str()); }

@@ -17,6 +17,7 @@ bool StartService() {
             Fail("cannot connect to the system bus (DBUS_SYSTEM_BUS_ADDRESS)");
             break;
         case LMF_INIT_SERVICE_NOT_READY:
+        default:  // the library gives no other outcome
             Fail("the context service is not ready");
             break;
     }

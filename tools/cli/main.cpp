@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -70,7 +71,31 @@ struct CommandLine {
 };
 
 // The option of one CommandOption bit, as it is written.
-const char* OptionName(unsigned option) { return option == lumora::cli::kTimeoutOption ? "--timeout" : "--initial"; }
+const char* OptionName(unsigned option) {
+    switch (option) {
+        case lumora::cli::kTimeoutOption:
+            return "--timeout";
+        case lumora::cli::kInitialOption:
+            return "--initial";
+        case lumora::cli::kSourceOption:
+            return "--source";
+        default:
+            return "--service-id";
+    }
+}
+
+// The value of an option that takes any text; the command checks it. False
+// with the reason printed when there is none.
+bool TakeValue(int argc, char** argv, int& i, unsigned option, const char* what, CommandLine& line,
+               std::optional<std::string>& value) {
+    if (i + 1 >= argc || argv[i + 1][0] == '\0') {
+        fprintf(stderr, "lumora: %s takes %s\n", OptionName(option), what);
+        return false;
+    }
+    value = argv[++i];
+    line.given |= option;
+    return true;
+}
 
 // Takes argv[i] as an option, and its value from argv[i + 1] when it has one.
 // False with the reason printed on a usage error.
@@ -92,6 +117,10 @@ bool TakeOption(int argc, char** argv, int& i, CommandLine& line) {
         }
         ++i;
         line.given |= lumora::cli::kTimeoutOption;
+    } else if (arg == "--source") {
+        return TakeValue(argc, argv, i, lumora::cli::kSourceOption, "a source type", line, line.options.source);
+    } else if (arg == "--service-id") {
+        return TakeValue(argc, argv, i, lumora::cli::kServiceIdOption, "a service id", line, line.options.serviceId);
     } else {
         fprintf(stderr, "lumora: unknown option %s\n", arg.c_str());
         return false;
