@@ -17,7 +17,9 @@ echo "Installed into $prefix:"
 work=$(mktemp -d /tmp/lumora-demo-XXXXXX)
 bus_pid=
 sim_pid=
+watch_pid=
 stop_all() {
+  [ -z "$watch_pid" ] || kill -TERM "$watch_pid" 2>/dev/null || true
   [ -z "$sim_pid" ] || kill -TERM "$sim_pid" 2>/dev/null || true
   [ -z "$bus_pid" ] || kill -TERM "$bus_pid" 2>/dev/null || true
   rm -rf "$work"
@@ -80,7 +82,31 @@ export LUMORA_SETTINGS_DB="$work/settings.db"
 lumora status
 lumora --pretty read Ctx/Media/Source/Info/Current
 lumora --pretty read Ctx/Media/Broadcast/Program/Current
-lumora --pretty read Pref/Channel/List '{"list":13}'
+lumora channels --source rf
+lumora --pretty channels --source stb
+lumora channels reorder '[{"major":11,"minor":1},{"major":7,"minor":1}]'
+
+# The channel callback: a programme change reaches "lumora channels watch".
+echo
+echo "\$ lumora channels watch &    # one JSON line per channel event"
+"$prefix/bin/lumora" channels watch >"$work/watch.out" &
+watch_pid=$!
+# Emitted until the watcher has subscribed: "sent 0" means nobody listened.
+emit_programme() {
+  "$prefix/bin/lumora-sim" ctl event program '{"ChName":"MBC","major":9,"minor":1,"ProgramTitle":"Evening Drama"}' \
+    >"$work/event.out" && ! grep -qx 'sent 0' "$work/event.out"
+}
+wait_for emit_programme
+echo "\$ lumora-sim ctl event program '{\"ChName\":\"MBC\",...,\"ProgramTitle\":\"Evening Drama\"}'"
+cat "$work/event.out"
+wait_for test -s "$work/watch.out"
+kill -INT "$watch_pid"
+status=0
+wait "$watch_pid" || status=$?
+watch_pid=
+[ "$status" -eq 0 ] || { echo "lumora channels watch exited with status $status" >&2; exit 1; }
+cat "$work/watch.out"
+grep -q '"event":"program","code":2,"count":1' "$work/watch.out"
 lumora request Ctx/App/Info/Current
 lumora --pretty stats app
 lumora write Ctx/Sound/Volume/Level/Current '{"Level":25,"Mute":false}'
