@@ -12,10 +12,9 @@
 
 namespace {
 
-// No source type of the list: such a source admits nothing. 3 is the largest
-// value the enumeration can hold in C++ (its enumerators need two bits); a
-// larger one would be undefined behaviour here, not in the filter.
-const LMF_SRC_TYPE kUnknownSource = static_cast<LMF_SRC_TYPE>(3);
+// No source type of the list, as a C caller may pass it: such a source admits
+// nothing.
+const LMF_SRC_TYPE kUnknownSource = static_cast<LMF_SRC_TYPE>(7);
 
 void Check(bool condition) {
     if (!condition) __builtin_trap();
