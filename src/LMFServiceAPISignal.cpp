@@ -51,6 +51,17 @@ void DeliverChannelList(LumoraChannelCb callback, const char* data, void* userDa
     }
 }
 
+// The first steps of SubscribeSignal and UnsubscribeSignal (the caller's
+// lines): a bus client, and a type that names a subject. An unknown type
+// leaves the converter's line and then this one.
+bool SubjectOfType(const char* function, ContextSignalType type, std::string& subject) {
+    if (lumora::internal::ServiceClient(function) == nullptr) return false;
+    subject = LMFServiceAPI::_ConvertSignalTypeToSubject(type);
+    if (!subject.empty()) return true;
+    LMF_LOGE_IN(function, "can't find type %d", static_cast<int>(type));
+    return false;
+}
+
 }  // namespace
 
 std::string LMFServiceAPI::_ConvertSignalTypeToSubject(ContextSignalType type) {
@@ -73,12 +84,8 @@ std::string LMFServiceAPI::_ConvertSignalTypeToSubject(ContextSignalType type) {
 bool LMFServiceAPI::SubscribeSignal(ContextSignalType type, LumoraSignalCb callback, void* user_data) {
     if (LMF_REFUSED_IN_CALLBACK(kServiceMutex | kClientMutex)) return false;
     ContextAutoLock lock(&m_mutex);
-    if (lumora::internal::ServiceClient(__func__) == nullptr) return false;
-    std::string subject = _ConvertSignalTypeToSubject(type);
-    if (subject.empty()) {
-        LMF_LOGE("can't find type %d", static_cast<int>(type));
-        return false;
-    }
+    std::string subject;
+    if (!SubjectOfType(__func__, type, subject)) return false;
     // One record per subject and callback, whatever the user data.
     if (_FindSubscribeData(subject, callback) != nullptr) {
         LMF_LOGE("already subscribed subject[%s]cb[%p], ", subject.c_str(), reinterpret_cast<void*>(callback));
@@ -102,12 +109,8 @@ bool LMFServiceAPI::SubscribeSignal(ContextSignalType type, LumoraSignalCb callb
 bool LMFServiceAPI::UnsubscribeSignal(ContextSignalType type) {
     if (LMF_REFUSED_IN_CALLBACK(kServiceMutex | kClientMutex)) return false;
     ContextAutoLock lock(&m_mutex);
-    if (lumora::internal::ServiceClient(__func__) == nullptr) return false;
-    std::string subject = _ConvertSignalTypeToSubject(type);
-    if (subject.empty()) {
-        LMF_LOGE("can't find type %d", static_cast<int>(type));
-        return false;
-    }
+    std::string subject;
+    if (!SubjectOfType(__func__, type, subject)) return false;
     // Every typed callback of the subject goes; there is no way to drop one.
     _RemoveSubscribeData(subject);
     if (_CheckSubscribeData(subject) != 0) {

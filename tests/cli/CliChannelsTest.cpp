@@ -11,6 +11,7 @@
 #include "BusMonitor.h"
 #include "ChildProcess.h"
 #include "CliFixture.h"
+#include "JsonText.h"
 
 namespace lumora::test {
 namespace {
@@ -21,21 +22,6 @@ constexpr const char* kListSubject = "Pref/Channel/List";
 constexpr const char* kCurrentListSubject = "Pref/Channel/List/Current";
 constexpr const char* kProgramChangedSubject = "Ctx/Media/Broadcast/Program/Changed";
 constexpr const char* kStbSubject = "Ctx/Media/Broadcast/Status/STB";
-
-Json::Value Parse(const std::string& text) {
-    Json::Value value;
-    std::string errors;
-    std::istringstream in(text);
-    Json::CharReaderBuilder reader;
-    if (!Json::parseFromStream(reader, in, &value, &errors)) ADD_FAILURE() << "not JSON: " << text << ": " << errors;
-    return value;
-}
-
-std::string Compact(const Json::Value& value) {
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "";
-    return Json::writeString(writer, value);
-}
 
 size_t LineCount(const std::string& text) {
     size_t lines = 0;
@@ -48,7 +34,7 @@ Json::Value SampleList() {
     std::ifstream file(SampleScenario());
     std::stringstream text;
     text << file.rdbuf();
-    return Parse(text.str())["values"][kListSubject];
+    return ParseJson(text.str())["values"][kListSubject];
 }
 
 // The entries an application sees of list for srcType ("" for all): never
@@ -246,11 +232,11 @@ protected:
         EXPECT_EQ(0, ctl.exitStatus) << ctl.err;
         return ctl;
     }
-    Json::Value Status() { return Parse(Ctl({"status"}).out); }
+    Json::Value Status() { return ParseJson(Ctl({"status"}).out); }
     // The value the service holds for subject, parsed; null without one.
     Json::Value StoredValue(const std::string& subject) {
         Json::Value values = Status()["values"];
-        return values.isMember(subject) ? Parse(values[subject].asString()) : Json::Value();
+        return values.isMember(subject) ? ParseJson(values[subject].asString()) : Json::Value();
     }
     bool Emit(const std::string& subject, const std::string& data) {
         return Ctl({"emit", subject, data}).out == "sent 1\n";
@@ -278,7 +264,7 @@ protected:
             ADD_FAILURE() << "no line from lumora channels watch; stderr: " << m_watch.Err();
             return Json::Value();
         }
-        return Parse(line);
+        return ParseJson(line);
     }
 
     ChildProcess m_watch;
@@ -305,11 +291,11 @@ TEST_F(CliChannelsTest, ListShowsEveryEntryButTheHiddenChannelType) {
         EXPECT_EQ(0, list.exitStatus) << list.err;
         EXPECT_EQ("6 channels\n", list.err);
         EXPECT_EQ(1u, LineCount(list.out)) << list.out;
-        Json::Value document = Parse(list.out);
+        Json::Value document = ParseJson(list.out);
         EXPECT_EQ(ListDocument(Shown(sample, "")), document);
         size_t withoutType = 0;
         for (const Json::Value& entry : document["ChList"]) {
-            EXPECT_NE(9, entry.get("ChType", 0).asInt()) << Compact(entry);
+            EXPECT_NE(9, entry.get("ChType", 0).asInt()) << CompactJson(entry);
             if (!entry.isMember("ChType")) ++withoutType;
         }
         // The entry without a channel type comes without one.
@@ -324,13 +310,13 @@ TEST_F(CliChannelsTest, ListShowsTheEntriesOfTheSourceType) {
     RunResult rf = Lumora({"channels", "--source", "rf"});
     EXPECT_EQ(0, rf.exitStatus) << rf.err;
     EXPECT_EQ("4 channels\n", rf.err);
-    EXPECT_EQ(ListDocument(Shown(sample, "RF")), Parse(rf.out));
-    EXPECT_EQ(4u, Parse(rf.out)["ChList"].size());
+    EXPECT_EQ(ListDocument(Shown(sample, "RF")), ParseJson(rf.out));
+    EXPECT_EQ(4u, ParseJson(rf.out)["ChList"].size());
 
     RunResult stb = Lumora({"channels", "list", "--source", "STB"});
     EXPECT_EQ(0, stb.exitStatus) << stb.err;
     EXPECT_EQ("2 channels\n", stb.err);
-    Json::Value document = Parse(stb.out);
+    Json::Value document = ParseJson(stb.out);
     EXPECT_EQ(ListDocument(Shown(sample, "STB")), document);
     ASSERT_EQ(2u, document["ChList"].size());
     EXPECT_EQ(101, document["ChList"][0]["major"].asInt());
@@ -344,7 +330,7 @@ TEST_F(CliChannelsTest, OneChannelIsCountedInTheSingular) {
     RunResult list = Lumora({"channels", "--source", "rf"});
     EXPECT_EQ(0, list.exitStatus);
     EXPECT_EQ("1 channel\n", list.err);
-    EXPECT_EQ(1u, Parse(list.out)["ChList"].size());
+    EXPECT_EQ(1u, ParseJson(list.out)["ChList"].size());
 }
 
 TEST_F(CliChannelsTest, AListTheServiceDidNotMarkSuccessIsPrintedAsItCame) {
@@ -361,7 +347,7 @@ TEST_F(CliChannelsTest, AListWithNothingOfTheSourceTypeSaysItIsEmpty) {
     RunResult list = Lumora({"channels", "--source", "stb"});
     EXPECT_EQ(0, list.exitStatus) << list.err;
     EXPECT_EQ("0 channels\n", list.err);
-    Json::Value document = Parse(list.out);
+    Json::Value document = ParseJson(list.out);
     EXPECT_EQ("Error", document["Status"].asString());
     EXPECT_EQ("The list is empty.", document["Reason"].asString());
     EXPECT_EQ(0, document["Size"].asInt());
@@ -371,7 +357,7 @@ TEST_F(CliChannelsTest, PrettyIndentsTheList) {
     RunResult pretty = Lumora({"--pretty", "channels", "--source", "stb"});
     EXPECT_EQ(0, pretty.exitStatus) << pretty.err;
     EXPECT_EQ(0u, pretty.out.find("{\n  \"")) << pretty.out;
-    EXPECT_EQ(Parse(Lumora({"channels", "--source", "stb"}).out), Parse(pretty.out));
+    EXPECT_EQ(ParseJson(Lumora({"channels", "--source", "stb"}).out), ParseJson(pretty.out));
     EXPECT_EQ("2 channels\n", pretty.err);
 }
 
@@ -404,7 +390,7 @@ TEST_F(CliChannelsTest, ReorderPrintsTheServicesOrderOnOneLine) {
     std::vector<BusMessage> calls = monitor.Calls("RequestSync");
     ASSERT_FALSE(calls.empty());
     EXPECT_EQ("Pref/Channel/List/Reorder", calls.back().subject);
-    EXPECT_EQ(0, Parse(calls.back().input)["source"].asInt()) << calls.back().input;
+    EXPECT_EQ(0, ParseJson(calls.back().input)["source"].asInt()) << calls.back().input;
 }
 
 TEST_F(CliChannelsTest, ReorderSendsItsSource) {
@@ -412,12 +398,12 @@ TEST_F(CliChannelsTest, ReorderSendsItsSource) {
     ASSERT_TRUE(monitor.Ok());
     RunResult reorder = Lumora({"--pretty", "channels", "reorder", "[{\"major\":9,\"minor\":1}]", "--source", "-3"});
     EXPECT_EQ(0, reorder.exitStatus) << reorder.err;
-    EXPECT_EQ(Parse("[{\"major\":9,\"minor\":1}]"), Parse(reorder.out));
+    EXPECT_EQ(ParseJson("[{\"major\":9,\"minor\":1}]"), ParseJson(reorder.out));
     EXPECT_EQ(0u, reorder.out.find("[\n  {\n")) << reorder.out;
     ASSERT_TRUE(monitor.Settle(m_control));
     std::vector<BusMessage> calls = monitor.Calls("RequestSync");
     ASSERT_FALSE(calls.empty());
-    EXPECT_EQ(Parse("{\"reorder\":[{\"major\":9,\"minor\":1}],\"source\":-3}"), Parse(calls.back().input));
+    EXPECT_EQ(ParseJson("{\"reorder\":[{\"major\":9,\"minor\":1}],\"source\":-3}"), ParseJson(calls.back().input));
 }
 
 TEST_F(CliChannelsTest, ReorderThatTheServiceFailsFailsWithOneLine) {
@@ -436,15 +422,15 @@ TEST_F(CliChannelsTest, RemoveSendsTheChannelAndItsType) {
     EXPECT_EQ(0, remove.exitStatus) << remove.err;
     EXPECT_EQ("", remove.out);
     EXPECT_EQ("", remove.err);
-    const Json::Value expected = Parse("{\"major\":9,\"minor\":1,\"type\":\"AIR\"}");
+    const Json::Value expected = ParseJson("{\"major\":9,\"minor\":1,\"type\":\"AIR\"}");
     EXPECT_TRUE(WaitUntil([&] { return StoredValue("Pref/Channel/Remove") == expected; }, 5000))
-        << Compact(StoredValue("Pref/Channel/Remove"));
+        << CompactJson(StoredValue("Pref/Channel/Remove"));
 
     // Names in any case, or their numbers.
     for (const auto& [word, name] : std::vector<std::pair<std::string, std::string>>{
              {"Cable", "CABLE"}, {"SATELLITE", "SATELLITE"}, {"hdmi1", "HDMI1"}, {"4", "HDMI2"}, {"8", "HDMI6"}}) {
         ASSERT_EQ(0, Lumora({"channels", "remove", "501", "0", word}).exitStatus) << word;
-        Json::Value sent = Parse("{\"major\":501,\"minor\":0}");
+        Json::Value sent = ParseJson("{\"major\":501,\"minor\":0}");
         sent["type"] = name;
         EXPECT_TRUE(WaitUntil([&] { return StoredValue("Pref/Channel/Remove") == sent; }, 5000)) << word;
     }
@@ -454,9 +440,9 @@ TEST_F(CliChannelsTest, RemoveWithAServiceIdSendsItToo) {
     RunResult remove = Lumora({"channels", "--service-id", "0x0901", "remove", "9", "1", "cable"});
     EXPECT_EQ(0, remove.exitStatus) << remove.err;
     EXPECT_EQ("", remove.err);
-    const Json::Value expected = Parse("{\"major\":9,\"minor\":1,\"service_id\":\"0x0901\",\"type\":\"CABLE\"}");
+    const Json::Value expected = ParseJson("{\"major\":9,\"minor\":1,\"service_id\":\"0x0901\",\"type\":\"CABLE\"}");
     EXPECT_TRUE(WaitUntil([&] { return StoredValue("Pref/Channel/RemoveWithServiceID") == expected; }, 5000))
-        << Compact(StoredValue("Pref/Channel/RemoveWithServiceID"));
+        << CompactJson(StoredValue("Pref/Channel/RemoveWithServiceID"));
     EXPECT_TRUE(StoredValue("Pref/Channel/Remove").isNull());
 }
 
@@ -465,7 +451,7 @@ TEST_F(CliChannelsTest, RemoveWithAServiceIdSendsItToo) {
 TEST_F(CliChannelsTest, WatchPrintsOneLinePerEvent) {
     ASSERT_TRUE(StartWatch()) << m_watch.Err();
     Json::Value sample = SampleList();
-    ASSERT_TRUE(Emit(kListSubject, Compact(sample)));
+    ASSERT_TRUE(Emit(kListSubject, CompactJson(sample)));
     EXPECT_EQ(Event("list", 0, 6, ListDocument(Shown(sample, ""))), NextEvent());
 
     const std::string program = "{\"ChName\":\"MBC\",\"major\":9,\"minor\":1,\"ProgramTitle\":\"Evening Drama\"}";
@@ -476,11 +462,11 @@ TEST_F(CliChannelsTest, WatchPrintsOneLinePerEvent) {
     EXPECT_EQ("{\"event\":\"program\",\"code\":2,\"count\":1,\"data\":" + program + "}", line);
 
     ASSERT_TRUE(Emit(kStbSubject, "{\"Connected\": false,\n \"Port\": \"HDMI1\"}"));
-    EXPECT_EQ(Event("stb", 3, 1, Parse("{\"Connected\":false,\"Port\":\"HDMI1\"}")), NextEvent());
+    EXPECT_EQ(Event("stb", 3, 1, ParseJson("{\"Connected\":false,\"Port\":\"HDMI1\"}")), NextEvent());
     ASSERT_TRUE(Emit(kStbSubject, "set-top box gone"));
     EXPECT_EQ(Event("stb", 3, 1, "set-top box gone"), NextEvent());
 
-    ASSERT_TRUE(Emit(kCurrentListSubject, Compact(SampleList())));
+    ASSERT_TRUE(Emit(kCurrentListSubject, CompactJson(SampleList())));
     EXPECT_EQ(Event("list", 0, 6, ListDocument(Shown(sample, ""))), NextEvent());
 
     EXPECT_FALSE(m_watch.LineWithin(300));
@@ -492,14 +478,14 @@ TEST_F(CliChannelsTest, WatchPrintsOneLinePerEvent) {
 TEST_F(CliChannelsTest, WatchShowsTheListEntriesOfTheSourceType) {
     ASSERT_TRUE(StartWatch({"--source", "stb"})) << m_watch.Err();
     Json::Value sample = SampleList();
-    ASSERT_TRUE(Emit(kListSubject, Compact(sample)));
+    ASSERT_TRUE(Emit(kListSubject, CompactJson(sample)));
     Json::Value event = NextEvent();
     EXPECT_EQ(Event("list", 0, 2, ListDocument(Shown(sample, "STB"))), event);
     for (const Json::Value& entry : event["data"]["ChList"]) EXPECT_EQ("STB", entry["SrcType"].asString());
 
     const std::string failed = "{\"Status\":\"Failed\",\"Reason\":\"scan running\"}";
     ASSERT_TRUE(Emit(kListSubject, failed));
-    EXPECT_EQ(Event("list", 0, 0, Parse(failed)), NextEvent());
+    EXPECT_EQ(Event("list", 0, 0, ParseJson(failed)), NextEvent());
 
     ASSERT_TRUE(m_watch.Signal(SIGTERM));
     EXPECT_EQ(0, m_watch.Wait(10000));
@@ -513,10 +499,10 @@ TEST_F(CliChannelsTest, WatchKeepsGoingAfterARestartOfTheService) {
     Ctl({"restart", "300"});
     ASSERT_TRUE(WaitForWatch());
     Json::Value sample = SampleList();
-    ASSERT_TRUE(Emit(kListSubject, Compact(sample)));
+    ASSERT_TRUE(Emit(kListSubject, CompactJson(sample)));
     EXPECT_EQ(Event("list", 0, 4, ListDocument(Shown(sample, "RF"))), NextEvent());
     ASSERT_TRUE(Emit(kProgramChangedSubject, "{\"after\":\"restart\"}"));
-    EXPECT_EQ(Event("program", 2, 1, Parse("{\"after\":\"restart\"}")), NextEvent());
+    EXPECT_EQ(Event("program", 2, 1, ParseJson("{\"after\":\"restart\"}")), NextEvent());
     ASSERT_TRUE(m_watch.Signal(SIGINT));
     EXPECT_EQ(0, m_watch.Wait(10000));
     EXPECT_EQ("", m_watch.Err());
@@ -533,7 +519,7 @@ TEST_F(CliChannelsTest, FirstscreenActionCarriesTheJsonAsAString) {
     expected["componentId"] = "home";
     expected["jsonData"] = "{\"a\":1}";
     EXPECT_TRUE(WaitUntil([&] { return StoredValue("Raw/Firstscreen/Action") == expected; }, 5000))
-        << Compact(StoredValue("Raw/Firstscreen/Action"));
+        << CompactJson(StoredValue("Raw/Firstscreen/Action"));
     EXPECT_TRUE(StoredValue("Raw/Firstscreen/Action")["jsonData"].isString());
 }
 

@@ -15,6 +15,7 @@
 #include "BusMonitor.h"
 #include "ChildProcess.h"
 #include "CliFixture.h"
+#include "JsonText.h"
 
 namespace lumora::test {
 namespace {
@@ -26,15 +27,6 @@ constexpr int kLineWaitMs = 10000;
 
 long MillisecondsSince(Clock::time_point start) {
     return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count());
-}
-
-Json::Value Parse(const std::string& text) {
-    Json::Value value;
-    std::string errors;
-    std::istringstream in(text);
-    Json::CharReaderBuilder reader;
-    if (!Json::parseFromStream(reader, in, &value, &errors)) ADD_FAILURE() << "not JSON: " << text << ": " << errors;
-    return value;
 }
 
 // The line subscribe prints for one notification, built independently.
@@ -101,7 +93,7 @@ Json::Value SampleStatistics() {
     std::ifstream file(SampleScenario());
     std::stringstream text;
     text << file.rdbuf();
-    return Parse(text.str())["statistics"];
+    return ParseJson(text.str())["statistics"];
 }
 
 class CliEventsUsageTest : public CliNoServiceFixture {};
@@ -188,7 +180,7 @@ protected:
         if (!status.Ok()) return 0;
         const gchar* text = nullptr;
         g_variant_get(status.reply.get(), "(&s)", &text);
-        return Parse(text)["subscriptions"][subject].size();
+        return ParseJson(text)["subscriptions"][subject].size();
     }
     // The service has the subscription of the running client.
     bool WaitForSubscription(const std::string& subject) {
@@ -207,7 +199,7 @@ protected:
             return Json::Value();
         }
         EXPECT_EQ(std::string::npos, line.find('\n'));
-        return Parse(line);
+        return ParseJson(line);
     }
 
     // The unique bus names of the connections of process pid.
@@ -270,7 +262,7 @@ TEST_F(CliEventsTest, PrettyRequestIndentsTheValue) {
     RunResult request = Lumora({"--pretty", "request", "Ctx/Media/Broadcast/Program/Current"});
     EXPECT_EQ(0, request.exitStatus) << request.err;
     EXPECT_NE(std::string::npos, request.out.find("{\n  \"")) << request.out;
-    EXPECT_EQ(Parse(SimValue("Ctx/Media/Broadcast/Program/Current")), Parse(request.out));
+    EXPECT_EQ(ParseJson(SimValue("Ctx/Media/Broadcast/Program/Current")), ParseJson(request.out));
 }
 
 TEST_F(CliEventsTest, RequestAnsweredWithAnErrorFailsWithOneLine) {
@@ -339,7 +331,7 @@ TEST_F(CliEventsTest, InternalSubjectsAreRefusedToAProcessOffTheWhitelist) {
     // The same program under a whitelisted name is served.
     RunResult launcher = RunProgram(CliNamed("tv-launcher"), {"stats", "genre"});
     EXPECT_EQ(0, launcher.exitStatus) << launcher.err;
-    EXPECT_EQ(ExpectedRecords(Layouts()[3], SampleStatistics()["I/TallyDB/Genre/Duration"]), Parse(launcher.out));
+    EXPECT_EQ(ExpectedRecords(Layouts()[3], SampleStatistics()["I/TallyDB/Genre/Duration"]), ParseJson(launcher.out));
 }
 
 // ---- stats -------------------------------------------------------------------------
@@ -353,7 +345,7 @@ TEST_F(CliEventsTest, StatsDecodeEveryKindOfTheSampleScenario) {
         EXPECT_EQ(0, stats.exitStatus) << stats.err;
         EXPECT_EQ("", stats.err);
         EXPECT_EQ(1u, std::count(stats.out.begin(), stats.out.end(), '\n')) << stats.out;
-        EXPECT_EQ(ExpectedRecords(layout, statistics[layout.subject]), Parse(stats.out)) << stats.out;
+        EXPECT_EQ(ExpectedRecords(layout, statistics[layout.subject]), ParseJson(stats.out)) << stats.out;
     }
 }
 
@@ -395,13 +387,13 @@ TEST_F(CliEventsTest, PrettyStatsIndentTheRecords) {
     RunResult pretty = Lumora({"--pretty", "stats", "onoff"});
     EXPECT_EQ(0, pretty.exitStatus) << pretty.err;
     EXPECT_EQ(0u, pretty.out.find("[\n  {\n    \"field1\" : ")) << pretty.out;
-    EXPECT_EQ(Parse(Lumora({"stats", "onoff"}).out), Parse(pretty.out));
+    EXPECT_EQ(ParseJson(Lumora({"stats", "onoff"}).out), ParseJson(pretty.out));
 }
 
 TEST_F(CliEventsTest, RequestOfAStatisticsSubjectPrintsItsRecords) {
     RunResult request = Lumora({"request", "I/TallyDB/Onoff/Duration"});
     EXPECT_EQ(0, request.exitStatus) << request.err;
-    EXPECT_EQ(ExpectedRecords(Layouts()[0], SampleStatistics()["I/TallyDB/Onoff/Duration"]), Parse(request.out));
+    EXPECT_EQ(ExpectedRecords(Layouts()[0], SampleStatistics()["I/TallyDB/Onoff/Duration"]), ParseJson(request.out));
     EXPECT_EQ(Lumora({"stats", "onoff"}).out, request.out);
 }
 
@@ -438,7 +430,7 @@ TEST_F(CliEventsTest, SubscribePrintsOneLinePerNotification) {
     ASSERT_TRUE(Emit("Data/Streaming/Event", "\"quoted\""));
     EXPECT_EQ(Event("Data/Streaming/Event", "quoted"), NextEvent());
     ASSERT_TRUE(Emit("Ctx/App/Info/Changed", "[1,\n 2]"));
-    EXPECT_EQ(Event("Ctx/App/Info/Changed", Parse("[1,2]")), NextEvent());
+    EXPECT_EQ(Event("Ctx/App/Info/Changed", ParseJson("[1,2]")), NextEvent());
 
     EXPECT_FALSE(m_subscribe.LineWithin(300));
     EXPECT_EQ("", m_subscribe.Err());
@@ -487,7 +479,7 @@ TEST_F(CliEventsTest, SubscribeKeepsPrintingAfterARestartOfTheService) {
     ASSERT_TRUE(Control(sim::kCtlRestart, g_variant_new("(u)", 300u)));
     ASSERT_TRUE(WaitForSubscription("Ctx/App/Info/Changed"));
     ASSERT_TRUE(Emit("Ctx/App/Info/Changed", "{\"after\":\"restart\"}"));
-    EXPECT_EQ(Event("Ctx/App/Info/Changed", Parse("{\"after\":\"restart\"}")), NextEvent());
+    EXPECT_EQ(Event("Ctx/App/Info/Changed", ParseJson("{\"after\":\"restart\"}")), NextEvent());
     EXPECT_TRUE(m_subscribe.Running());
 }
 
@@ -496,7 +488,7 @@ TEST_F(CliEventsTest, SubscribeInitialPrintsTheValuesFirstAndAgainAfterARestart)
     ASSERT_TRUE(monitor.Ok());
     const std::string subject = "Ctx/Media/Source/Info/Current";
     ASSERT_TRUE(StartSubscribe({"--initial", "Ctx/No/Value", subject}));
-    EXPECT_EQ(Event(subject, Parse(SimValue(subject))), NextEvent());
+    EXPECT_EQ(Event(subject, ParseJson(SimValue(subject))), NextEvent());
     EXPECT_EQ("lumora: the service has no data for Ctx/No/Value\n", m_subscribe.Err());
     ASSERT_EQ(1u, Subscribers(subject));
     // Read only once subscribed, so that no change in between goes unseen.
@@ -516,7 +508,7 @@ TEST_F(CliEventsTest, SubscribeInitialPrintsTheValuesFirstAndAgainAfterARestart)
     ASSERT_TRUE(SetValue(subject, changed));
     EXPECT_TRUE(restart.get());
 
-    EXPECT_EQ(Event(subject, Parse(changed)), NextEvent());
+    EXPECT_EQ(Event(subject, ParseJson(changed)), NextEvent());
     // Read again only after the library had subscribed again.
     ASSERT_TRUE(WaitUntil([&] { return LastRequest(monitor, kRead, subject) >= 0; }, 5000));
     long resubscribed = LastRequest(monitor, kSubscribe, subject);
@@ -532,13 +524,13 @@ TEST_F(CliEventsTest, SubscribeInitialPrintsTheValuesFirstAndAgainAfterARestart)
         kLineWaitMs))
         << m_subscribe.Err();
     ASSERT_TRUE(Emit(subject, "{\"Source\":\"USB\"}"));
-    EXPECT_EQ(Event(subject, Parse("{\"Source\":\"USB\"}")), NextEvent());
+    EXPECT_EQ(Event(subject, ParseJson("{\"Source\":\"USB\"}")), NextEvent());
 }
 
 TEST_F(CliEventsTest, SubscribeKeepsGoingWhenTheServiceIsKilledAndStartedAgain) {
     const std::string subject = "Ctx/Media/Source/Info/Current";
     ASSERT_TRUE(StartSubscribe({"--initial", subject}));
-    EXPECT_EQ(Event(subject, Parse(SimValue(subject))), NextEvent());
+    EXPECT_EQ(Event(subject, ParseJson(SimValue(subject))), NextEvent());
     ASSERT_TRUE(WaitForSubscription(subject));
 
     // Killed: no BYE. The new process starts from the scenario again.
@@ -547,10 +539,10 @@ TEST_F(CliEventsTest, SubscribeKeepsGoingWhenTheServiceIsKilledAndStartedAgain) 
     EXPECT_EQ(-1, m_sim.WaitForExit(5000));
     ASSERT_TRUE(m_sim.Start());
 
-    EXPECT_EQ(Event(subject, Parse(SimValue(subject))), NextEvent());
+    EXPECT_EQ(Event(subject, ParseJson(SimValue(subject))), NextEvent());
     ASSERT_TRUE(WaitForSubscription(subject));
     ASSERT_TRUE(Emit(subject, "{\"Source\":\"HDMI2\"}"));
-    EXPECT_EQ(Event(subject, Parse("{\"Source\":\"HDMI2\"}")), NextEvent());
+    EXPECT_EQ(Event(subject, ParseJson("{\"Source\":\"HDMI2\"}")), NextEvent());
     ASSERT_TRUE(m_subscribe.Signal(SIGTERM));
     EXPECT_EQ(0, m_subscribe.Wait(10000));
     EXPECT_EQ("", m_subscribe.Err());
@@ -562,13 +554,13 @@ TEST_F(CliEventsTest, SubscribeKeepsGoingWhenTheServiceIsKilledAndStartedAgain) 
 TEST_F(CliEventsTest, SubscribeInitialGivesUpWaitingForTheLibraryAfterTenSeconds) {
     const std::string subject = "Ctx/App/Info/Current";
     ASSERT_TRUE(StartSubscribe({"--initial", subject}));
-    EXPECT_EQ(Event(subject, Parse(SimValue(subject))), NextEvent());
+    EXPECT_EQ(Event(subject, ParseJson(SimValue(subject))), NextEvent());
     ASSERT_TRUE(WaitForSubscription(subject));
     CallResult status = CallControl(m_control, sim::kCtlGetStatus);
     ASSERT_TRUE(status.Ok());
     const gchar* text = nullptr;
     g_variant_get(status.reply.get(), "(&s)", &text);
-    std::string library = Parse(text)["subscriptions"][subject][0].asString();
+    std::string library = ParseJson(text)["subscriptions"][subject][0].asString();
     std::vector<std::string> names = BusNamesOf(m_subscribe.Pid());
     ASSERT_EQ(2u, names.size());
     std::string own = names[0] == library ? names[1] : names[0];
@@ -596,7 +588,7 @@ TEST_F(CliEventsTest, SubscribeInitialGivesUpWaitingForTheLibraryAfterTenSeconds
 
     ASSERT_TRUE(SetValue(subject, "{\"AppId\":\"after\"}"));
     EXPECT_TRUE(restart.get());
-    EXPECT_EQ(Event(subject, Parse("{\"AppId\":\"after\"}")), NextEvent());
+    EXPECT_EQ(Event(subject, ParseJson("{\"AppId\":\"after\"}")), NextEvent());
     EXPECT_EQ(note, m_subscribe.Err());
 }
 

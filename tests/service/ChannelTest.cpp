@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "JsonText.h"
 #include "MisbehavingService.h"
 #include "ServiceFixture.h"
 
@@ -16,19 +17,6 @@ namespace lumora::test {
 namespace {
 
 constexpr const char* kList = "Pref/Channel/List";
-
-Json::Value Parse(const std::string& text) {
-    Json::Value value;
-    std::istringstream in(text);
-    EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), in, &value, nullptr)) << text;
-    return value;
-}
-
-std::string Compact(const Json::Value& value) {
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "";
-    return Json::writeString(writer, value);
-}
 
 // The names of a filtered list's entries, in order.
 std::vector<std::string> Names(const Json::Value& list) {
@@ -55,7 +43,7 @@ protected:
         std::string text;
         count = -1;
         if (!LMFServiceAPI::GetChannelList(text, count)) return false;
-        list = Parse(text);
+        list = ParseJson(text);
         return true;
     }
 
@@ -99,14 +87,14 @@ TEST_F(ChannelTest, TheSampleListFilteredByEachSourceType) {
     for (const BusMessage& read : reads) {
         EXPECT_EQ(1, read.requestType);
         EXPECT_EQ(kList, read.subject);
-        EXPECT_EQ("{\"list\":13}", Compact(Parse(read.input)));
+        EXPECT_EQ("{\"list\":13}", CompactJson(ParseJson(read.input)));
     }
     // The line carries the library's own serialisation; compare what it holds.
     bool found = false;
     for (const LogRecord& record : m_log.Records()) {
         if (record.text.rfind("Output Channel List : ", 0) == 0 && record.level == 'I' &&
             record.function == "GetChannelList" && record.file == "LMFServiceAPI.cpp")
-            found |= Parse(record.text.substr(strlen("Output Channel List : "))) == list;
+            found |= ParseJson(record.text.substr(strlen("Output Channel List : "))) == list;
     }
     EXPECT_TRUE(found) << m_log.Dump();
 }
@@ -170,7 +158,7 @@ TEST_F(ChannelTest, AListWithoutEntriesOrWithoutSuccess) {
     ASSERT_TRUE(SetSimValue(kList, "{\"Status\":\"Success\"}"));
     ASSERT_TRUE(List(LMF_SRC_ALL, list, count));
     EXPECT_EQ(0, count);
-    EXPECT_EQ("{\"Reason\":\"The list is empty.\",\"Size\":0,\"Status\":\"Error\"}", Compact(list));
+    EXPECT_EQ("{\"Reason\":\"The list is empty.\",\"Size\":0,\"Status\":\"Error\"}", CompactJson(list));
     ASSERT_TRUE(SetSimValue(kList, "{\"Status\":\"Success\",\"ChList\":{\"a\":1}}"));
     ASSERT_TRUE(List(LMF_SRC_ALL, list, count));
     EXPECT_EQ(0, count);
@@ -218,7 +206,7 @@ TEST_F(ChannelTest, AnEnormousListIsFilteredWhole) {
         entry["ChName"] = "channel " + std::to_string(i);
         answer["ChList"].append(entry);
     }
-    ASSERT_TRUE(SetSimValue(kList, Compact(answer)));
+    ASSERT_TRUE(SetSimValue(kList, CompactJson(answer)));
     int count = 0;
     OwnedText text(CS_GetChannelList(&count));
     ASSERT_NE(nullptr, text);
@@ -227,7 +215,7 @@ TEST_F(ChannelTest, AnEnormousListIsFilteredWhole) {
     text.reset(CS_GetChannelList(&count));
     ASSERT_NE(nullptr, text);
     EXPECT_EQ(10000, count);
-    EXPECT_EQ(10000u, Parse(text.get())["ChList"].size());
+    EXPECT_EQ(10000u, ParseJson(text.get())["ChList"].size());
     LMFServiceAPI::SetSourceAndModel(LMF_SRC_STB, LMF_MODEL_DEFAULT);
     text.reset(CS_GetChannelList(&count));
     EXPECT_EQ(8000, count);
@@ -240,7 +228,7 @@ TEST_F(ChannelTest, CGetChannelListHandsOutACopyAndTheCount) {
     OwnedText text(CS_GetChannelList(&count));
     ASSERT_NE(nullptr, text);
     EXPECT_EQ(2, count);
-    EXPECT_EQ((std::vector<std::string>{"Skyline Movies", "Skyline Sports"}), Names(Parse(text.get())));
+    EXPECT_EQ((std::vector<std::string>{"Skyline Movies", "Skyline Sports"}), Names(ParseJson(text.get())));
 }
 
 // ---- programme and set-top box ------------------------------------------------------
@@ -285,7 +273,7 @@ TEST_F(ChannelTest, ReorderSendsTheCandidatesAndTakesTheServicesOrder) {
     EXPECT_EQ(
         "{\"reorder\":[{\"major\":11,\"minor\":1},{\"major\":7,\"minor\":1},{\"major\":9,\"minor\":2},"
         "{\"major\":9,\"minor\":1}],\"source\":3}",
-        Compact(Parse(reads[0].input)));
+        CompactJson(ParseJson(reads[0].input)));
     // The simulator orders by channel number.
     ASSERT_EQ(4u, channels.size());
     EXPECT_EQ(7, channels[0].major);
@@ -320,7 +308,7 @@ TEST_F(ChannelTest, CReorderWritesTheServicesOrderOnOneLine) {
     EXPECT_TRUE(m_log.From(std::string("Out ChList : ") + order.get(), "CS_LMFServiceAPI.cpp", "CS_ReorderChannelList"))
         << m_log.Dump();
     EXPECT_EQ("{\"reorder\":[{\"major\":9,\"minor\":1},{\"major\":7,\"minor\":1}],\"source\":1}",
-              Compact(Parse(LibraryCalls("RequestSync")[0].input)));
+              CompactJson(ParseJson(LibraryCalls("RequestSync")[0].input)));
 }
 
 TEST_F(ChannelTest, CReorderInputThatIsNullNotJsonOrNoArray) {
@@ -340,7 +328,7 @@ TEST_F(ChannelTest, CReorderInputThatIsNullNotJsonOrNoArray) {
     ASSERT_NE(nullptr, order);
     EXPECT_EQ(
         "{\"reorder\":[{\"major\":0,\"minor\":4},{\"major\":0,\"minor\":0},{\"major\":0,\"minor\":1}],\"source\":0}",
-        Compact(Parse(LibraryCalls("RequestSync")[0].input)));
+        CompactJson(ParseJson(LibraryCalls("RequestSync")[0].input)));
 }
 
 TEST_F(ChannelTest, AFailedReorderLeavesTheCandidatesAsTheyWere) {
@@ -383,15 +371,15 @@ TEST_F(ChannelTest, RemovalRequestsAreWrittenInBothForms) {
     auto writes = LibraryCalls("Write");
     ASSERT_EQ(4u, writes.size());
     EXPECT_EQ("Pref/Channel/Remove", writes[0].subject);
-    EXPECT_EQ("{\"major\":9,\"minor\":1,\"type\":\"AIR\"}", Compact(Parse(writes[0].input)));
+    EXPECT_EQ("{\"major\":9,\"minor\":1,\"type\":\"AIR\"}", CompactJson(ParseJson(writes[0].input)));
     EXPECT_EQ("Pref/Channel/RemoveWithServiceID", writes[1].subject);
     EXPECT_EQ("{\"major\":101,\"minor\":0,\"service_id\":\"stb-101\",\"type\":\"HDMI1\"}",
-              Compact(Parse(writes[1].input)));
-    EXPECT_EQ("{\"major\":11,\"minor\":1,\"type\":\"Unknown\"}", Compact(Parse(writes[2].input)));
+              CompactJson(ParseJson(writes[1].input)));
+    EXPECT_EQ("{\"major\":11,\"minor\":1,\"type\":\"Unknown\"}", CompactJson(ParseJson(writes[2].input)));
     EXPECT_EQ("{\"major\":202,\"minor\":0,\"service_id\":\"stb-202\",\"type\":\"CABLE\"}",
-              Compact(Parse(writes[3].input)));
+              CompactJson(ParseJson(writes[3].input)));
     // What the simulator took in.
-    EXPECT_EQ(Parse(writes[3].input), Parse(SimValue("Pref/Channel/RemoveWithServiceID")));
+    EXPECT_EQ(ParseJson(writes[3].input), ParseJson(SimValue("Pref/Channel/RemoveWithServiceID")));
 }
 
 TEST_F(ChannelTest, ANullServiceIdFailsAtTheBoundaryWithoutWriting) {
@@ -430,8 +418,8 @@ TEST_F(ChannelTest, TheFirstscreenActionCarriesItsJsonAsAString) {
     auto writes = Writes();
     ASSERT_EQ(2u, writes.size());
     EXPECT_EQ("Raw/Firstscreen/Action {\"componentId\":\"home\",\"jsonData\":\"{\\\"a\\\":1}\"}",
-              "Raw/Firstscreen/Action " + Compact(Parse(writes[0].substr(strlen("Raw/Firstscreen/Action ")))));
-    Json::Value stored = Parse(SimValue("Raw/Firstscreen/Action"));
+              "Raw/Firstscreen/Action " + CompactJson(ParseJson(writes[0].substr(strlen("Raw/Firstscreen/Action ")))));
+    Json::Value stored = ParseJson(SimValue("Raw/Firstscreen/Action"));
     EXPECT_EQ("apps", stored["componentId"].asString());
     ASSERT_TRUE(stored["jsonData"].isString());
     EXPECT_EQ("[1,2]", stored["jsonData"].asString());
@@ -463,16 +451,16 @@ TEST_F(ChannelTest, VoiceActionsWriteTheirDocuments) {
     auto writes = LibraryCalls("Write");
     ASSERT_EQ(3u, writes.size());
     EXPECT_EQ("Raw/Voice/Orvi/SetAction", writes[0].subject);
-    EXPECT_EQ("{\"ruleId\":\"\"}", Compact(Parse(writes[0].input)));
+    EXPECT_EQ("{\"ruleId\":\"\"}", CompactJson(ParseJson(writes[0].input)));
     EXPECT_EQ("Raw/Voice/Parlo/SetAction", writes[1].subject);
     // No extra parameters: no "ext_param" key at all.
     EXPECT_EQ("{\"category\":\"volume\",\"cmd_name\":\"change\",\"param\":[{\"value\":\"up\"}]}",
-              Compact(Parse(writes[1].input)));
+              CompactJson(ParseJson(writes[1].input)));
     EXPECT_EQ(
         "{\"category\":\"channel\",\"cmd_name\":\"tune\",\"ext_param\":[{\"value\":\"AIR\"},{\"value\":\"now\"}],"
         "\"param\":[{\"value\":\"7\"},{\"value\":\"1\"}]}",
-        Compact(Parse(writes[2].input)));
-    EXPECT_EQ(Parse(writes[2].input), Parse(SimValue("Raw/Voice/Parlo/SetAction")));
+        CompactJson(ParseJson(writes[2].input)));
+    EXPECT_EQ(ParseJson(writes[2].input), ParseJson(SimValue("Raw/Voice/Parlo/SetAction")));
 }
 
 // ---- answers that lumora-sim never gives ---------------------------------------------

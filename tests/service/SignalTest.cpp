@@ -4,12 +4,14 @@
 // each subject.
 #include <json/json.h>
 
+#include <atomic>
 #include <cstdio>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "JsonText.h"
 #include "ServiceFixture.h"
 
 namespace lumora::test {
@@ -31,13 +33,6 @@ template <typename Fn>
 std::string AlreadySubscribed(const char* subject, Fn callback) {
     return std::string("already subscribed subject[") + subject + "]cb[" +
            Pointer(reinterpret_cast<const void*>(callback)) + "], ";
-}
-
-Json::Value Parse(const std::string& text) {
-    Json::Value value;
-    std::istringstream in(text);
-    EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), in, &value, nullptr)) << text;
-    return value;
 }
 
 class SignalTest : public EventTest {
@@ -244,7 +239,7 @@ TEST_F(ChannelCallbackTest, AListMarkedSuccessIsFilteredAndCounted) {
     Delivery delivery = Recorder().All()[0];
     EXPECT_EQ("0:2", delivery.subject);
     EXPECT_EQ(&user, delivery.userData);
-    Json::Value list = Parse(delivery.data);
+    Json::Value list = ParseJson(delivery.data);
     EXPECT_EQ("Success", list["Status"].asString());
     EXPECT_EQ(2, list["Size"].asInt());
     ASSERT_EQ(2u, list["ChList"].size());
@@ -287,22 +282,21 @@ struct ReentryOutcome {
     bool signalSubscribed = true;
     bool stopped = true;
     bool read = false;
-    int calls = 0;
+    std::atomic<int> calls{0};  // counted last: the test reads the rest once it sees the count
 };
 ReentryOutcome g_reentry;
 
 void ReenteringChannelCallback(LMF_EVENT_TYPE, std::string, int, void*) {
-    ++g_reentry.calls;
     g_reentry.subscribed = Lumora_Subscribe("Ctx/App/Info/Changed", Recorded<1>, nullptr);
     g_reentry.signalSubscribed = LMFServiceAPI::SubscribeSignal(CONTEXT_SIGNAL_STB_STATUS, RecordedSignal<1>, nullptr);
     g_reentry.stopped = Lumora_FiniService();
     std::string info;
     g_reentry.read = LMFServiceAPI::GetCurrentChannelInfo(info);
+    ++g_reentry.calls;
 }
 
 TEST_F(ChannelCallbackTest, ACallbackThatTakesTheSameMutexIsRefusedNotHung) {
     Start();
-    g_reentry = ReentryOutcome();
     ASSERT_TRUE(LMFServiceAPI::RegisterChannelCallback(ReenteringChannelCallback, nullptr));
     m_log.Mark();
     ASSERT_TRUE(Emit(kProgramChanged, "{\"ProgramTitle\":\"News\"}"));

@@ -22,11 +22,6 @@ namespace {
 
 using Args = std::vector<std::string>;
 
-struct FreeDeleter {
-    void operator()(char* text) const { free(text); }
-};
-using OwnedText = std::unique_ptr<char, FreeDeleter>;
-
 // One form of the command: its first word, what follows it, and the options
 // it takes.
 struct Form {

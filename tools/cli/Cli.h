@@ -4,11 +4,19 @@
 
 #include <json/json.h>
 
+#include <cstdlib>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 namespace lumora::cli {
+
+// A text the library or the settings store handed out, freed with free().
+struct FreeDeleter {
+    void operator()(char* text) const { free(text); }
+};
+using OwnedText = std::unique_ptr<char, FreeDeleter>;
 
 // Exit statuses.
 constexpr int kOk = 0;

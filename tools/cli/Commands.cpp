@@ -18,11 +18,6 @@ namespace {
 
 using Args = std::vector<std::string>;
 
-struct FreeDeleter {
-    void operator()(char* text) const { free(text); }
-};
-using OwnedText = std::unique_ptr<char, FreeDeleter>;
-
 int RunRead(const Options& options, const Args& args) {
     const std::string& subject = args[0];
     const char* input = args.size() > 1 ? args[1].c_str() : nullptr;
