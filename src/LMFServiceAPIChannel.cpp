@@ -44,6 +44,17 @@ AnswerText ReadAnswer(const char* function, const char* subject, const char* inp
     return owned;
 }
 
+// A read of subject with request for function, its answer parsed into
+// received: the answer's text, or null after the line saying why.
+AnswerText ReadDocument(const char* function, const char* subject, ContextData& request, ContextData& received) {
+    const char* text = request.MakeStr();
+    AnswerText answer = ReadAnswer(function, subject, text != nullptr ? text : "");
+    if (!answer) return nullptr;
+    if (received.MakeData(answer.get())) return answer;
+    LMF_LOGE_IN(function, "parsing error");
+    return nullptr;
+}
+
 // A write of document to subject for function; false after "error %d".
 bool WriteDocument(const char* function, const char* subject, ContextData& document) {
     DBusClient* client = lumora::internal::ServiceClient(function);
@@ -126,14 +137,9 @@ void _GetChannelListUsingSrcFilter(ContextData& in, ContextData& out, int& count
 bool LMFServiceAPI::GetChannelList(std::string& list, int& count) {
     ContextData request;
     request.SetValue("list", kChannelListRequest);
-    const char* text = request.MakeStr();
-    AnswerText answer = ReadAnswer(__func__, subjects::kChannelList, text != nullptr ? text : "");
-    if (!answer) return false;
     ContextData received;
-    if (!received.MakeData(answer.get())) {
-        LMF_LOGE("parsing error");
-        return false;
-    }
+    AnswerText answer = ReadDocument(__func__, subjects::kChannelList, request, received);
+    if (!answer) return false;
     if (received.GetValueStr("Status") == "Success") {
         ContextData filtered;
         _GetChannelListUsingSrcFilter(received, filtered, count);
@@ -161,14 +167,8 @@ bool LMFServiceAPI::ReorderChannelList(std::vector<LMF_CHANNEL_ELEM>& channels, 
         request.SetValue("reorder", element);
     }
     request.SetValue("source", source);
-    const char* text = request.MakeStr();
-    AnswerText answer = ReadAnswer(__func__, subjects::kChannelReorder, text != nullptr ? text : "");
-    if (!answer) return false;
     ContextData received;
-    if (!received.MakeData(answer.get())) {
-        LMF_LOGE("parsing error");
-        return false;
-    }
+    if (!ReadDocument(__func__, subjects::kChannelReorder, request, received)) return false;
     // The order is wholly the service's; nothing is sorted here.
     channels.clear();
     int size = received.GetSize("reorder");
