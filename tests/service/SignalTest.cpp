@@ -198,12 +198,18 @@ TEST_F(SignalTest, TypedSubscriptionsComeBackAfterTheServiceRestarts) {
 
 class ChannelCallbackTest : public SignalTest {
 protected:
+    // The main-loop thread reads the callback as the library stores it:
+    // atomically.
+    static void SetChannelCallback(LumoraChannelCb callback) {
+        __atomic_store_n(&LMFServiceAPI::m_fnChannelCb, callback, __ATOMIC_RELEASE);
+    }
+
     void SetUp() override {
         SignalTest::SetUp();
-        LMFServiceAPI::m_fnChannelCb = RecordedChannelEvent<1>;
+        SetChannelCallback(RecordedChannelEvent<1>);
     }
     void TearDown() override {
-        LMFServiceAPI::m_fnChannelCb = nullptr;
+        SetChannelCallback(nullptr);
         SignalTest::TearDown();
     }
 
@@ -222,7 +228,7 @@ TEST_F(ChannelCallbackTest, TheThreeChecksRunInOrder) {
     // Empty, although not a null pointer.
     Dispatch(kList, "");
     EXPECT_EQ(2u, m_log.Count("data is null", 'E')) << m_log.Dump();
-    LMFServiceAPI::m_fnChannelCb = nullptr;
+    SetChannelCallback(nullptr);
     Dispatch(kList, "{\"Status\":\"Success\"}");
     EXPECT_TRUE(m_log.From("m_fnChannelCb is null", "LMFServiceAPI.cpp", "_SubscribeCb")) << m_log.Dump();
     EXPECT_EQ(0u, Recorder().Count());
@@ -320,7 +326,7 @@ TEST_F(ChannelCallbackTest, ACallbackThatTakesTheSameMutexIsRefusedNotHung) {
 
 TEST_F(ChannelCallbackTest, RegisteringSubscribesFourSubjectsAndUnregisteringThreeOfThem) {
     Start();
-    LMFServiceAPI::m_fnChannelCb = nullptr;
+    SetChannelCallback(nullptr);
     int user = 0;
     ASSERT_TRUE(LMFServiceAPI::RegisterChannelCallback(RecordedChannelEvent<2>, &user));
     EXPECT_EQ(RecordedChannelEvent<2>, LMFServiceAPI::m_fnChannelCb);
@@ -360,7 +366,7 @@ TEST_F(ChannelCallbackTest, RegisteringSubscribesFourSubjectsAndUnregisteringThr
 
 TEST_F(ChannelCallbackTest, ExactlyThreeFailedSubscriptionsRefuseTheCallbackFourDoNot) {
     Start();
-    LMFServiceAPI::m_fnChannelCb = nullptr;
+    SetChannelCallback(nullptr);
     // The dispatcher already registered on three subjects: the bus client
     // refuses those three again.
     for (const char* subject : {kCurrentList, kList, kProgramChanged})
