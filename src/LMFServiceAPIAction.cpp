@@ -15,15 +15,6 @@ namespace subjects = lumora::contract::subjects;
 
 bool IsEmpty(const char* text) { return text == nullptr || text[0] == '\0'; }
 
-// Writes document to subject; the result code, after "error %d" when it is
-// not 0. The line belongs to function.
-int WriteAction(const char* function, DBusClient& client, const char* subject, ContextData& document) {
-    const char* text = document.MakeStr();
-    int result = client.Write(subject, text != nullptr ? text : "");
-    if (result != 0) LMF_LOGE_IN(function, "error %d", result);
-    return result;
-}
-
 // Appends {"value": s} to key for each s, in order; nothing, not even the
 // key, for an empty vector.
 void AppendValues(ContextData& document, const char* key, const std::vector<std::string>& values) {
@@ -52,7 +43,7 @@ bool LMFServiceAPI::SetFirstscreenAction(const char* componentId, const char* js
     ContextData action;
     action.SetValue("componentId", componentId);
     action.SetValue("jsonData", jsonData);
-    return WriteAction(__func__, *client, subjects::kFirstscreenAction, action) == 0;
+    return lumora::internal::WriteDocument(__func__, *client, subjects::kFirstscreenAction, action);
 }
 
 void LMFServiceAPI::SetVoiceActionRuleId(std::string ruleId) {
@@ -60,7 +51,7 @@ void LMFServiceAPI::SetVoiceActionRuleId(std::string ruleId) {
     if (client == nullptr) return;
     ContextData action;
     action.SetValue("ruleId", std::move(ruleId));
-    WriteAction(__func__, *client, subjects::kVoiceRuleId, action);
+    lumora::internal::WriteDocument(__func__, *client, subjects::kVoiceRuleId, action);
 }
 
 void LMFServiceAPI::SetVoiceAction(std::string category, std::string cmdName, std::vector<std::string>& values,
@@ -72,5 +63,5 @@ void LMFServiceAPI::SetVoiceAction(std::string category, std::string cmdName, st
     action.SetValue("cmd_name", std::move(cmdName));
     AppendValues(action, "param", values);
     AppendValues(action, "ext_param", extParams);
-    WriteAction(__func__, *client, subjects::kVoiceAction, action);
+    lumora::internal::WriteDocument(__func__, *client, subjects::kVoiceAction, action);
 }

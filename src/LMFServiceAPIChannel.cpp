@@ -5,8 +5,7 @@
 #include <lumora/ContextData.h>
 #include <lumora/LMFServiceAPI.h>
 
-#include <cstdlib>
-#include <memory>
+#include <string>
 
 #include "LMFServiceAPIInternal.h"
 #include "internal/Atomic.h"
@@ -23,46 +22,21 @@ constexpr int kChannelListRequest = 13;
 constexpr int kHiddenChannelType = 9;
 constexpr const char* kEmptyListReason = "The list is empty.";
 
-struct FreeText {
-    void operator()(char* text) const { free(text); }
-};
-using AnswerText = std::unique_ptr<char, FreeText>;
-
-// A synchronous read of subject for function: the answer, or null after the
-// line saying why.
-AnswerText ReadAnswer(const char* function, const char* subject, const char* input) {
+// A synchronous read of subject for function: the answer into answer, or
+// false after the line saying why.
+bool ReadAnswer(const char* function, const char* subject, const char* input, std::string& answer) {
     DBusClient* client = lumora::internal::ServiceClient(function);
-    if (client == nullptr) return nullptr;
-    char* answer = nullptr;
-    int result = client->Read(subject, input, &answer);
-    AnswerText owned(answer);
-    if (result != 0) {
-        LMF_LOGE_IN(function, "error %d", result);
-        return nullptr;
-    }
-    if (!owned) LMF_LOGE_IN(function, "error output is null");
-    return owned;
+    return client != nullptr && lumora::internal::ReadValue(function, *client, subject, input, answer);
 }
 
 // A read of subject with request for function, its answer parsed into
-// received: the answer's text, or null after the line saying why.
-AnswerText ReadDocument(const char* function, const char* subject, ContextData& request, ContextData& received) {
+// received: false after the line saying why.
+bool ReadDocument(const char* function, const char* subject, ContextData& request, std::string& answer,
+                  ContextData& received) {
     const char* text = request.MakeStr();
-    AnswerText answer = ReadAnswer(function, subject, text != nullptr ? text : "");
-    if (!answer) return nullptr;
-    if (received.MakeData(answer.get())) return answer;
+    if (!ReadAnswer(function, subject, text != nullptr ? text : "", answer)) return false;
+    if (received.MakeData(answer.c_str())) return true;
     LMF_LOGE_IN(function, "parsing error");
-    return nullptr;
-}
-
-// A write of document to subject for function; false after "error %d".
-bool WriteDocument(const char* function, const char* subject, ContextData& document) {
-    DBusClient* client = lumora::internal::ServiceClient(function);
-    if (client == nullptr) return false;
-    const char* text = document.MakeStr();
-    int result = client->Write(subject, text != nullptr ? text : "");
-    if (result == 0) return true;
-    LMF_LOGE_IN(function, "error %d", result);
     return false;
 }
 
@@ -84,17 +58,11 @@ void MarkEmpty(ContextData& out) {
     out.SetValue("Reason", kEmptyListReason);
 }
 
-// A plain read whose answer is handed back as it came.
-bool ReadAsItIs(const char* function, const char* subject, std::string& output) {
-    AnswerText answer = ReadAnswer(function, subject, lumora::contract::kEmptyJson);
-    if (!answer) return false;
-    output = answer.get();
-    return true;
-}
-
 bool RemoveChannel(const char* function, const char* subject, ContextData& request, LMF_SRC_EXT_TYPE type) {
+    DBusClient* client = lumora::internal::ServiceClient(function);
+    if (client == nullptr) return false;
     request.SetValue("type", LMFServiceAPI::_ConvertSrcTypeString(type));
-    return WriteDocument(function, subject, request);
+    return lumora::internal::WriteDocument(function, *client, subject, request);
 }
 
 }  // namespace
@@ -137,9 +105,9 @@ void _GetChannelListUsingSrcFilter(ContextData& in, ContextData& out, int& count
 bool LMFServiceAPI::GetChannelList(std::string& list, int& count) {
     ContextData request;
     request.SetValue("list", kChannelListRequest);
+    std::string answer;
     ContextData received;
-    AnswerText answer = ReadDocument(__func__, subjects::kChannelList, request, received);
-    if (!answer) return false;
+    if (!ReadDocument(__func__, subjects::kChannelList, request, answer, received)) return false;
     if (received.GetValueStr("Status") == "Success") {
         ContextData filtered;
         _GetChannelListUsingSrcFilter(received, filtered, count);
@@ -147,7 +115,7 @@ bool LMFServiceAPI::GetChannelList(std::string& list, int& count) {
         list = filteredText != nullptr ? filteredText : "";
     } else {
         count = 0;
-        list = answer.get();
+        list = std::move(answer);
     }
     // A list whose filter kept nothing is still an answer: its "Status" says so.
     LMF_LOGI("Output Channel List : %s", list.c_str());
@@ -167,8 +135,9 @@ bool LMFServiceAPI::ReorderChannelList(std::vector<LMF_CHANNEL_ELEM>& channels, 
         request.SetValue("reorder", element);
     }
     request.SetValue("source", source);
+    std::string answer;
     ContextData received;
-    if (!ReadDocument(__func__, subjects::kChannelReorder, request, received)) return false;
+    if (!ReadDocument(__func__, subjects::kChannelReorder, request, answer, received)) return false;
     // The order is wholly the service's; nothing is sorted here.
     channels.clear();
     int size = received.GetSize("reorder");
@@ -225,11 +194,12 @@ bool LMFServiceAPI::RemoveChannelFromList(int major, int minor, std::string serv
 }
 
 bool LMFServiceAPI::GetCurrentChannelInfo(std::string& info) {
-    return ReadAsItIs(__func__, subjects::kProgramCurrent, info);
+    // The answer is handed back as it came.
+    return ReadAnswer(__func__, subjects::kProgramCurrent, lumora::contract::kEmptyJson, info);
 }
 
 bool LMFServiceAPI::GetContentsRecognitionStatus(std::string& status) {
-    return ReadAsItIs(__func__, subjects::kStbStatus, status);
+    return ReadAnswer(__func__, subjects::kStbStatus, lumora::contract::kEmptyJson, status);
 }
 
 bool LMFServiceAPI::RegisterChannelCallback(LumoraChannelCb callback, void* userData) {

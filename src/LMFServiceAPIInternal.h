@@ -3,7 +3,10 @@
 #ifndef LUMORA_SRC_LMFSERVICEAPIINTERNAL_H
 #define LUMORA_SRC_LMFSERVICEAPIINTERNAL_H
 
+#include <lumora/ContextData.h>
 #include <lumora/DBusClient.h>
+
+#include <string>
 
 namespace lumora::internal {
 
@@ -14,6 +17,17 @@ DBusClient* ServiceClient(const char* function);
 // internal one only when the service's whitelist admits the process.
 // "This subject is not for external apps .. " when not.
 bool MayUseSubject(const char* function, DBusClient& client, const char* subject);
+
+// The bus-client read of Read, after its checks: the value into output, or
+// false after "error %d" or "error output is null". Also for the operations
+// that read a subject of their own (the channel reads).
+bool ReadValue(const char* function, DBusClient& client, const char* subject, const char* input, std::string& output);
+
+// The bus-client write of Write: false after "error %d".
+bool WriteValue(const char* function, DBusClient& client, const char* subject, const char* input);
+
+// WriteValue of document's text (the channel removals, the actions).
+bool WriteDocument(const char* function, DBusClient& client, const char* subject, ContextData& document);
 
 }  // namespace lumora::internal
 
