@@ -210,6 +210,9 @@ TEST_F(ChannelTest, AnEnormousListIsFilteredWhole) {
     int count = 0;
     OwnedText text(CS_GetChannelList(&count));
     ASSERT_NE(nullptr, text);
+    // Every tenth entry is of type 9.
+    EXPECT_EQ(18000, count);
+    EXPECT_EQ(18000u, ParseJson(text.get())["ChList"].size());
     // Type 9 falls on odd numbers only (i % 10 == 9), so every RF entry stays.
     LMFServiceAPI::SetSourceAndModel(LMF_SRC_RF, LMF_MODEL_DEFAULT);
     text.reset(CS_GetChannelList(&count));

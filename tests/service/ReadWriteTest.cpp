@@ -142,8 +142,7 @@ TEST_F(ReadWriteTest, WriteIsSentAsTypeTwoAndStoredByTheService) {
     EXPECT_EQ(2, writes[0].requestType);
     EXPECT_EQ("Ctx/Test/Written", writes[0].subject);
     EXPECT_EQ("{\"v\":1}", writes[0].input);
-    EXPECT_TRUE(m_log.Has("[myapp] type:2, reqId:1, szSubject:Ctx/Test/Written, input:{\"v\":1}", 'E'))
-        << m_log.Dump();
+    EXPECT_TRUE(m_log.Has("[myapp] type:2, reqId:1, szSubject:Ctx/Test/Written, input:{\"v\":1}", 'E')) << m_log.Dump();
     EXPECT_TRUE(WaitUntil([&] { return SimValue("Ctx/Test/Written") == "{\"v\":1}"; }, 5000));
 }
 

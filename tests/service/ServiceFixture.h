@@ -8,6 +8,7 @@
 #include <json/json.h>
 #include <lumora/lumora-api.h>
 
+#include <cstdio>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -24,6 +25,15 @@
 #include "TestBus.h"
 
 namespace lumora::test {
+
+/// The line with which the service API refuses a subscription it already
+/// holds: "already subscribed subject[%s]cb[%p], ".
+template <typename Callback>
+std::string AlreadySubscribed(const char* subject, Callback callback) {
+    char pointer[32];
+    snprintf(pointer, sizeof pointer, "%p", reinterpret_cast<const void*>(callback));
+    return std::string("already subscribed subject[") + subject + "]cb[" + pointer + "], ";
+}
 
 class ServiceTest : public testing::Test {
 protected:

@@ -94,7 +94,8 @@ TEST_F(SettingsListsTest, STActionReportsAStoreThatRefuses) {
     ScopedEnv broken("LUMORA_SETTINGS_DB", m_dir.Path());  // a folder cannot be the store
     EXPECT_FALSE(Lumora_STAction("u", "d"));
     EXPECT_TRUE(m_log.Has("failed to set setbank key (memory/lumora-agent/STAction)", 'E')) << m_log.Dump();
-    EXPECT_TRUE(m_log.From("failed to set setbank key (memory/lumora-agent/STAction)", "LMFServiceAPI.cpp", "STAction"));
+    EXPECT_TRUE(
+        m_log.From("failed to set setbank key (memory/lumora-agent/STAction)", "LMFServiceAPI.cpp", "STAction"));
 }
 
 TEST_F(SettingsListsTest, ShortCutEditOnAnEmptyStoreKeepsOnlyTheEditList) {
@@ -128,9 +129,10 @@ TEST_F(SettingsListsTest, OrdinaryGroupReplacesItsEntryAndKeepsTheShortCut) {
     ASSERT_TRUE(Lumora_WriteItemList("{\"group\":\"AccessibilityShortCut\",\"mode\":\"default\",\"list\":[\"z\"]}"));
     ASSERT_TRUE(Lumora_WriteItemList("{\"group\":\"HomeApps\",\"list\":[\"old\"]}"));
     EXPECT_TRUE(Lumora_WriteItemList("{\"group\":\"HomeApps\",\"list\":[\"new\"],\"extra\":true}"));
-    EXPECT_EQ("{\"AccessibilityShortCut\":{\"default_list\":[\"z\"],\"mode\":\"default\"},"
-              "\"HomeApps\":{\"extra\":true,\"group\":\"HomeApps\",\"list\":[\"new\"]}}",
-              Stored("db/lumora-service/itemlist"));
+    EXPECT_EQ(
+        "{\"AccessibilityShortCut\":{\"default_list\":[\"z\"],\"mode\":\"default\"},"
+        "\"HomeApps\":{\"extra\":true,\"group\":\"HomeApps\",\"list\":[\"new\"]}}",
+        Stored("db/lumora-service/itemlist"));
     EXPECT_TRUE(m_log.Has("input {\"group\":\"HomeApps\",\"list\":[\"new\"],\"extra\":true}", 'E')) << m_log.Dump();
 }
 

@@ -5,7 +5,6 @@
 #include <json/json.h>
 
 #include <atomic>
-#include <cstdio>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -22,18 +21,6 @@ constexpr const char* kCurrentList = "Pref/Channel/List/Current";
 constexpr const char* kProgramCurrent = "Ctx/Media/Broadcast/Program/Current";
 constexpr const char* kProgramChanged = "Ctx/Media/Broadcast/Program/Changed";
 constexpr const char* kStb = "Ctx/Media/Broadcast/Status/STB";
-
-std::string Pointer(const void* pointer) {
-    char text[32];
-    snprintf(text, sizeof text, "%p", pointer);
-    return text;
-}
-
-template <typename Fn>
-std::string AlreadySubscribed(const char* subject, Fn callback) {
-    return std::string("already subscribed subject[") + subject + "]cb[" +
-           Pointer(reinterpret_cast<const void*>(callback)) + "], ";
-}
 
 class SignalTest : public EventTest {
 protected:

@@ -207,10 +207,7 @@ TEST_F(SubscribeTest, TheSameTripleTwiceIsRefusedWithoutAskingTheBusClient) {
     ASSERT_TRUE(Lumora_SubscribeAppInfo(Recorded<1>, &n));
     m_log.Mark();
     EXPECT_FALSE(Lumora_SubscribeAppInfo(Recorded<1>, &n));
-    char expected[160];
-    snprintf(expected, sizeof expected, "already subscribed subject[Ctx/App/Info/Changed]cb[%p], ",
-             reinterpret_cast<void*>(&Recorded<1>));
-    EXPECT_TRUE(m_log.Has(expected, 'E')) << m_log.Dump();
+    EXPECT_TRUE(m_log.Has(AlreadySubscribed("Ctx/App/Info/Changed", Recorded<1>), 'E')) << m_log.Dump();
     EXPECT_FALSE(m_log.Has("Error! Ctx/App/Info/Changed is already registered")) << m_log.Dump();
     EXPECT_EQ(1u, LMFServiceAPI::g_vSubscribeNonTypeList.size());
 }
@@ -374,10 +371,7 @@ TEST_F(SubscribeTest, TheVolumeSubscriptionWarnsOnEveryCallAndTheSecondIsRefused
     EXPECT_TRUE(Lumora_SubscribeVolumeLevel(Recorded<1>, nullptr));
     EXPECT_FALSE(Lumora_SubscribeVolumeLevel(Recorded<1>, nullptr));
     EXPECT_EQ(2u, m_log.Count(warning, 'W')) << m_log.Dump();
-    char refused[160];
-    snprintf(refused, sizeof refused, "already subscribed subject[Ctx/Sound/Volume/Level/Changed]cb[%p], ",
-             reinterpret_cast<void*>(&Recorded<1>));
-    EXPECT_TRUE(m_log.Has(refused, 'E')) << m_log.Dump();
+    EXPECT_TRUE(m_log.Has(AlreadySubscribed("Ctx/Sound/Volume/Level/Changed", Recorded<1>), 'E')) << m_log.Dump();
     EXPECT_TRUE(Lumora_UnsubscribeVolumeLevel(Recorded<1>, nullptr));
     EXPECT_EQ(1u, m_log.Count("DEPRECATION WARNING: Lumora_UnsubscribeVolumeLevel() is deprecated and will be removed "
                               "since API version 6.0",
