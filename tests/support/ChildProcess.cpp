@@ -85,15 +85,24 @@ bool ChildProcess::LineWithin(int timeoutMs) {
 
 bool ChildProcess::ReadLine(std::string& line, int timeoutMs) { return LineWithin(timeoutMs) && TakeLine(line); }
 
-std::string ChildProcess::Err() {
-    // What the child wrote is taken up without waiting.
-    while (m_err >= 0) {
-        size_t before = m_errText.size();
-        int stillOpen = m_err;
+void ChildProcess::PumpAvailable() {
+    while (m_out >= 0 || m_err >= 0) {
+        size_t before = m_outBuffer.size() + m_errText.size();
+        int outOpen = m_out;
+        int errOpen = m_err;
         Pump(0);
-        if (m_errText.size() == before && m_err == stillOpen) break;
+        if (m_outBuffer.size() + m_errText.size() == before && m_out == outOpen && m_err == errOpen) break;
     }
+}
+
+std::string ChildProcess::Err() {
+    PumpAvailable();
     return m_errText;
+}
+
+std::string ChildProcess::Out() {
+    PumpAvailable();
+    return m_outBuffer;
 }
 
 bool ChildProcess::Signal(int signal) { return m_pid > 0 && kill(m_pid, signal) == 0; }

@@ -31,6 +31,8 @@ public:
     bool LineWithin(int timeoutMs);
     /// Everything written to standard error so far.
     std::string Err();
+    /// What was written to standard output so far and not taken as lines.
+    std::string Out();
     bool Signal(int signal);
     /// Waits for the program to end, reading what it still writes; its exit
     /// status, -1 when a signal ended it, -2 when it still runs after timeoutMs.
@@ -41,6 +43,8 @@ public:
 private:
     // Reads what the pipes hold, waiting up to timeoutMs for something.
     void Pump(int timeoutMs);
+    // Reads what the pipes hold now, without waiting.
+    void PumpAvailable();
     bool TakeLine(std::string& line);
 
     pid_t m_pid = -1;

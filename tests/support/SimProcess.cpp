@@ -2,7 +2,6 @@
 #include "SimProcess.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -14,6 +13,7 @@
 #include <cstring>
 #include <thread>
 
+#include "ChildProcess.h"
 #include "ControlContract.h"
 #include "internal/ServiceContract.h"
 
@@ -48,27 +48,6 @@ bool WaitForPid(pid_t pid, int timeoutMs, int& status) {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     return false;
-}
-
-// Reads both pipes until the child closes them or the deadline passes.
-void Drain(int outFd, int errFd, RunResult& result, std::chrono::steady_clock::time_point deadline) {
-    struct pollfd fds[2] = {{outFd, POLLIN, 0}, {errFd, POLLIN, 0}};
-    std::string* sinks[2] = {&result.out, &result.err};
-    int open = 2;
-    while (open > 0 && std::chrono::steady_clock::now() < deadline) {
-        if (poll(fds, 2, 50) <= 0) continue;
-        for (int i = 0; i < 2; ++i) {
-            if (fds[i].fd < 0 || fds[i].revents == 0) continue;
-            char buffer[4096];
-            ssize_t n = read(fds[i].fd, buffer, sizeof buffer);
-            if (n > 0) {
-                sinks[i]->append(buffer, static_cast<size_t>(n));
-            } else {
-                fds[i].fd = -1;
-                --open;
-            }
-        }
-    }
 }
 
 }  // namespace
@@ -156,20 +135,14 @@ pid_t SpawnWithPipes(const std::string& executable, const std::vector<std::strin
 
 RunResult RunProgram(const std::string& executable, const std::vector<std::string>& args, int timeoutMs) {
     RunResult result;
-    int out = -1;
-    int err = -1;
-    pid_t pid = SpawnWithPipes(executable, args, out, err);
-    if (pid < 0) return result;
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    Drain(out, err, result, deadline);
-    close(out);
-    close(err);
-    int status = 0;
-    if (!WaitForPid(pid, 1000 + timeoutMs / 10, status)) {
-        kill(pid, SIGKILL);
-        waitpid(pid, &status, 0);
-    }
-    result.exitStatus = ExitStatusOf(status);
+    ChildProcess child;
+    if (!child.Start(executable, args)) return result;
+    int status = child.Wait(timeoutMs);
+    // Output closed late gets a grace before the kill (by the child's end).
+    if (status == -2) status = child.Wait(1000 + timeoutMs / 10);
+    result.exitStatus = status == -2 ? -1 : status;
+    result.out = child.Out();
+    result.err = child.Err();
     return result;
 }
 
