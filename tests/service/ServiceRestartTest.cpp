@@ -201,6 +201,10 @@ TEST_F(ServiceProcessRestartTest, AfterSigtermADelayedRequestFailsBeforeByeAndSu
     ASSERT_TRUE(Control(lumora::sim::kCtlSetDelay, g_variant_new("(su)", "Ctx/App/Info/Current", 60000u)).Ok());
     ASSERT_TRUE(Lumora_RequestCurrentAppInfo(nullptr, Recorded<kRequestCallback>, nullptr));
     ASSERT_TRUE(m_monitor->WaitForCalls(1, 5000, "RequestAsync"));
+    // Seen on the bus is not yet taken in: a call the simulator has not
+    // dispatched when SIGTERM comes is never answered, and the bus's error
+    // then arrives after "BYE".
+    ASSERT_TRUE(WaitUntil([&] { return SimStatus()["delayedAnswers"].asUInt() == 1; }, 5000));
     auto stopped = Clock::now();
     EXPECT_EQ(0, m_sim.Stop());  // SIGTERM: the answer fails, then "BYE"
     ASSERT_TRUE(Recorder().WaitForCount(1, 5000)) << m_log.Dump();
