@@ -13,6 +13,7 @@
 #include <lumora/ContextData.h>
 #include <lumora/DBusClient.h>
 #include <lumora/LMFServiceAPI.h>
+#include <lumora/LumoraAPI.h>
 #endif
 
 #endif /* LUMORA_API_H */
