@@ -1,10 +1,13 @@
 #!/bin/sh
-# Builds examples/tv-watcher against the installed tree with its own Makefile
-# (pkg-config), runs it beside the installed lumora-sim on a private bus,
-# changes the simulated set with `lumora-sim ctl`, and checks what it prints
-# and that Ctrl-C stops it with status 0. Usage: run-example-test.sh BUILD_DIR
+# Builds an example application against the installed tree the way its
+# directory says (tv-watcher: its Makefile and pkg-config; tv-dashboard: its
+# CMakeLists.txt and find_package), runs it beside the installed lumora-sim on
+# a private bus, changes the simulated set with `lumora-sim ctl`, and checks
+# what it prints and that Ctrl-C stops it with status 0.
+# Usage: run-example-test.sh BUILD_DIR [tv-watcher|tv-dashboard]
 set -eu
 build_dir=$1
+example=${2:-tv-watcher}
 source_dir=$(cd "$(dirname "$0")/../.." && pwd)
 work=$(mktemp -d /tmp/lumora-example-XXXXXX)
 prefix=$work/prefix
@@ -19,7 +22,7 @@ trap stop_all EXIT
 
 fail() {
   echo "example test: $*" >&2
-  echo "--- tv-watcher output:" >&2
+  echo "--- $example output:" >&2
   cat "$work/out" >&2 2>/dev/null || true
   exit 1
 }
@@ -38,7 +41,17 @@ cmake --install "$build_dir" --prefix "$prefix" >/dev/null
 libdir=$(dirname "$(find "$prefix" -name 'liblumora-api.so.1' | head -n 1)")
 export PKG_CONFIG_PATH=$libdir/pkgconfig
 export LD_LIBRARY_PATH=$libdir
-(cd "$work" && make -s -f "$source_dir/examples/tv-watcher/Makefile" CFLAGS="-O2 -Wall -Wextra -Werror")
+case $example in
+  tv-watcher)
+    (cd "$work" && make -s -f "$source_dir/examples/tv-watcher/Makefile" CFLAGS="-O2 -Wall -Wextra -Werror")
+    app=$work/tv-watcher ;;
+  tv-dashboard)
+    cmake -S "$source_dir/examples/tv-dashboard" -B "$work/dashboard" -DCMAKE_PREFIX_PATH="$prefix" \
+      -DCMAKE_CXX_FLAGS=-Werror >/dev/null
+    cmake --build "$work/dashboard" >/dev/null
+    app=$work/dashboard/tv-dashboard ;;
+  *) fail "unknown example $example" ;;
+esac
 
 dbus-daemon --config-file="$source_dir/data/dbus/lumora-private-bus.conf" --nofork --nopidfile --print-address=3 \
   3>"$work/address" 2>/dev/null &
@@ -52,19 +65,37 @@ rm -f /tmp/lmf_service_ready
 sim_pid=$!
 wait_for test -e /tmp/lmf_service_ready || fail "lumora-sim did not start"
 
-"$work/tv-watcher" >"$work/out" 2>&1 &
+"$app" >"$work/out" 2>&1 &
 app_pid=$!
-wait_for printed "programme now: .*Nine O'Clock News" || fail "no current programme"
-"$prefix/bin/lumora-sim" ctl emit Ctx/Media/Source/Changed '{"Source":"HDMI1"}' >/dev/null
-wait_for printed 'source changed: {"Source":"HDMI1"}' || fail "no source change"
-"$prefix/bin/lumora-sim" ctl emit Ctx/Media/Broadcast/Program/Changed '{"ProgramTitle":"Late Movie"}' >/dev/null
-wait_for printed 'programme changed: {"ProgramTitle":"Late Movie"}' || fail "no programme change"
+emit() { "$prefix/bin/lumora-sim" ctl emit "$1" "$2" >/dev/null; }
+case $example in
+  tv-watcher)
+    wait_for printed "programme now: .*Nine O'Clock News" || fail "no current programme"
+    emit Ctx/Media/Source/Changed '{"Source":"HDMI1"}'
+    wait_for printed 'source changed: {"Source":"HDMI1"}' || fail "no source change"
+    emit Ctx/Media/Broadcast/Program/Changed '{"ProgramTitle":"Late Movie"}'
+    wait_for printed 'programme changed: {"ProgramTitle":"Late Movie"}' || fail "no programme change"
+    ;;
+  tv-dashboard)
+    wait_for printed 'source now: {.*"Source":"TV"' || fail "no current source"
+    emit Ctx/Media/Source/Changed '{"Source":"HDMI1"}'
+    wait_for printed 'source tally: 1 change' || fail "no source tally"
+    emit Ctx/Sound/Volume/Level/Changed '{"Level":20}'
+    wait_for printed 'volume tally: 1 change' || fail "no volume tally"
+    emit Ctx/Sound/Volume/Level/Changed '{"Level":21}'
+    wait_for printed 'volume tally: 2 change' || fail "no second volume tally"
+    # Both callbacks of a subject hear each change, the printer first.
+    grep -v '^waiting' "$work/out" | grep -A1 'source changed: {"Source":"HDMI1"}' | grep -q 'source tally: 1 change' ||
+      fail "the source callbacks did not run in subscription order"
+    [ "$(grep -c '^volume changed: ' "$work/out")" -eq 2 ] || fail "volume changes printed other than twice"
+    ;;
+esac
 
 kill -INT "$app_pid"
 status=0
 wait "$app_pid" || status=$?
 app_pid=
-[ "$status" -eq 0 ] || fail "tv-watcher exited with status $status"
-printed "tv-watcher: stopped" || fail "no stop line"
+[ "$status" -eq 0 ] || fail "$example exited with status $status"
+printed "$example: stopped" || fail "no stop line"
 cat "$work/out"
 echo "example ok"
