@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <mutex>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -464,11 +465,19 @@ TEST_F(LumoraApiTest, DeletingTheInstanceKeepsTheClientAndTheCallbacks) {
 
 // ---- callbacks that use the library -----------------------------------------------
 
+// What ReadingCallback read last; it reads again on every notification.
+std::mutex g_readMutex;
 std::string g_readInCallback;
 bool g_readResult = false;
 
 void ReadingCallback(const char* subject, char* data, void* userData) {
-    g_readResult = LumoraAPI::GetInstance()->Read("Ctx/Media/Source/Info/Current", "", g_readInCallback);
+    std::string value;
+    bool result = LumoraAPI::GetInstance()->Read("Ctx/Media/Source/Info/Current", "", value);
+    {
+        std::lock_guard<std::mutex> lock(g_readMutex);
+        g_readResult = result;
+        g_readInCallback = value;
+    }
     Recorded<1>(subject, data, userData);
 }
 
@@ -491,8 +500,11 @@ TEST_F(LumoraApiTest, ASubscriptionCallbackRunsWithoutALockAndMayReadSubscribeAn
     ASSERT_TRUE(Subscribe(kSource, Recorded<5>, nullptr));
 
     EmitAndSettle(kSource, "{\"n\":0}");
-    EXPECT_TRUE(g_readResult) << m_log.Dump();
-    EXPECT_EQ(SimValue("Ctx/Media/Source/Info/Current"), g_readInCallback);
+    {
+        std::lock_guard<std::mutex> lock(g_readMutex);
+        EXPECT_TRUE(g_readResult) << m_log.Dump();
+        EXPECT_EQ(SimValue("Ctx/Media/Source/Info/Current"), g_readInCallback);
+    }
     // The callback that left the table and the one that joined it do not
     // disturb the others: 1, 2 (then gone), 3 (adds 4), 5.
     std::vector<int> first;
