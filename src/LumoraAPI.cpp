@@ -212,8 +212,7 @@ bool LumoraAPI::UnSubscribe(std::string subject, LumoraSubjectCb callback, void*
         LMF_LOGI("Success unsubscribe, but there are another callbacks");
         return true;
     }
-    // Kept as it has always behaved: the bus client holds the dispatcher, not
-    // this callback, so it finds nothing and its subscription stays.
+    // Left as callers know it: the client holds the dispatcher, not callback, so it removes nothing.
     return client->Unsubscribe(subject.c_str(), callback);
 }
 

@@ -16,6 +16,15 @@ int main() {
         std::fprintf(stderr, "whitelist check failed\n");
         return 1;
     }
+    // The object interface, through its abstract base; without a started
+    // client every operation fails.
+    ILumoraAPI* api = LumoraAPI::GetInstance();
+    std::string value;
+    if (api == nullptr || api->IsAvailable() || api->Read("Ctx/Media/Source/Info/Current", "", value)) {
+        std::fprintf(stderr, "LumoraAPI answered without a client\n");
+        return 1;
+    }
+    LumoraAPI::DeleteInstance();
     DBusClient::DeleteInstance();
     std::puts("c++ consumer ok");
     return 0;
