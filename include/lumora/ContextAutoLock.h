@@ -1,4 +1,6 @@
-// ContextAutoLock: the scoped lock of every critical section of the library.
+/// @file
+/// @brief ContextAutoLock: the scoped lock of every critical section of the
+/// library (liblumora-common).
 #ifndef LUMORA_CONTEXTAUTOLOCK_H
 #define LUMORA_CONTEXTAUTOLOCK_H
 
@@ -12,12 +14,19 @@
  */
 class LUMORA_EXPORT ContextAutoLock {
 public:
+    /// Locks mutex (g_mutex_lock), waiting for it as long as it takes; does
+    /// nothing for a null mutex.
     explicit ContextAutoLock(GMutex* mutex);
+    /// Unlocks the mutex, if any.
     ~ContextAutoLock();
-    ContextAutoLock(const ContextAutoLock&) = delete;
-    ContextAutoLock& operator=(const ContextAutoLock&) = delete;
-    ContextAutoLock(ContextAutoLock&&) = delete;
-    ContextAutoLock& operator=(ContextAutoLock&&) = delete;
+    /// @name Not copyable or movable
+    /// A lock belongs to the scope that took it.
+    /// @{
+    ContextAutoLock(const ContextAutoLock&) = delete;             ///< Deleted.
+    ContextAutoLock& operator=(const ContextAutoLock&) = delete;  ///< Deleted.
+    ContextAutoLock(ContextAutoLock&&) = delete;                  ///< Deleted.
+    ContextAutoLock& operator=(ContextAutoLock&&) = delete;       ///< Deleted.
+    /// @}
 
 private:
     GMutex* m_pMutex;

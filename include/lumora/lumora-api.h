@@ -1,7 +1,13 @@
-/* liblumora-api: the client library of the television's context service.
+/**
+ * @file
+ * @brief liblumora-api: the client library of the television's context
+ * service.
  *
  * Include this one header. From C it declares the plain functions, records and
- * enumerations; from C++ also the classes. */
+ * enumerations (lumora-c.h) and the in-process publisher (lumora-dipc.h); from
+ * C++ also the classes ContextAutoLock, ContextData, DBusClient,
+ * LMFServiceAPI, ILumoraAPI and LumoraAPI.
+ */
 #ifndef LUMORA_API_H
 #define LUMORA_API_H
 
