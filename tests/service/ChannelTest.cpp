@@ -422,7 +422,12 @@ TEST_F(ChannelTest, TheFirstscreenActionCarriesItsJsonAsAString) {
     ASSERT_EQ(2u, writes.size());
     EXPECT_EQ("Raw/Firstscreen/Action {\"componentId\":\"home\",\"jsonData\":\"{\\\"a\\\":1}\"}",
               "Raw/Firstscreen/Action " + CompactJson(ParseJson(writes[0].substr(strlen("Raw/Firstscreen/Action ")))));
-    Json::Value stored = ParseJson(SimValue("Raw/Firstscreen/Action"));
+    // Seen on the bus is not yet stored: the simulator takes the write in on
+    // its own time, and this read comes over another connection.
+    Json::Value stored;
+    EXPECT_TRUE(WaitUntil(
+        [&] { return (stored = ParseJson(SimValue("Raw/Firstscreen/Action")))["componentId"].asString() == "apps"; },
+        5000));
     EXPECT_EQ("apps", stored["componentId"].asString());
     ASSERT_TRUE(stored["jsonData"].isString());
     EXPECT_EQ("[1,2]", stored["jsonData"].asString());
