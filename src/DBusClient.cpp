@@ -50,6 +50,16 @@ void SetResult(LMF_INIT_RESULT* result, LMF_INIT_RESULT value) {
     if (result != nullptr) *result = value;
 }
 
+constexpr const char* kOnConnectionClosed = "OnConnectionClosed";
+
+// The connection whose "closed" signal is watched, and the handler's id.
+// Guarded by the client mutex.
+GDBusConnection* g_watchedConnection = nullptr;
+gulong g_closedHandlerId = 0;
+// Set when the bus went away under a started client, until its subscriptions
+// have been registered again on a new connection.
+bool g_bRecovering = false;
+
 }  // namespace
 
 // ---- helpers -----------------------------------------------------------------
@@ -71,6 +81,72 @@ void DBusClientInternal::MarkServiceAvailable(DBusClient& client, bool available
 
 void DBusClientInternal::MarkBusConnected(DBusClient& client, bool connected) {
     AtomicStore(client.m_bBusConnected, connected);
+}
+
+void DBusClientInternal::WatchConnection(DBusClient& client) {
+    // The handler of a connection given up earlier goes: the object is only
+    // forgotten, never released, so disconnecting from it is safe.
+    if (g_watchedConnection != nullptr && g_closedHandlerId != 0)
+        g_signal_handler_disconnect(g_watchedConnection, g_closedHandlerId);
+    g_watchedConnection = client.m_connection;
+    g_closedHandlerId = g_watchedConnection != nullptr
+                            ? g_signal_connect(g_watchedConnection, "closed", G_CALLBACK(OnConnectionClosed), nullptr)
+                            : 0;
+}
+
+bool DBusClientInternal::Recovering() { return g_bRecovering; }
+
+void DBusClientInternal::StopRecovery() { g_bRecovering = false; }
+
+void DBusClientInternal::FinishRecovery(DBusClient& client, const char* caller) {
+    g_bRecovering = false;
+    LMF_LOGE_IN(caller, "[%s] registering %zu subscription(s) again after the bus came back", ProcessName(client),
+                client.m_vSubscribeList.size());
+    ResubscribeAll(client, caller);
+    ResendPendingRequests(client, caller);
+}
+
+// Without this, a client whose bus daemon restarts keeps a closed connection
+// for good: every read fails with "The connection is closed" and nothing
+// tries again. The connection is dropped and the reconnect timer of the first
+// start brings the client back. Calls in flight end with an error from GIO
+// and reach their callbacks (OnResponseAsync); they are not sent again.
+void DBusClientInternal::OnConnectionClosed(GDBusConnection* connection, gboolean remotePeerVanished, GError* error,
+                                            gpointer /*userData*/) {
+    lumora::internal::GuardedVoid(kOnConnectionClosed, [&] {
+        ContextAutoLock lock(Mutex());
+        if (connection != g_watchedConnection) return;  // one given up already
+        g_signal_handler_disconnect(connection, g_closedHandlerId);
+        g_closedHandlerId = 0;
+        g_watchedConnection = nullptr;
+        DBusClient* client = DBusClient::m_pInstance;
+        if (client == nullptr || client->m_connection != connection) return;
+        const char* name = ProcessName(*client);
+        const char* reason = error != nullptr ? error->message : remotePeerVanished ? "the bus went away" : "closed";
+        // Only a client that is in use comes back by itself; a finalised one
+        // (or one never brought up) opens a new connection on its next
+        // Initialize.
+        bool inUse = client->m_bBusConnected;
+        if (client->m_subscriberID != 0) {
+            g_dbus_connection_signal_unsubscribe(connection, client->m_subscriberID);
+            client->m_subscriberID = 0;
+        }
+        // Forgotten, not released, as in Initialize: an operation without the
+        // lock (Write) may still hold the pointer.
+        AtomicStore(client->m_connection, static_cast<GDBusConnection*>(nullptr));
+        MarkBusConnected(*client, false);
+        MarkServiceAvailable(*client, false);
+        RemoveSource(client->m_nRecheckTimerId);
+        if (!inUse) {
+            LMF_LOGE_IN(kOnConnectionClosed, "[%s] the bus connection closed (%s)", name, reason);
+            return;
+        }
+        LMF_LOGE_IN(kOnConnectionClosed, "[%s] the bus connection closed (%s); reconnecting every %u s", name, reason,
+                    kReconnectIntervalSeconds);
+        g_bRecovering = true;
+        RemoveSource(client->m_nReConnectTimerId);
+        client->m_nReConnectTimerId = g_timeout_add_seconds(kReconnectIntervalSeconds, ReConnectTimeoutThunk, client);
+    });
 }
 
 guint DBusClientInternal::SubscribeResponseSignal(DBusClient& client) {
@@ -160,10 +236,9 @@ bool DBusClient::__IsServiceEnable() {
         return false;
     }
     GError* error = nullptr;
-    GVariant* reply = g_dbus_connection_call_sync(connection, contract::kBusName, contract::kObjectPath,
-                                                  contract::kInterface, contract::kMethodServiceEnable, nullptr,
-                                                  nullptr, G_DBUS_CALL_FLAGS_NONE,
-                                                  contract::kServiceEnableTimeoutMs, nullptr, &error);
+    GVariant* reply = g_dbus_connection_call_sync(
+        connection, contract::kBusName, contract::kObjectPath, contract::kInterface, contract::kMethodServiceEnable,
+        nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, contract::kServiceEnableTimeoutMs, nullptr, &error);
     if (reply == nullptr) {
         LMF_LOGE("Error : %s", error != nullptr ? error->message : "no reply");
         if (error != nullptr) g_error_free(error);
@@ -231,6 +306,8 @@ bool DBusClient::Initialize(LMF_INIT_RESULT* result, LumoraInitCb callback, void
         SetResult(result, LMF_INIT_CONNECTION_FAILED);
         return true;
     }
+    DBusClientInternal::WatchConnection(*this);
+    DBusClientInternal::StopRecovery();
     DBusClientInternal::InitializeOnNewConnection(*this, result);
     return true;
 }
@@ -257,6 +334,7 @@ bool DBusClient::Finalize() {
     }
     m_fnInitCb = nullptr;
     m_pInitUserData = nullptr;
+    DBusClientInternal::StopRecovery();
     DBusClientInternal::MarkServiceAvailable(*this, false);
     DBusClientInternal::MarkBusConnected(*this, false);
     m_nRecheckCnt = 0;
@@ -302,6 +380,7 @@ gboolean DBusClient::RecheckTimeoutCb() {
         LMF_LOGE("[%s] LMF service is available now ..", name);
         DBusClientInternal::MarkServiceAvailable(*this, true);
         if (m_fnInitCb != nullptr) DBusClientInternal::ScheduleInitCallback(*this);
+        if (DBusClientInternal::Recovering()) DBusClientInternal::FinishRecovery(*this, __func__);
         m_nRecheckTimerId = 0;
         return FALSE;
     }
@@ -324,6 +403,27 @@ gboolean DBusClient::ReConnectTimeoutCb() {
         return TRUE;
     }
     AtomicStore(m_connection, connection);
+    DBusClientInternal::WatchConnection(*this);
+    if (DBusClientInternal::Recovering()) {
+        // Back after a lost bus: listen, ask the service, and register the
+        // subscriptions again once it is there (now, or on its "HELLO").
+        const char* name = m_strProcessName.c_str();
+        LMF_LOGE("[%s] connected to the bus again", name);
+        if (m_subscriberID == 0) m_subscriberID = DBusClientInternal::SubscribeResponseSignal(*this);
+        DBusClientInternal::MarkBusConnected(*this, true);
+        if (__IsLMFServiceReady() && __IsServiceEnable()) {
+            LMF_LOGE("[%s] LMF service is available now ..", name);
+            DBusClientInternal::MarkServiceAvailable(*this, true);
+            DBusClientInternal::FinishRecovery(*this, __func__);
+        } else {
+            LMF_LOGE("[%s] LMF service isn't ready or available yet ..", name);
+            m_nRecheckCnt = 0;
+            RemoveSource(m_nRecheckTimerId);
+            m_nRecheckTimerId = g_timeout_add_seconds(kRecheckIntervalSeconds, RecheckTimeoutThunk, this);
+        }
+        m_nReConnectTimerId = 0;
+        return FALSE;
+    }
     // Only a process with subscriptions listens and asks the service again
     // here; any other keeps the new connection with its flags as they were,
     // and is brought up by its next Initialize.

@@ -18,6 +18,23 @@ public:
     static void MarkServiceAvailable(DBusClient& client, bool available);
     static void MarkBusConnected(DBusClient& client, bool connected);
 
+    // Losing the bus. The client watches its connection's "closed" signal:
+    // when the bus goes away under a started client, the connection is
+    // dropped and the reconnect timer brings the client back (listen, check
+    // readiness, register the subscriptions again). Caller's lock.
+    static void WatchConnection(DBusClient& client);
+    // Whether the client is coming back from a lost bus and has not yet
+    // registered its subscriptions again. Caller's lock.
+    static bool Recovering();
+    // The subscriptions and unsent requests go out again after a lost bus
+    // (caller's lock); lines are logged as caller.
+    static void FinishRecovery(DBusClient& client, const char* caller);
+    // Forgets the recovery, for Finalize and a new connection. Caller's lock.
+    static void StopRecovery();
+    // Handler of the watched connection's "closed" signal (main-loop thread).
+    static void OnConnectionClosed(GDBusConnection* connection, gboolean remotePeerVanished, GError* error,
+                                   gpointer userData);
+
     // What a reconnection or the service's "HELLO" sends again: a type-3
     // subscribe per subscription record, then every unsent request. Their log
     // lines belong to caller (SubscribeStateCheck or ReConnectTimeoutCb).

@@ -247,7 +247,10 @@ void DBusClient::OnResponseAsync(GObject* source, GAsyncResult* result, gpointer
         // The two silent drops: no callback. The record is freed all the same:
         // once sent it belongs to this call alone (it left the pending table),
         // so keeping it would only leak it.
-        if (!client->IsAvailable()) {
+        // A call cut off by a lost bus is not one of them: the service never
+        // said "BYE", and its caller would wait for ever.
+        bool busLost = g_dbus_connection_is_closed(G_DBUS_CONNECTION(source));
+        if (!client->IsAvailable() && !busLost) {
             LMF_LOGE_IN(kOnResponseAsync, "Service is not Available");
             FreeRequest(request);
             return;

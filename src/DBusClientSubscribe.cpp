@@ -218,7 +218,8 @@ void DBusClient::OnSubscribe(GDBusConnection* /*connection*/, const gchar* /*sen
             ContextAutoLock lock(DBusClientInternal::Mutex());
             std::vector<DBusClientSubscribe*> records;
             client->FindSubscribesVector(subject, records);
-            for (const DBusClientSubscribe* record : records) deliveries.push_back({record->callback, record->userData});
+            for (const DBusClientSubscribe* record : records)
+                deliveries.push_back({record->callback, record->userData});
         }
         LMF_LOGD_IN(kOnSubscribe, "Subscribes size[%zu]", deliveries.size());
         if (deliveries.empty()) {
@@ -268,6 +269,7 @@ void DBusClient::SubscribeStateCheck(const char* subject, const char* data) {
         LMF_LOGE("SubscrubeStateCheck Error ..");
         return;
     }
+    DBusClientInternal::StopRecovery();  // "HELLO" registers everything again
     DBusClientInternal::ResubscribeAll(*this, __func__);
     DBusClientInternal::ResendPendingRequests(*this, __func__);
 }

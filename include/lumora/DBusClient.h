@@ -59,6 +59,15 @@ struct DBusClientRequest {
  *
  * Texts: subjects and inputs must be valid UTF-8 (they travel as D-Bus
  * strings); any other text is refused as a bad argument (-3, or false).
+ *
+ * Losing the bus: when the bus daemon goes away under a client in use (after
+ * Initialize, before Finalize), the client drops the closed connection, marks
+ * the bus not connected and the service unavailable (operations fail with -5
+ * meanwhile), and tries a new connection every 2 s. Once connected it listens
+ * again, asks the service and registers every subscription again (at once
+ * when the service is there, otherwise on its "HELLO"), so callbacks resume
+ * without the application doing anything. A request in flight when the bus
+ * went away is answered once with {"Status":"Error"} and not sent again.
  */
 class LUMORA_EXPORT DBusClient {
 public:
@@ -235,14 +244,16 @@ public:
     gboolean InitTimeoutCb();
     /// Client mutex. True while the service's ready marker is missing; then asks
     /// the service: false once it is enabled (the service is marked available and
-    /// the start callback scheduled) or after the eleventh refusal, true
-    /// otherwise.
+    /// the start callback scheduled; after a lost bus, the subscriptions are
+    /// registered again) or after the eleventh refusal, true otherwise.
     gboolean RecheckTimeoutCb();
     /// Client mutex. Opens a new connection: true (try again) while that fails.
     /// Once one is open, a process with subscriptions listens for the service's
     /// signal, asks the service and, when it is enabled, subscribes again and
     /// sends the pending requests; any other process keeps the connection for its
-    /// next Initialize. False then.
+    /// next Initialize. After a lost bus (see the class), every client in use
+    /// listens and asks the service, whether or not it has subscriptions, and
+    /// rechecks every 3 s while the service is not ready. False then.
     gboolean ReConnectTimeoutCb();
     /// @}
 
