@@ -1,6 +1,27 @@
 # Installation: libraries, headers, pkg-config files and the CMake package.
 set(LUMORA_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/LumoraApi)
 
+# liblumora-api links liblumora-platform privately, and liblumora-platform
+# links SQLite: a shared link needs neither named, a static link both. On
+# target the platform's own libraries take liblumora-platform's place.
+if(LUMORA_TARGET_PLATFORM)
+  set(LUMORA_PC_REQUIRES_PRIVATE "")
+  set(LUMORA_PC_LIBS_PRIVATE "")
+  foreach(lib IN LISTS LUMORA_PLATFORM_LIBRARIES)
+    if(lib MATCHES "^-" OR IS_ABSOLUTE "${lib}")
+      string(APPEND LUMORA_PC_LIBS_PRIVATE " ${lib}")
+    else()
+      string(APPEND LUMORA_PC_LIBS_PRIVATE " -l${lib}")
+    endif()
+  endforeach()
+  string(STRIP "${LUMORA_PC_LIBS_PRIVATE}" LUMORA_PC_LIBS_PRIVATE)
+  set(LUMORA_CONFIG_NEEDS_SQLITE OFF)
+else()
+  set(LUMORA_PC_REQUIRES_PRIVATE "sqlite3")
+  set(LUMORA_PC_LIBS_PRIVATE "-llumora-platform")
+  set(LUMORA_CONFIG_NEEDS_SQLITE ON)
+endif()
+
 # On target lumora_platform is only an interface naming the platform's libraries.
 install(TARGETS lumora_platform lumora_common lumora_api EXPORT LumoraApiTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}

@@ -41,6 +41,11 @@ typedef enum {
  * interleave. Line breaks inside the text are written as the two characters
  * `\n` (and `\r`). Records below $LUMORA_LOG_LEVEL (debug, info, warning,
  * error, none; default debug) are dropped before they are formatted.
+ * A record is at most 4096 bytes, its newline included: a longer text is cut
+ * on a UTF-8 character boundary and ends with `... [N bytes cut]`, N being
+ * the number of bytes of the formatted text left out. A text that cannot be
+ * formatted leaves the line `[the text of this record could not be
+ * formatted: REASON]`.
  * Returns the number of bytes written, 0 for a dropped record (or a NULL
  * fmt), or -1.
  */
@@ -62,8 +67,11 @@ LUMORA_EXPORT int feature_get_custom_bool(const char* key, bool* value);
 
 /**
  * Returns a copy of the value stored under key, allocated with malloc and
- * released by the caller with free, or NULL when key is NULL or absent or the
- * store cannot be read (then one error line is logged).
+ * released by the caller with free, or NULL when key is NULL or absent, when
+ * there is no store yet, or when the store cannot be opened or read (then one
+ * error line with the reason is logged). The store is opened read-only, so a
+ * process that may read but not write it can read it. Waits up to 5 s for a
+ * connection that holds the store exclusively, then fails.
  */
 LUMORA_EXPORT char* settings_get_str(const char* key);
 
@@ -71,7 +79,10 @@ LUMORA_EXPORT char* settings_get_str(const char* key);
  * Stores value under key, replacing an earlier value. Returns 0 once the value
  * is durable on disk, non-zero on failure, a NULL argument included (one error
  * line is logged; the store is left as it was). The database and its folder
- * are created on first use.
+ * are created on first use. A file that is not a settings store (not a
+ * database, a database without a table `settings` with the columns key and
+ * value) is left unchanged and the call fails. Waits up to 5 s for another
+ * connection's write lock, then fails.
  */
 LUMORA_EXPORT int settings_set_str(const char* key, const char* value);
 

@@ -11,6 +11,9 @@
 #include <string>
 
 #include "Cli.h"
+#ifdef LUMORA_PLATFORM_SETTINGS_STATUS
+#include "SettingsStatus.h"
+#endif
 
 namespace lumora::cli {
 
@@ -47,16 +50,44 @@ int RunWrite(const Options&, const Args& args) {
     return queued ? kOk : Fail("the write to " + args[0] + " was not sent");
 }
 
+// Why the settings store left a value out, after a read or write of this
+// thread that did not succeed: empty when the store answered (the key is not
+// set), else the store's own one-line reason. The television's platform
+// libraries cannot tell; there the answer is always empty.
+struct StoreProblem {
+    bool failed = false;  // the store could not be used at all
+    std::string reason;
+};
+
+StoreProblem LastStoreProblem() {
+    StoreProblem problem;
+#ifdef LUMORA_PLATFORM_SETTINGS_STATUS
+    char reason[8192];
+    lumora_settings_status status = settings_last_status(reason, sizeof reason);
+    problem.failed = status == LUMORA_SETTINGS_FAILED;
+    if (status != LUMORA_SETTINGS_OK) problem.reason = reason;
+#endif
+    return problem;
+}
+
+// "what (reason)" for a missing store, the store's reason when it failed, or
+// what alone.
+std::string NotFound(const std::string& what) {
+    StoreProblem problem = LastStoreProblem();
+    if (problem.failed) return problem.reason;
+    return problem.reason.empty() ? what : what + " (" + problem.reason + ")";
+}
+
 int RunSettings(const Options& options, const Args& args) {
     const std::string& action = args[0];
     if (action == "get" && args.size() == 2) {
         OwnedText value(settings_get_str(args[1].c_str()));
-        if (!value) return Fail(args[1] + " is not set");
+        if (!value) return Fail(NotFound(args[1] + " is not set"));
         PrintValue(options, value.get());
         return kOk;
     }
     if (action == "set" && args.size() == 3) {
-        if (settings_set_str(args[1].c_str(), args[2].c_str()) != 0) return Fail("cannot store " + args[1]);
+        if (settings_set_str(args[1].c_str(), args[2].c_str()) != 0) return Fail(NotFound("cannot store " + args[1]));
         return kOk;
     }
     fprintf(stderr, "usage: lumora settings get KEY | lumora settings set KEY VALUE\n");
@@ -87,7 +118,7 @@ int RunAction(const Options&, const Args& args) {
 
 int RunHints(const Options& options, const Args& args) {
     OwnedText value(Lumora_ReadHintList("lumora", args[0].c_str()));
-    if (!value) return Fail("no hint list for " + args[0]);
+    if (!value) return Fail(NotFound("no hint list for " + args[0]));
     PrintValue(options, value.get());
     return kOk;
 }
