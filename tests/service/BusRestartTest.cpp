@@ -88,16 +88,7 @@ protected:
         m_control = nullptr;
     }
 
-    Json::Value SimStatus() {
-        Json::Value root;
-        CallResult status = CallControl(m_control, lumora::sim::kCtlGetStatus);
-        if (!status.Ok()) return root;
-        const gchar* text = nullptr;
-        g_variant_get(status.reply.get(), "(&s)", &text);
-        std::istringstream in(text);
-        if (!Json::parseFromStream(Json::CharReaderBuilder(), in, &root, nullptr)) root = Json::Value();
-        return root;
-    }
+    Json::Value SimStatus() { return SimStatusOver(m_control); }
     size_t SimSubscribers(const std::string& subject) { return SimStatus()["subscriptions"][subject].size(); }
     bool Emit(const std::string& subject, const std::string& data) {
         return CallControl(m_control, lumora::sim::kCtlEmit, g_variant_new("(ss)", subject.c_str(), data.c_str())).Ok();

@@ -35,6 +35,19 @@ std::string AlreadySubscribed(const char* subject, Callback callback) {
     return std::string("already subscribed subject[") + subject + "]cb[" + pointer + "], ";
 }
 
+/// The simulator's state as "lumora-sim ctl status" shows it, asked over
+/// control; null when it could not be had.
+inline Json::Value SimStatusOver(GDBusConnection* control) {
+    Json::Value root;
+    CallResult status = CallControl(control, lumora::sim::kCtlGetStatus);
+    if (!status.Ok()) return root;
+    const gchar* text = nullptr;
+    g_variant_get(status.reply.get(), "(&s)", &text);
+    std::istringstream in(text);
+    if (!Json::parseFromStream(Json::CharReaderBuilder(), in, &root, nullptr)) root = Json::Value();
+    return root;
+}
+
 class ServiceTest : public testing::Test {
 protected:
     void SetUp() override {
@@ -79,16 +92,7 @@ protected:
 
     /// The simulator's state as "lumora-sim ctl status" shows it; null when
     /// it could not be had.
-    Json::Value SimStatus() {
-        Json::Value root;
-        CallResult status = Control(lumora::sim::kCtlGetStatus);
-        if (!status.Ok()) return root;
-        const gchar* text = nullptr;
-        g_variant_get(status.reply.get(), "(&s)", &text);
-        std::istringstream in(text);
-        if (!Json::parseFromStream(Json::CharReaderBuilder(), in, &root, nullptr)) root = Json::Value();
-        return root;
-    }
+    Json::Value SimStatus() { return SimStatusOver(m_control); }
 
     /// The clients the simulator holds as subscribers of subject.
     std::vector<std::string> SimSubscribers(const std::string& subject) {
