@@ -12,6 +12,7 @@
 #include "internal/Atomic.h"
 #include "internal/Boundary.h"
 #include "internal/Log.h"
+#include "internal/Text.h"
 
 using lumora::internal::AtomicLoad;
 using lumora::internal::AtomicStore;
@@ -151,6 +152,12 @@ char* CS_ReorderChannelList(const char* channel_list, int source) {
     return Guarded(__func__, static_cast<char*>(nullptr), [channel_list, source]() -> char* {
         if (channel_list == nullptr) {
             LMF_LOGE_IN("CS_ReorderChannelList", "channel_list is NULL");
+            return nullptr;
+        }
+        // Refused like an input that does not parse, although jsoncpp would
+        // take such bytes inside a string.
+        if (lumora::internal::FirstInvalidText({{"channel_list", channel_list}}) != nullptr) {
+            LMF_LOGE_IN("CS_ReorderChannelList", "channel_list is not valid UTF-8");
             return nullptr;
         }
         Json::CharReaderBuilder builder;

@@ -65,6 +65,64 @@ void __OnMethodCall(GDBusConnection* /*connection*/, const gchar* sender, const 
 
 const GDBusInterfaceVTable kMethodTable = {__OnMethodCall, nullptr, nullptr, {nullptr}};
 
+// Whether every string, object path and signature inside value is what D-Bus
+// can carry. A GVariant built with g_variant_new is, but one made from
+// trusted serialised data is never checked by GLib, and GDBus aborts the
+// process when it meets invalid UTF-8 while writing the message.
+bool HoldsSendableText(GVariant* value) {
+    if (g_variant_is_of_type(value, G_VARIANT_TYPE_STRING) || g_variant_is_of_type(value, G_VARIANT_TYPE_OBJECT_PATH) ||
+        g_variant_is_of_type(value, G_VARIANT_TYPE_SIGNATURE)) {
+        gsize length = 0;
+        const gchar* text = g_variant_get_string(value, &length);
+        if (!g_utf8_validate(text, static_cast<gssize>(length), nullptr)) return false;
+        if (g_variant_is_of_type(value, G_VARIANT_TYPE_OBJECT_PATH)) return g_variant_is_object_path(text) != FALSE;
+        if (g_variant_is_of_type(value, G_VARIANT_TYPE_SIGNATURE)) return g_variant_is_signature(text) != FALSE;
+        return true;
+    }
+    if (!g_variant_is_container(value)) return true;
+    GVariantIter children;
+    g_variant_iter_init(&children, value);
+    while (GVariant* child = g_variant_iter_next_value(&children)) {
+        bool sendable = HoldsSendableText(child);
+        g_variant_unref(child);
+        if (!sendable) return false;
+    }
+    return true;
+}
+
+// Why parameters cannot be the body of a message (a signal or a reply), or
+// null when they can. GIO would meet the first problem with a critical, the
+// second with an abort.
+const char* BodyProblem(GVariant* parameters) {
+    if (parameters == nullptr) return nullptr;
+    if (!g_variant_is_of_type(parameters, G_VARIANT_TYPE_TUPLE)) return "the parameters are not a tuple";
+    if (!HoldsSendableText(parameters)) return "the parameters hold a string that is not valid UTF-8";
+    return nullptr;
+}
+
+// Why a signal cannot be emitted with these names and parameters, or null.
+const char* SignalProblem(const char* destination, GVariant* parameters, const char* interfaceName,
+                          const char* signalName) {
+    if (destination != nullptr && !g_dbus_is_name(destination)) return "the destination is not a valid bus name";
+    if (interfaceName == nullptr || !g_dbus_is_interface_name(interfaceName))
+        return "the interface name is not a valid D-Bus interface name";
+    if (signalName == nullptr || !g_dbus_is_member_name(signalName))
+        return "the signal name is not a valid D-Bus member name";
+    return BodyProblem(parameters);
+}
+
+// Why the publisher cannot own busName, or register objectPath as it will be
+// cut, or null. Either would be a GLib critical, now or once the name is
+// owned.
+const char* StartProblem(const char* busName, const char* objectPath) {
+    if (busName == nullptr || !g_dbus_is_name(busName) || g_dbus_is_unique_name(busName))
+        return "the bus name is not a valid well-known bus name";
+    char cut[sizeof(LumoraDIPCHandle::objectPath)];
+    g_strlcpy(cut, objectPath != nullptr ? objectPath : "", sizeof cut);
+    if (!g_variant_is_object_path(cut)) return "the object path (as cut to 49 characters) is not a valid object path";
+    return nullptr;
+}
+
 void CallNameCallback(const char* caller, LumoraDIPCNameCb callback, const gchar* name, void* userData) {
     if (callback == nullptr) return;
     CallUserCallback(caller, [&] { callback(name, userData); });
@@ -115,10 +173,19 @@ LumoraDIPCHandle* Lumora_DIPC_Start(const char* processName, int systemBus, cons
         LMF_LOGE("the process name(%s) is not permitted", processName != nullptr ? processName : "(null)");
         return nullptr;
     }
+    if (const char* problem = StartProblem(busName, objectPath)) {
+        LMF_LOGE("%s", problem);
+        return nullptr;
+    }
     ContextAutoLock lock(&g_dipcMutex);
-    GDBusNodeInfo* nodeInfo = g_dbus_node_info_new_for_xml(introspectionXml, nullptr);
-    // XML without an interface parses, but would leave nothing to register.
-    if (nodeInfo == nullptr || nodeInfo->interfaces == nullptr || nodeInfo->interfaces[0] == nullptr) {
+    // GMarkup refuses text that is not UTF-8 with an error, but reads a null
+    // text with strlen.
+    GDBusNodeInfo* nodeInfo =
+        introspectionXml != nullptr ? g_dbus_node_info_new_for_xml(introspectionXml, nullptr) : nullptr;
+    // XML without an interface parses, but would leave nothing to register;
+    // one whose interface name is not valid could never be registered.
+    if (nodeInfo == nullptr || nodeInfo->interfaces == nullptr || nodeInfo->interfaces[0] == nullptr ||
+        !g_dbus_is_interface_name(nodeInfo->interfaces[0]->name)) {
         if (nodeInfo != nullptr) g_dbus_node_info_unref(nodeInfo);
         LMF_LOGE("get node failed");
         return nullptr;
@@ -177,6 +244,8 @@ bool Lumora_DIPC_Publish(LumoraDIPCHandle* handle, const char* destination, GVar
             LMF_LOGE("handle is NULL!!!");
         } else if (handle->connection == nullptr) {
             LMF_LOGE("connection is not valid!!!");
+        } else if (const char* problem = SignalProblem(destination, parameters, interfaceName, signalName)) {
+            LMF_LOGE("%s", problem);
         } else {
             GError* error = nullptr;
             sent = g_dbus_connection_emit_signal(handle->connection, destination, handle->objectPath, interfaceName,
@@ -197,5 +266,14 @@ void Lumora_DIPC_SendData(GDBusMethodInvocation* invocation, GVariant* parameter
         if (parameters != nullptr) g_variant_unref(g_variant_ref_sink(parameters));
         return;
     }
-    g_dbus_method_invocation_return_value(invocation, parameters);
+    if (parameters != nullptr) g_variant_ref_sink(parameters);
+    if (const char* problem = BodyProblem(parameters)) {
+        LMF_LOGE("%s", problem);
+        // The caller still hears at once that the call failed, instead of
+        // waiting out its time-out; the invocation is released either way.
+        g_dbus_method_invocation_return_error_literal(invocation, G_DBUS_ERROR, G_DBUS_ERROR_FAILED, problem);
+    } else {
+        g_dbus_method_invocation_return_value(invocation, parameters);
+    }
+    if (parameters != nullptr) g_variant_unref(parameters);
 }

@@ -70,6 +70,13 @@ DBusClient* lumora::internal::ServiceClient(const char* function) {
     return client;
 }
 
+bool lumora::internal::AreSendable(const char* function, std::initializer_list<NamedText> texts) {
+    const char* invalid = FirstInvalidText(texts);
+    if (invalid == nullptr) return true;
+    LMF_LOGE_IN(function, "[%s] %s is not valid UTF-8", LMFServiceAPI::_GetProcessName(), invalid);
+    return false;
+}
+
 // Only internal subjects are guarded; anything else goes through.
 bool lumora::internal::MayUseSubject(const char* function, DBusClient& client, const char* subject) {
     if (!LMFServiceAPI::_CheckInternalSubject(subject) || client.CheckWhiteListProcess()) return true;
@@ -168,6 +175,7 @@ bool LMFServiceAPI::_CheckInternalSubject(const char* subject) {
 
 bool LMFServiceAPI::Read(const char* subject, const char* input, std::string& output) {
     if (LMF_REFUSED_IN_CALLBACK(kClientMutex)) return false;
+    if (!lumora::internal::AreSendable(__func__, {{"szSubject", subject}, {"input", input}})) return false;
     DBusClient* client = lumora::internal::ServiceClient(__func__);
     if (client == nullptr || !lumora::internal::MayUseSubject(__func__, *client, subject)) return false;
     return lumora::internal::ReadValue(__func__, *client, subject, input, output);
@@ -194,6 +202,7 @@ bool lumora::internal::ReadValue(const char* function, DBusClient& client, const
 
 // Writes are not checked against the whitelist, internal subjects included.
 bool LMFServiceAPI::Write(const char* subject, const char* input) {
+    if (!lumora::internal::AreSendable(__func__, {{"szSubject", subject}, {"input", input}})) return false;
     DBusClient* client = lumora::internal::ServiceClient(__func__);
     return client != nullptr && lumora::internal::WriteValue(__func__, *client, subject, input);
 }

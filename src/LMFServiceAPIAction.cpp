@@ -25,6 +25,14 @@ void AppendValues(ContextData& document, const char* key, const std::vector<std:
     }
 }
 
+// Every value of a list, named by the list's key.
+bool AllSendable(const char* function, const char* key, const std::vector<std::string>& values) {
+    for (const std::string& value : values) {
+        if (!lumora::internal::AreSendable(function, {{key, value.c_str()}})) return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 bool LMFServiceAPI::SetFirstscreenAction(const char* componentId, const char* jsonData) {
@@ -38,6 +46,7 @@ bool LMFServiceAPI::SetFirstscreenAction(const char* componentId, const char* js
         LMF_LOGE("JsonData is null");
         return false;
     }
+    if (!lumora::internal::AreSendable(__func__, {{"componentId", componentId}, {"jsonData", jsonData}})) return false;
     // jsonData travels as a string member, not as a nested document: the
     // launcher hands it on to the component untouched.
     ContextData action;
@@ -49,6 +58,7 @@ bool LMFServiceAPI::SetFirstscreenAction(const char* componentId, const char* js
 void LMFServiceAPI::SetVoiceActionRuleId(std::string ruleId) {
     DBusClient* client = lumora::internal::ServiceClient(__func__);
     if (client == nullptr) return;
+    if (!lumora::internal::AreSendable(__func__, {{"ruleId", ruleId.c_str()}})) return;
     ContextData action;
     action.SetValue("ruleId", std::move(ruleId));
     lumora::internal::WriteDocument(__func__, *client, subjects::kVoiceRuleId, action);
@@ -58,6 +68,10 @@ void LMFServiceAPI::SetVoiceAction(std::string category, std::string cmdName, st
                                    std::vector<std::string>& extParams) {
     DBusClient* client = lumora::internal::ServiceClient(__func__);
     if (client == nullptr) return;
+    if (!lumora::internal::AreSendable(__func__, {{"category", category.c_str()}, {"cmd_name", cmdName.c_str()}}) ||
+        !AllSendable(__func__, "param", values) || !AllSendable(__func__, "ext_param", extParams)) {
+        return;
+    }
     ContextData action;
     action.SetValue("category", std::move(category));
     action.SetValue("cmd_name", std::move(cmdName));

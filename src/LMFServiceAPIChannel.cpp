@@ -186,6 +186,7 @@ bool LMFServiceAPI::RemoveChannelFromList(int major, int minor, LMF_SRC_EXT_TYPE
 }
 
 bool LMFServiceAPI::RemoveChannelFromList(int major, int minor, std::string serviceId, LMF_SRC_EXT_TYPE type) {
+    if (!lumora::internal::AreSendable(__func__, {{"serviceId", serviceId.c_str()}})) return false;
     ContextData request;
     request.SetValue("major", major);
     request.SetValue("minor", minor);

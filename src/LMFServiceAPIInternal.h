@@ -6,9 +6,17 @@
 #include <lumora/ContextData.h>
 #include <lumora/DBusClient.h>
 
+#include <initializer_list>
 #include <string>
 
+#include "internal/Text.h"
+
 namespace lumora::internal {
+
+// Whether every text of the operation function may be sent (null ones pass).
+// When one is not valid UTF-8: false after the one line "[process] <name> is
+// not valid UTF-8", before anything is built or sent.
+bool AreSendable(const char* function, std::initializer_list<NamedText> texts);
 
 // The shared bus client, or null after "dbus not created!".
 DBusClient* ServiceClient(const char* function);

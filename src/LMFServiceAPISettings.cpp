@@ -9,6 +9,7 @@
 #include <cstring>
 #include <string>
 
+#include "LMFServiceAPIInternal.h"
 #include "internal/Log.h"
 
 namespace {
@@ -80,6 +81,7 @@ char* LMFServiceAPI::ReadHintList(const char* requester, const char* type) {
         LMF_LOGE("Invalid Input");
         return nullptr;
     }
+    if (!lumora::internal::AreSendable(__func__, {{"requester", requester}, {"type", type}})) return nullptr;
     LMF_LOGI("Called Read Hint List (%s, %s)", requester, type);
     std::string key = HintListKey(type);
     char* value = settings_get_str(key.c_str());
@@ -92,6 +94,9 @@ bool LMFServiceAPI::STAction(const char* uri, const char* data) {
         LMF_LOGE("NULL argument data");
         return false;
     }
+    // The agent reads the action back as JSON text; bytes that are not UTF-8
+    // would reach it as something else.
+    if (!lumora::internal::AreSendable(__func__, {{"uri", uri}, {"data", data}})) return false;
     ContextData action;
     action.SetValue("uri", uri != nullptr ? uri : "");
     action.SetValue("data", data);
@@ -105,6 +110,7 @@ bool LMFServiceAPI::WriteItemList(const char* json) {
         LMF_LOGE("NULL argument data");
         return false;
     }
+    if (!lumora::internal::AreSendable(__func__, {{"json", json}})) return false;
     ContextData input;
     if (!input.MakeData(json)) {
         LMF_LOGE("Json Parsing Failed");
@@ -114,9 +120,21 @@ bool LMFServiceAPI::WriteItemList(const char* json) {
         LMF_LOGE("Invalid Input Parameter, Group or Item List not present: [%s]", json);
         return false;
     }
+    std::string group = input.GetValueStr("group");
+    // Refused rather than stored wrong: a group name holding "\u0000" would be
+    // cut at it (and could overwrite another group), and a "\ud800"-style
+    // escape of a lone surrogate would put text that is not UTF-8 into the
+    // store, which its readers could not take.
+    if (group.find('\0') != std::string::npos) {
+        LMF_LOGE("Invalid Input Parameter, the group name holds a NUL character");
+        return false;
+    }
+    if (!g_utf8_validate(input.MakeStr(), -1, nullptr)) {
+        LMF_LOGE("Invalid Input Parameter, an escape in the input is not a whole UTF-8 character");
+        return false;
+    }
     LMF_LOGE("input %s", json);
     ContextData stored = LoadItemLists();
-    std::string group = input.GetValueStr("group");
     ContextData result;
     if (group != kShortCutGroup) {
         stored.SetValueNoArry(group.c_str(), input);
@@ -138,6 +156,8 @@ char* LMFServiceAPI::ReadRecommendedList(const char* json) {
         LMF_LOGE("Invalid input. Input is null or empty");
         return nullptr;
     }
+    // Refused like a json that does not parse: the service could never be sent it.
+    if (!lumora::internal::AreSendable(__func__, {{"json", json}})) return strdup(kErrorText);
     LMF_LOGI("Called Read Recommended List (%s)", json);
     ContextData input;
     if (!input.MakeData(json) || !input.IsValid("group")) return strdup(kErrorText);

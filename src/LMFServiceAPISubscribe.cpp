@@ -59,6 +59,7 @@ struct UntypedDelivery {
 
 bool LMFServiceAPI::Request(const char* subject, const char* input, LumoraSubjectCb callback, void* userData) {
     if (LMF_REFUSED_IN_CALLBACK(kClientMutex)) return false;
+    if (!lumora::internal::AreSendable(__func__, {{"szSubject", subject}, {"input", input}})) return false;
     DBusClient* client = lumora::internal::ServiceClient(__func__);
     if (client == nullptr || !lumora::internal::MayUseSubject(__func__, *client, subject)) return false;
     int result = client->Request(subject, input, callback, userData);

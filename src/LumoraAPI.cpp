@@ -13,10 +13,13 @@
 #include "internal/Atomic.h"
 #include "internal/Log.h"
 #include "internal/Reentry.h"
+#include "internal/Text.h"
 
 using lumora::internal::AtomicLoad;
 using lumora::internal::AtomicStore;
 using lumora::internal::kClientMutex;
+
+using lumora::internal::FirstInvalidText;
 
 LumoraAPI* LumoraAPI::m_pInstance = nullptr;
 DBusClient* LumoraAPI::m_pDbusClient = nullptr;
@@ -160,13 +163,14 @@ bool LumoraAPI::Subscribe(std::string subject, LumoraSubjectCb callback, void* u
         LMF_LOGE("dbus not created!, Call InitializeService");
         return false;
     }
-    LMF_LOGE("Subscribe [%s][%p][%p]", subject.c_str(), reinterpret_cast<void*>(callback), userData);
-    if (LMF_REFUSED_IN_CALLBACK(kClientMutex)) return false;
-    // Refused before it enters the table: the bus could never carry it.
+    // Refused before it enters the table, with that line alone: the bus could
+    // never carry it.
     if (!g_utf8_validate(subject.c_str(), static_cast<gssize>(subject.size()), nullptr)) {
         LMF_LOGE("subject is not valid UTF-8");
         return false;
     }
+    LMF_LOGE("Subscribe [%s][%p][%p]", subject.c_str(), reinterpret_cast<void*>(callback), userData);
+    if (LMF_REFUSED_IN_CALLBACK(kClientMutex)) return false;
     if (IsSubscribed(subject, callback, userData)) {
         LMF_LOGE("already subscribed subject[%s]cb[%p]UserData[%p], ", subject.c_str(),
                  reinterpret_cast<void*>(callback), userData);
@@ -223,6 +227,10 @@ bool LumoraAPI::Read(std::string subject, std::string input, std::string& output
         return false;
     }
     if (LMF_REFUSED_IN_CALLBACK(kClientMutex)) return false;
+    if (const char* invalid = FirstInvalidText({{"subject", subject.c_str()}, {"input", input.c_str()}})) {
+        LMF_LOGE("%s is not valid UTF-8", invalid);
+        return false;
+    }
     char* text = nullptr;
     int result = client->Read(subject.c_str(), input.c_str(), &text);
     if (result != 0) {
@@ -243,6 +251,10 @@ bool LumoraAPI::Write(std::string subject, std::string input) {
     DBusClient* client = AtomicLoad(m_pDbusClient);
     if (client == nullptr) {
         LMF_LOGE("dbus not created!, Call InitializeService");
+        return false;
+    }
+    if (const char* invalid = FirstInvalidText({{"subject", subject.c_str()}, {"input", input.c_str()}})) {
+        LMF_LOGE("%s is not valid UTF-8", invalid);
         return false;
     }
     int result = client->Write(subject.c_str(), input.c_str());

@@ -206,6 +206,7 @@ public:
     static bool RemoveChannelFromList(int major, int minor, LMF_SRC_EXT_TYPE type);
     /// The same, naming the channel's service id as well (a write to
     /// "Pref/Channel/RemoveWithServiceID").
+    /// False, nothing sent, for a serviceId that is not valid UTF-8.
     static bool RemoveChannelFromList(int major, int minor, std::string serviceId, LMF_SRC_EXT_TYPE type);
     /// The current programme, as the service gives it. False without an answer.
     static bool GetCurrentChannelInfo(std::string& info);
@@ -242,6 +243,7 @@ public:
     /// Writes {"componentId","jsonData"} (jsonData as a string) to
     /// "Raw/Firstscreen/Action". False for a null or empty argument, when never
     /// started, or when the write could not be sent.
+    /// False also, nothing sent, for an argument that is not valid UTF-8.
     static bool SetFirstscreenAction(const char* componentId, const char* jsonData);
     /// Writes {"ruleId"} to "Raw/Voice/Orvi/SetAction"; failures are only logged.
     static void SetVoiceActionRuleId(std::string ruleId);

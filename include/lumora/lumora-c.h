@@ -536,20 +536,20 @@ LUMORA_EXPORT bool Lumora_UnsubscribeBrightnessLevelEx(LumoraSubjectCb callback,
  *  json itself as the input. Returns a copy of the answer, or of "{error}"
  *  for another group, a json that does not parse or lacks "group", or a
  *  failed read; NULL for a NULL or empty json. Blocks and is refused as a
- *  read is (then "{error}"). */
+ *  read is (then "{error}"). A json that is not UTF-8 gives "{error}", unsent. */
 LUMORA_EXPORT char* Lumora_ReadRecommendedList(const char* json);
 LUMORA_EXPORT char* CS_Lumora_ReadRecommendedList(const char* json); /**< The same as Lumora_ReadRecommendedList(). */
 /** The hint list of type ("source", "setting" or "channel", compared exactly;
  *  any other non-empty type reads the general list) from the settings store,
  *  or NULL for a NULL requester, a NULL or empty type, a list that is not
  *  stored, or a store that cannot be read. requester is otherwise only
- *  logged. */
+ *  logged. NULL also when requester or type is not valid UTF-8. */
 LUMORA_EXPORT char* Lumora_ReadHintList(const char* requester, const char* type);
 /** The same as Lumora_ReadHintList(). */
 LUMORA_EXPORT char* CS_Lumora_ReadHintList(const char* requester, const char* type);
 /** Leaves {"uri":uri,"data":data} for the agent in the settings store,
  *  replacing the one before. A NULL uri is stored as "". false when data is
- *  NULL or the store refuses. */
+ *  NULL or the store refuses, or when uri or data is not valid UTF-8. */
 LUMORA_EXPORT bool Lumora_STAction(const char* uri, const char* data);
 /** Stores one group's item list, json = {"group":..., "list":...}, in the
  *  settings store's item lists. Group "AccessibilityShortCut" (with "mode"
@@ -557,7 +557,7 @@ LUMORA_EXPORT bool Lumora_STAction(const char* uri, const char* data);
  *  replaces the whole stored value with that one group; any other group
  *  replaces only its own entry. false for a NULL json, a json that does not
  *  parse or lacks "group" or "list", another shortcut mode, or when the store
- *  refuses. */
+ *  refuses; also for a json that is not valid UTF-8. */
 LUMORA_EXPORT bool Lumora_WriteItemList(const char* json);
 LUMORA_EXPORT bool CS_WriteItemList(const char* json); /**< The same as Lumora_WriteItemList(). */
 /** @} */
@@ -601,14 +601,15 @@ LUMORA_EXPORT char* CS_GetCurrentChannelInfo(void);
  *  the service as a candidate order. Returns the service's order as one line of the same form
  *  ("null" when the service's order is empty), or NULL for a NULL or
  *  unparsable input, anything but a non-empty array, no answer, or an answer
- *  that is not JSON. */
+ *  that is not JSON. An input that is not valid UTF-8 counts as unparsable. */
 LUMORA_EXPORT char* CS_ReorderChannelList(const char* channel_list, int source);
 /** Asks the service to remove a channel (a one-way write of {"major",
  *  "minor","type"} to "Pref/Channel/Remove"); false when the write could not
  *  be sent. */
 LUMORA_EXPORT bool CS_RemoveChannelFromList(int major, int minor, LMF_SRC_EXT_TYPE type);
 /** The same, naming the channel's service id as well (to
- *  "Pref/Channel/RemoveWithServiceID"); false for a NULL serviceId. */
+ *  "Pref/Channel/RemoveWithServiceID"); false for a NULL serviceId.
+ *  false, nothing sent, for a serviceId that is not valid UTF-8. */
 LUMORA_EXPORT bool CS_RemoveChannelFromListWithServiceID(int major, int minor, const char* serviceId,
                                                          LMF_SRC_EXT_TYPE type);
 /** Registers cCallback for the channel list, programme-changed and
@@ -642,7 +643,7 @@ LUMORA_EXPORT bool CS_UnRegisterChannelCallback(void);
 /** Hands the home launcher's component componentId the JSON text jsonData:
  *  writes {"componentId":..., "jsonData":...} to "Raw/Firstscreen/Action",
  *  jsonData carried as a string. false for a NULL or empty argument or when
- *  the write could not be sent. */
+ *  the write could not be sent; also, nothing sent, for one that is not UTF-8. */
 LUMORA_EXPORT bool CS_SetFirstscreenAction(const char* componentId, const char* jsonData);
 /** @} */
 

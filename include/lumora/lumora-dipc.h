@@ -71,7 +71,9 @@ typedef struct LumoraDIPCHandle LumoraDIPCHandle;
  *  A returned handle only means that the name was requested: owning it is
  *  reported through onNameAcquired or onNameLost. When the object cannot be
  *  registered once the name is owned, only an error line is logged and
- *  onNameAcquired is not called. */
+ *  onNameAcquired is not called.
+ *  NULL also, with one error line, for a busName that is no well-known bus
+ *  name, an objectPath not an object path as cut, or a NULL or invalid XML. */
 LUMORA_EXPORT LumoraDIPCHandle* Lumora_DIPC_Start(const char* processName, int systemBus, const char* busName,
                                                   const char* objectPath, const char* introspectionXml, void* userData,
                                                   LumoraDIPCCallbacks callbacks);
@@ -87,14 +89,18 @@ LUMORA_EXPORT bool Lumora_DIPC_Stop(LumoraDIPCHandle** handlePtr);
  *  destination is NULL. A floating parameters is consumed whatever the result;
  *  a reference the caller holds stays the caller's. Returns true when the
  *  signal was queued; false when handle is NULL, when the name is not owned
- *  yet (no object registered), or when GIO refuses the signal. */
+ *  yet (no object registered), or when GIO refuses the signal.
+ *  false also, nothing sent, for names D-Bus would refuse, and parameters
+ *  that are not a tuple or hold text that is not UTF-8 (one error line). */
 LUMORA_EXPORT bool Lumora_DIPC_Publish(LumoraDIPCHandle* handle, const char* destination, GVariant* parameters,
                                        const char* interfaceName, const char* signalName);
 
 /** Answers a method call with parameters (a tuple of the method's out
  *  arguments, or NULL for none) and releases invocation. A floating parameters
  *  is consumed. A NULL invocation is only logged. Takes no lock; may be called
- *  from any thread. */
+ *  from any thread.
+ *  Parameters that are not a tuple or hold text that is not UTF-8 are not
+ *  sent: the caller gets org.freedesktop.DBus.Error.Failed (one error line). */
 LUMORA_EXPORT void Lumora_DIPC_SendData(GDBusMethodInvocation* invocation, GVariant* parameters);
 
 LUMORA_EXTERN_C_END

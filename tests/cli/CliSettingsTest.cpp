@@ -119,6 +119,20 @@ TEST_F(CliSettingsTest, AnAbsentKeyOfAWorkingStoreIsStillNotSet) {
     EXPECT_EQ("lumora: no hint list for source\n", hints.err);
 }
 
+TEST_F(CliSettingsTest, SetTakesAValueOverTheArgumentLimitFromStandardInput) {
+    const std::string value = "[\"" + std::string(200 * 1024, 'h') + "\"]";
+    const std::string file = m_dir.Write("hints.json", value + "\n");
+    RunResult set = RunProgram(
+        "/bin/sh", {"-c", "exec \"$0\" settings set db/lumora-service/source_hintlist - < \"$1\"", CliExecutable(), file});
+    EXPECT_EQ(0, set.exitStatus) << set.err;
+    RunResult get = Lumora({"settings", "get", "db/lumora-service/source_hintlist"});
+    EXPECT_EQ(0, get.exitStatus) << get.err;
+    EXPECT_TRUE(get.out == value + "\n") << get.out.size() << " bytes read back";
+    RunResult bad = RunProgram("/bin/sh", {"-c", "printf '\\377' | \"$0\" settings set k -", CliExecutable()});
+    EXPECT_EQ(1, bad.exitStatus);
+    EXPECT_EQ("lumora: VALUE (standard input) is not valid UTF-8\n", bad.err);
+}
+
 // The store, its files and its folder may be read but not written.
 TEST_F(CliSettingsTest, AReadOnlyStoreIsReadButNotWritten) {
     ASSERT_EQ(0, Lumora({"settings", "set", "db/lumora-service/source_hintlist", "[\"HDMI1\"]"}).exitStatus);

@@ -1,6 +1,7 @@
 // lumora, the command-line client, run as a process against lumora-sim.
 #include <gtest/gtest.h>
 #include <json/json.h>
+#include <unistd.h>
 
 #include <string>
 #include <vector>
@@ -104,11 +105,74 @@ TEST_F(CliUsageTest, ReadWhenTheFeatureIsOffFailsWithOneLine) {
     EXPECT_EQ(0u, read.err.find("lumora: the context service is disabled on this device")) << read.err;
 }
 
-TEST_F(CliUsageTest, StatusWithoutABusSaysSoAndFails) {
+TEST_F(CliUsageTest, StatusWithoutABusSaysSoAndFailsWithStatusThree) {
     RunResult status = Lumora({"status"});
-    EXPECT_EQ(1, status.exitStatus);
+    EXPECT_EQ(3, status.exitStatus);
     EXPECT_NE(std::string::npos, status.out.find("feature switch: enabled\n")) << status.out;
     EXPECT_NE(std::string::npos, status.out.find("bus: unreachable (unix:path=")) << status.out;
+    EXPECT_NE(std::string::npos, status.out.find("Could not connect")) << status.out;
+    EXPECT_NE(std::string::npos, status.out.find("\nservice: unknown (the bus is unreachable)\n")) << status.out;
+    // No answer, so no decision: not "denied".
+    EXPECT_NE(std::string::npos, status.out.find("\nwhitelist: unknown for lumora (the service did not answer)\n"))
+        << status.out;
+}
+
+TEST_F(CliUsageTest, StatusHelpListsItsExitStatuses) {
+    RunResult help = Lumora({"status", "--help"});
+    EXPECT_EQ(0, help.exitStatus);
+    for (const char* line :
+         {"  3  the bus is unreachable", "  4  the service is not running", "  5  the service does not answer",
+          "  6  the service is disabled", "  7  the service is not ready", "  8  the feature switch disables"}) {
+        EXPECT_NE(std::string::npos, help.out.find(line)) << line << "\n" << help.out;
+    }
+}
+
+// Text that is not UTF-8 could never travel as a D-Bus string.
+TEST_F(CliUsageTest, ArgumentsThatAreNotUtf8AreRefusedWithOneLineNamingThem) {
+    const struct {
+        std::vector<std::string> args;
+        const char* name;
+    } refusals[] = {
+        {{"read", "Ctx/\xff"}, "SUBJECT"},
+        {{"read", "Ctx/App/Info/Current", "{\"a\":\"\xc3\x28\"}"}, "INPUT"},
+        {{"write", "Ctx/\xff", "{}"}, "SUBJECT"},
+        {{"write", "Ctx/Test/X", "\xe2\x82"}, "DATA"},
+        {{"request", "--timeout", "3", "Ctx/\xff"}, "SUBJECT"},
+        {{"subscribe", "Ctx/A", "Ctx/\xff"}, "SUBJECT"},
+        {{"stats", "\xff"}, "KIND"},
+        {{"stats", "app", "\xff"}, "INPUT"},
+        {{"channels", "reorder", "[\xff]"}, "JSON_ARRAY"},
+        {{"channels", "remove", "9", "1", "air", "--service-id", "\xff"}, "--service-id"},
+        {{"channels", "--source", "\xff"}, "--source"},
+        {{"channels", "\xff"}, "argument 1"},
+        {{"action", "firstscreen", "\xff", "{}"}, "COMPONENT"},
+        {{"action", "firstscreen", "home", "{\"t\":\"\xff\"}"}, "JSON"},
+    };
+    for (const auto& refusal : refusals) {
+        RunResult run = Lumora(refusal.args);
+        EXPECT_EQ(1, run.exitStatus) << refusal.name;
+        EXPECT_EQ(std::string("lumora: ") + refusal.name + " is not valid UTF-8\n", run.err);
+        EXPECT_EQ("", run.out);
+    }
+}
+
+// A bus on which no service runs.
+class CliBusWithoutServiceTest : public CliNoServiceFixture {
+protected:
+    void SetUp() override { ASSERT_TRUE(m_privateBus.Start()); }
+    TestBus m_privateBus;
+};
+
+TEST_F(CliBusWithoutServiceTest, StatusSaysTheServiceIsNotRunningWithStatusFour) {
+    RunResult status = Lumora({"status"});
+    EXPECT_EQ(4, status.exitStatus);
+    EXPECT_EQ("feature switch: enabled\nbus: connected (" + m_privateBus.Address() +
+                  ")\nservice: not running (org.verdin.tv.lumora2 has no owner on the bus)\n"
+                  "whitelist: unknown for lumora (the service did not answer)\n",
+              status.out);
+    RunResult read = Lumora({"read", "Ctx/App/Info/Current"});
+    EXPECT_EQ(1, read.exitStatus);
+    EXPECT_EQ("lumora: the context service is not running (org.verdin.tv.lumora2 has no owner on the bus)\n", read.err);
 }
 
 // Commands against the simulator.
@@ -180,14 +244,91 @@ TEST_F(CliServiceTest, WriteSendsTheValue) {
     EXPECT_TRUE(WaitUntil([&] { return SimValue("Ctx/Test/FromCli") == "{\"a\":1}"; }, 5000));
 }
 
-TEST_F(CliServiceTest, ADisabledServiceIsNotReady) {
+TEST_F(CliServiceTest, ADisabledServiceIsSaidToBeDisabled) {
     ASSERT_TRUE(Control(sim::kCtlSetEnabled, g_variant_new("(b)", FALSE)));
     RunResult read = Lumora({"read", "Ctx/App/Info/Current"});
     EXPECT_EQ(1, read.exitStatus);
-    EXPECT_EQ("lumora: the context service is not ready\n", read.err);
+    EXPECT_EQ("lumora: the context service is disabled (it answers ServiceEnable with false)\n", read.err);
     RunResult status = Lumora({"status"});
-    EXPECT_EQ(1, status.exitStatus);
-    EXPECT_NE(std::string::npos, status.out.find("service: not enabled\n")) << status.out;
+    EXPECT_EQ(6, status.exitStatus);
+    EXPECT_EQ("feature switch: enabled\nbus: connected (" + m_bus.Address() +
+                  ")\nservice: disabled (it answers ServiceEnable with false)\nwhitelist: granted for lumora\n",
+              status.out);
+}
+
+TEST_F(CliServiceTest, AServiceThatDoesNotAnswerIsSaidNotToAnswer) {
+    ASSERT_TRUE(Control(sim::kCtlStopAnswering));
+    RunResult status = Lumora({"status"});
+    EXPECT_EQ(5, status.exitStatus);
+    EXPECT_EQ("feature switch: enabled\nbus: connected (" + m_bus.Address() +
+                  ")\nservice: not answering (no answer to ServiceEnable within 1 s)\n"
+                  "whitelist: unknown for lumora (the service did not answer)\n",
+              status.out);
+    RunResult read = Lumora({"read", "Ctx/App/Info/Current"});
+    EXPECT_EQ(1, read.exitStatus);
+    EXPECT_EQ("lumora: the context service is not answering (no answer to ServiceEnable within 1 s)\n", read.err);
+}
+
+TEST_F(CliServiceTest, AServiceWithoutItsReadinessMarkerIsSaidNotToBeReady) {
+    ASSERT_EQ(0, unlink("/tmp/lmf_service_ready"));
+    RunResult status = Lumora({"status"});
+    EXPECT_EQ(7, status.exitStatus);
+    EXPECT_NE(std::string::npos,
+              status.out.find("\nservice: not ready (it answers, but /tmp/lmf_service_ready is missing)\n"))
+        << status.out;
+}
+
+TEST_F(CliServiceTest, AWhiteListDenialIsShownButTheServiceIsAvailable) {
+    const gchar* names[] = {"tv-launcher", nullptr};
+    ASSERT_TRUE(Control(sim::kCtlSetWhiteList, g_variant_new("(^as)", names)));
+    RunResult status = Lumora({"status"});
+    EXPECT_EQ(0, status.exitStatus);
+    EXPECT_NE(
+        std::string::npos,
+        status.out.find("\nservice: available\nwhitelist: denied for lumora (internal subjects I... are refused)\n"))
+        << status.out;
+}
+
+TEST_F(CliServiceTest, TheFeatureSwitchOffFailsTheStatusWithStatusEight) {
+    ScopedEnv features("LUMORA_FEATURE_FILE",
+                       m_dir.Write("features.conf", "com.kaldor/featureconf/lumora.service_enable=false\n"));
+    RunResult status = Lumora({"status"});
+    EXPECT_EQ(8, status.exitStatus);
+    EXPECT_EQ(0u, status.out.find("feature switch: disabled (com.kaldor/featureconf/lumora.service_enable)\n"))
+        << status.out;
+    EXPECT_NE(std::string::npos, status.out.find("\nservice: available\n")) << status.out;
+}
+
+// Over the command line's limit for one argument (128 KiB).
+TEST_F(CliServiceTest, WriteTakesALargeValueFromStandardInputAndReadGivesItBack) {
+    const std::string value = "{\"blob\":\"" + std::string(1 << 20, 'x') + "\"}";
+    const std::string file = m_dir.Write("big.json", value);
+    RunResult write = RunProgram("/bin/sh", {"-c", "exec \"$0\" write Ctx/Test/Big - < \"$1\"", CliExecutable(), file});
+    EXPECT_EQ(0, write.exitStatus) << write.err;
+    EXPECT_EQ("", write.err);
+    EXPECT_TRUE(WaitUntil([&] { return SimValue("Ctx/Test/Big").size() == value.size(); }, 5000));
+    RunResult read = Lumora({"read", "Ctx/Test/Big"});
+    EXPECT_EQ(0, read.exitStatus) << read.err;
+    EXPECT_TRUE(read.out == value + "\n") << read.out.size() << " bytes read back";
+}
+
+TEST_F(CliServiceTest, WriteFromStandardInputLeavesOutOneFinalNewline) {
+    RunResult write =
+        RunProgram("/bin/sh", {"-c", "echo '{\"a\":1}' | \"$0\" write Ctx/Test/Piped -", CliExecutable()});
+    EXPECT_EQ(0, write.exitStatus) << write.err;
+    EXPECT_TRUE(WaitUntil([&] { return SimValue("Ctx/Test/Piped") == "{\"a\":1}"; }, 5000))
+        << SimValue("Ctx/Test/Piped");
+}
+
+TEST_F(CliServiceTest, WriteRefusesStandardInputThatIsNotUtf8) {
+    RunResult write = RunProgram("/bin/sh", {"-c", "printf '\\377' | \"$0\" write Ctx/Test/Piped -", CliExecutable()});
+    EXPECT_EQ(1, write.exitStatus);
+    EXPECT_EQ("lumora: DATA (standard input) is not valid UTF-8\n", write.err);
+    g_usleep(200 * 1000);
+    EXPECT_EQ("(0, '{}')", CallMethod(m_control, "org.verdin.tv.lumora2", "/org/verdin/tv/lumora2",
+                                      "org.verdin.tv.lumora.interface2", "RequestSync",
+                                      g_variant_new("(iiiss)", 0, 1, 0, "Ctx/Test/Piped", ""))
+                               .Print());
 }
 
 TEST_F(CliServiceTest, StatusShowsEverythingAvailable) {

@@ -4,6 +4,7 @@
 #include <lumora/lumora-api.h>
 
 #include <algorithm>
+#include <cstring>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -65,7 +66,15 @@ void OnBusAcquired(const char* name, void* data) { static_cast<Events*>(data)->A
 void OnNameAcquired(const char* name, void* data) { static_cast<Events*>(data)->AddName("acquired", name); }
 void OnNameLost(const char* name, void* data) { static_cast<Events*>(data)->AddName("lost", name); }
 
-// Answers Echo(text) with "echo:" + text through Lumora_DIPC_SendData.
+// A tuple whose string is not UTF-8. GLib checks nothing in data marked
+// trusted; GDBus would abort on it while writing the message.
+GVariant* UntrustworthyTuple() {
+    static const char data[] = "ab\xff";  // (s): the string and its NUL
+    return g_variant_new_from_data(G_VARIANT_TYPE("(s)"), data, sizeof data, TRUE, nullptr, nullptr);
+}
+
+// Answers Echo(text) with "echo:" + text through Lumora_DIPC_SendData; the
+// texts "not-a-tuple" and "not-utf8" get a reply that cannot be sent.
 void OnMethodCall(const char* sender, const char* path, const char* interface, const char* method, GVariant* parameters,
                   GDBusMethodInvocation* invocation, void* data) {
     gchar* printed = g_variant_print(parameters, FALSE);
@@ -74,7 +83,15 @@ void OnMethodCall(const char* sender, const char* path, const char* interface, c
     g_free(printed);
     const gchar* text = nullptr;
     g_variant_get(parameters, "(&s)", &text);
-    Lumora_DIPC_SendData(invocation, g_variant_new("(s)", (std::string("echo:") + text).c_str()));
+    GVariant* reply = nullptr;
+    if (strcmp(text, "not-a-tuple") == 0) {
+        reply = g_variant_new_string("bare");
+    } else if (strcmp(text, "not-utf8") == 0) {
+        reply = UntrustworthyTuple();
+    } else {
+        reply = g_variant_new("(s)", (std::string("echo:") + text).c_str());
+    }
+    Lumora_DIPC_SendData(invocation, reply);
 }
 
 const LumoraDIPCCallbacks kCallbacks = {OnBusAcquired, OnNameLost, OnNameAcquired, OnMethodCall};
@@ -289,6 +306,110 @@ TEST_F(DipcTest, ANameHeldByAnotherClientIsReportedLost) {
 TEST_F(DipcTest, SendDataWithoutAnInvocationLogsBothPointers) {
     Lumora_DIPC_SendData(nullptr, nullptr);
     EXPECT_EQ(1u, m_log.Count("Error: (nil) (nil)", 'E')) << m_log.Dump();
+}
+
+// Names, paths and XML that GIO would meet with a critical (now, or once the
+// name is owned) are refused at the start, with one line each.
+TEST_F(DipcTest, StartRefusesANameAPathOrXmlThatGioCannotTake) {
+    g_log_set_always_fatal(static_cast<GLogLevelFlags>(G_LOG_LEVEL_CRITICAL | G_LOG_LEVEL_WARNING));
+    // Cut to 49 characters, this path ends with "/".
+    const std::string cutAtASlash = "/org/example/dipc/" + std::string(30, 'a') + "/bbbb";
+    const struct {
+        const char* name;
+        const char* path;
+        const char* xml;
+        const char* line;
+    } refusals[] = {
+        {":1.5", kPath, kXml, "the bus name is not a valid well-known bus name"},
+        {"nodots", kPath, kXml, "the bus name is not a valid well-known bus name"},
+        {nullptr, kPath, kXml, "the bus name is not a valid well-known bus name"},
+        {"org.example.\xff", kPath, kXml, "the bus name is not a valid well-known bus name"},
+        {kName, "relative/path", kXml, "the object path (as cut to 49 characters) is not a valid object path"},
+        {kName, nullptr, kXml, "the object path (as cut to 49 characters) is not a valid object path"},
+        {kName, cutAtASlash.c_str(), kXml, "the object path (as cut to 49 characters) is not a valid object path"},
+        {kName, kPath, nullptr, "get node failed"},
+        {kName, kPath, "<node><interface name='x'/></node>", "get node failed"},
+    };
+    for (const auto& refusal : refusals) {
+        m_log.Mark();
+        LumoraDIPCHandle* handle = nullptr;
+        m_server.Invoke([&] {
+            handle =
+                Lumora_DIPC_Start("lumora-service", 1, refusal.name, refusal.path, refusal.xml, &m_events, kCallbacks);
+        });
+        EXPECT_EQ(nullptr, handle) << refusal.line;
+        std::vector<lumora::test::LogRecord> records = m_log.Records();
+        ASSERT_EQ(1u, records.size()) << m_log.Dump();
+        EXPECT_EQ(refusal.line, records[0].text);
+        EXPECT_EQ("Lumora_DIPC_Start", records[0].function);
+    }
+    EXPECT_TRUE(m_events.Names().empty());
+    EXPECT_FALSE(lumora::test::NameHasOwner(m_client, kName));
+}
+
+TEST_F(DipcTest, PublishRefusesNamesAndParametersThatDbusCannotCarry) {
+    ASSERT_TRUE(StartAndWaitForTheName());
+    g_log_set_always_fatal(static_cast<GLogLevelFlags>(G_LOG_LEVEL_CRITICAL | G_LOG_LEVEL_WARNING));
+    SignalRecorder recorder(m_bus.Address(), kName, kInterface, nullptr, kPath);
+    const struct {
+        const char* destination;
+        GVariant* parameters;
+        const char* interface;
+        const char* signal;
+        const char* line;
+    } refusals[] = {
+        {"not a name", g_variant_new("(s)", "x"), kInterface, "Changed", "the destination is not a valid bus name"},
+        {nullptr, g_variant_new("(s)", "x"), nullptr, "Changed",
+         "the interface name is not a valid D-Bus interface name"},
+        {nullptr, g_variant_new("(s)", "x"), "org.example.\xff", "Changed",
+         "the interface name is not a valid D-Bus interface name"},
+        {nullptr, g_variant_new("(s)", "x"), kInterface, "Chan-ged",
+         "the signal name is not a valid D-Bus member name"},
+        {nullptr, g_variant_new("(s)", "x"), kInterface, nullptr, "the signal name is not a valid D-Bus member name"},
+        {nullptr, g_variant_new_string("bare"), kInterface, "Changed", "the parameters are not a tuple"},
+        {nullptr, UntrustworthyTuple(), kInterface, "Changed", "the parameters hold a string that is not valid UTF-8"},
+    };
+    for (const auto& refusal : refusals) {
+        m_log.Mark();
+        bool sent = true;
+        m_server.Invoke([&] {
+            sent = Lumora_DIPC_Publish(m_handle, refusal.destination, refusal.parameters, refusal.interface,
+                                       refusal.signal);
+        });
+        EXPECT_FALSE(sent) << refusal.line;
+        std::vector<lumora::test::LogRecord> records = m_log.Records();
+        ASSERT_EQ(1u, records.size()) << m_log.Dump();
+        EXPECT_EQ(refusal.line, records[0].text);
+        EXPECT_EQ("Lumora_DIPC_Publish", records[0].function);
+    }
+    // The publisher goes on working; the refused signals never left.
+    ASSERT_TRUE(Publish(nullptr, "after"));
+    ASSERT_TRUE(recorder.WaitForCount(1, kTimeoutMs));
+    g_usleep(200 * 1000);
+    std::vector<lumora::test::ReceivedSignal> signals = recorder.Signals();
+    ASSERT_EQ(1u, signals.size());
+    gchar* printed = g_variant_print(signals[0].parameters.get(), FALSE);
+    EXPECT_STREQ("('after',)", printed);
+    g_free(printed);
+}
+
+TEST_F(DipcTest, AReplyThatCannotBeSentAnswersTheCallerWithAnErrorInstead) {
+    ASSERT_TRUE(StartAndWaitForTheName());
+    g_log_set_always_fatal(static_cast<GLogLevelFlags>(G_LOG_LEVEL_CRITICAL | G_LOG_LEVEL_WARNING));
+    m_log.Mark();
+    CallResult bare = Echo(kPath, "not-a-tuple");
+    EXPECT_EQ("org.freedesktop.DBus.Error.Failed", bare.errorName) << bare.Print();
+    EXPECT_NE(std::string::npos, bare.errorMessage.find("the parameters are not a tuple")) << bare.Print();
+    CallResult invalid = Echo(kPath, "not-utf8");
+    EXPECT_EQ("org.freedesktop.DBus.Error.Failed", invalid.errorName) << invalid.Print();
+    EXPECT_NE(std::string::npos, invalid.errorMessage.find("the parameters hold a string that is not valid UTF-8"))
+        << invalid.Print();
+    std::vector<lumora::test::LogRecord> records = m_log.Records();
+    ASSERT_EQ(2u, records.size()) << m_log.Dump();
+    EXPECT_EQ("Lumora_DIPC_SendData", records[0].function);
+    EXPECT_EQ("Lumora_DIPC_SendData", records[1].function);
+    // Answered as before.
+    EXPECT_EQ("('echo:fine',)", Echo(kPath, "fine").Print());
 }
 
 }  // namespace

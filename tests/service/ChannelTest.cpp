@@ -382,7 +382,8 @@ TEST_F(ChannelTest, RemovalRequestsAreWrittenInBothForms) {
     EXPECT_EQ("{\"major\":202,\"minor\":0,\"service_id\":\"stb-202\",\"type\":\"CABLE\"}",
               CompactJson(ParseJson(writes[3].input)));
     // What the simulator took in.
-    EXPECT_EQ(ParseJson(writes[3].input), ParseJson(SimValue("Pref/Channel/RemoveWithServiceID")));
+    EXPECT_TRUE(WaitUntil(
+        [&] { return ParseJson(writes[3].input) == ParseJson(SimValue("Pref/Channel/RemoveWithServiceID")); }, 5000));
 }
 
 TEST_F(ChannelTest, ANullServiceIdFailsAtTheBoundaryWithoutWriting) {
@@ -468,7 +469,9 @@ TEST_F(ChannelTest, VoiceActionsWriteTheirDocuments) {
         "{\"category\":\"channel\",\"cmd_name\":\"tune\",\"ext_param\":[{\"value\":\"AIR\"},{\"value\":\"now\"}],"
         "\"param\":[{\"value\":\"7\"},{\"value\":\"1\"}]}",
         CompactJson(ParseJson(writes[2].input)));
-    EXPECT_EQ(ParseJson(writes[2].input), ParseJson(SimValue("Raw/Voice/Parlo/SetAction")));
+    // Stored once the simulator has taken the write in, on its own time.
+    EXPECT_TRUE(WaitUntil(
+        [&] { return ParseJson(writes[2].input) == ParseJson(SimValue("Raw/Voice/Parlo/SetAction")); }, 5000));
 }
 
 // ---- answers that lumora-sim never gives ---------------------------------------------

@@ -292,16 +292,24 @@ TEST_F(LumoraApiTest, TextsThatAreNotUtf8AreRefusedWithoutBusTraffic) {
     Start();
     const std::string bad = "Ctx/\xff/Bad";
     std::string output = "unchanged";
+    m_log.Mark();
     EXPECT_FALSE(Api()->Read(bad, "", output));
-    EXPECT_TRUE(m_log.From("error -3", kUnit, "Read")) << m_log.Dump();
+    EXPECT_TRUE(m_log.From("subject is not valid UTF-8", kUnit, "Read")) << m_log.Dump();
     EXPECT_FALSE(Api()->Write("Ctx/Test/Written", "{\"v\":\"\xc3\"}"));
-    EXPECT_TRUE(m_log.From("error -3", kUnit, "Write")) << m_log.Dump();
+    EXPECT_TRUE(m_log.From("input is not valid UTF-8", kUnit, "Write")) << m_log.Dump();
+    // One line each, the bus client never asked.
+    size_t libraryLines = 0;
+    for (const LogRecord& record : m_log.Records()) libraryLines += record.tag == "LMF_API";
+    EXPECT_EQ(2u, libraryLines) << m_log.Dump();
     EXPECT_FALSE(Subscribe(bad, Recorded<1>, nullptr));
     EXPECT_TRUE(m_log.From("subject is not valid UTF-8", kUnit, "Subscribe")) << m_log.Dump();
     // Not in the table: the same subject with another callback is refused
     // again rather than counted as a second callback.
     EXPECT_FALSE(Subscribe(bad, Recorded<2>, nullptr));
-    EXPECT_EQ(2u, m_log.Count("subject is not valid UTF-8", 'E'));
+    EXPECT_EQ(3u, m_log.Count("subject is not valid UTF-8", 'E'));  // the read's and both subscriptions'
+    size_t subscribeLines = 0;  // the refusals alone, not the usual "Subscribe [...]" line
+    for (const LogRecord& record : m_log.Records()) subscribeLines += record.function == "Subscribe";
+    EXPECT_EQ(2u, subscribeLines) << m_log.Dump();
     EXPECT_TRUE(LibraryCalls().empty());
 }
 

@@ -164,15 +164,21 @@ TEST_F(RequestTest, TextThatIsNotUtf8IsRefusedAsABadArgumentWithoutAGLibCritical
     Start();
     // A GLib critical or warning would end the test with a crash.
     g_log_set_always_fatal(static_cast<GLogLevelFlags>(G_LOG_LEVEL_CRITICAL | G_LOG_LEVEL_WARNING));
+    // Refused where the application's call enters, with that one line: the
+    // bus client is never asked (it would refuse too, with "error -3").
+    m_log.Mark();
     EXPECT_FALSE(Lumora_Request("Ctx/\xff/Current", nullptr, Recorded<1>, nullptr));
-    EXPECT_TRUE(m_log.From("[myapp] szSubject is not valid UTF-8", "DBusClient.cpp", "Request")) << m_log.Dump();
+    EXPECT_TRUE(m_log.From("[myapp] szSubject is not valid UTF-8", "LMFServiceAPI.cpp", "Request")) << m_log.Dump();
     EXPECT_FALSE(Lumora_RequestCurrentAppInfo("{\"a\":\"\xc3\x28\"}", Recorded<1>, nullptr));
-    EXPECT_TRUE(m_log.From("[myapp] input is not valid UTF-8", "DBusClient.cpp", "Request")) << m_log.Dump();
-    EXPECT_EQ(2u, m_log.Count("error -3", 'E'));
+    EXPECT_TRUE(m_log.From("[myapp] input is not valid UTF-8", "LMFServiceAPI.cpp", "Request")) << m_log.Dump();
     EXPECT_EQ(nullptr, Lumora_Read("Ctx/App/Info/\xe2\x82", nullptr));
-    EXPECT_TRUE(m_log.From("[myapp] szSubject is not valid UTF-8", "DBusClient.cpp", "__RequestSync"));
+    EXPECT_TRUE(m_log.From("[myapp] szSubject is not valid UTF-8", "LMFServiceAPI.cpp", "Read"));
     EXPECT_FALSE(CS_Lumora_Write("Raw/Setting/Selected/Item", "\xff"));
-    EXPECT_TRUE(m_log.From("[myapp] input is not valid UTF-8", "DBusClient.cpp", "__WriteAsync"));
+    EXPECT_TRUE(m_log.From("[myapp] input is not valid UTF-8", "LMFServiceAPI.cpp", "Write"));
+    size_t libraryLines = 0;
+    for (const LogRecord& record : m_log.Records()) libraryLines += record.tag == "LMF_API";
+    EXPECT_EQ(4u, libraryLines) << m_log.Dump();
+    EXPECT_EQ(0u, m_log.Count("error -3"));
     g_usleep(300 * 1000);
     EXPECT_TRUE(LibraryCalls().empty());
     EXPECT_EQ(0u, Recorder().Count());

@@ -134,6 +134,11 @@ protected:
     void Start() {
         ASSERT_TRUE(Lumora_InitService());
         ASSERT_TRUE(LMFServiceAPI::IsAvailable());
+        // The start's "ServiceEnable" has been answered, but the monitor may
+        // not have recorded it yet: cleared before that, it would show up
+        // among the calls of the test. The log is marked after the settling
+        // call, which the simulator logs too.
+        m_monitor->Settle(m_control);
         m_log.Mark();
         m_monitor->Clear();
     }

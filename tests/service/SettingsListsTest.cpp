@@ -157,6 +157,23 @@ TEST_F(SettingsListsTest, ItemListInputMustBeJsonWithGroupAndList) {
     EXPECT_EQ("<null>", Stored("db/lumora-service/itemlist"));
 }
 
+TEST_F(SettingsListsTest, ItemListWhoseEscapesWouldStoreBrokenTextIsRefused) {
+    ASSERT_TRUE(Lumora_WriteItemList("{\"group\":\"AccessibilityShortCut\",\"mode\":\"default\",\"list\":[1]}"));
+    std::string before = Stored("db/lumora-service/itemlist");
+    // A NUL in the group name would cut it to the shortcut group's name.
+    EXPECT_FALSE(Lumora_WriteItemList("{\"group\":\"AccessibilityShortCut\\u0000x\",\"list\":[]}"));
+    EXPECT_TRUE(m_log.From("Invalid Input Parameter, the group name holds a NUL character", "LMFServiceAPI.cpp",
+                           "WriteItemList"))
+        << m_log.Dump();
+    // A lone surrogate decodes to bytes that are not UTF-8.
+    EXPECT_FALSE(Lumora_WriteItemList("{\"group\":\"Apps\",\"list\":[\"\\udc00\"]}"));
+    EXPECT_TRUE(m_log.Has("Invalid Input Parameter, an escape in the input is not a whole UTF-8 character", 'E'))
+        << m_log.Dump();
+    EXPECT_EQ(before, Stored("db/lumora-service/itemlist"));
+    // A whole character written as a surrogate pair is fine.
+    EXPECT_TRUE(Lumora_WriteItemList("{\"group\":\"Apps\",\"list\":[\"\\ud83d\\ude00\"]}"));
+}
+
 TEST_F(SettingsListsTest, CorruptStoredItemListIsReplacedAsIfNothingWasStored) {
     settings_set_str("db/lumora-service/itemlist", "{not json");
     EXPECT_TRUE(Lumora_WriteItemList("{\"group\":\"HomeApps\",\"list\":[1]}"));

@@ -296,5 +296,41 @@ TEST_F(SimControlTest, TheCtlCommandFailsWithStatus1WhenNoSimulatorRuns) {
     EXPECT_EQ(0u, status.err.find("lumora-sim ctl: status: ")) << status.err;
 }
 
+// Every ctl argument travels as a D-Bus string: one that is not UTF-8 is a
+// usage error, named by the usage, and nothing reaches the simulator.
+TEST_F(SimControlTest, TheCtlCommandRefusesArgumentsThatAreNotUtf8WithStatus2) {
+    const struct {
+        std::vector<std::string> args;
+        const char* reason;
+    } refusals[] = {
+        {{"ctl", "set", "Ctx/\xff", "{}"}, "SUBJECT"},
+        {{"ctl", "set", "Ctx/A", "{\"a\":\"\xc3\x28\"}"}, "DATA"},
+        {{"ctl", "emit", "Ctx/A", "\xe2\x82"}, "DATA"},
+        {{"ctl", "whitelist", "tv-launcher", "tv-\xff"}, "NAME"},
+        {{"ctl", "event", "\xff"}, "argument 1"},
+        {{"ctl", "--address", "unix:path=/tmp/\xff", "status"}, "ADDRESS"},
+    };
+    for (const auto& refusal : refusals) {
+        RunResult run = SimProcess::Run(refusal.args);
+        EXPECT_EQ(2, run.exitStatus) << refusal.reason;
+        EXPECT_EQ(std::string("lumora-sim ctl: ") + refusal.reason + " is not valid UTF-8\n", run.err);
+        EXPECT_EQ("", run.out);
+    }
+    EXPECT_EQ("(0, '{}')", Read("Ctx/A").Print());
+    // The scenario's whitelist, unchanged.
+    EXPECT_EQ("(true, '{\"WhiteList\":[\"lumora\",\"tv-launcher\",\"tv-settings\"]}')", ServiceEnable().Print());
+}
+
+// A \u escape can still make a string that is not UTF-8 out of valid text.
+TEST_F(SimControlTest, StatisticsWithAnEscapeOfALoneSurrogateAreRefused) {
+    RunResult refused = SimProcess::Run({"ctl", "stats", "I/TallyDB/Genre/Duration", "[[1, 2, \"\\udc80\", \"x\"]]"});
+    EXPECT_EQ(1, refused.exitStatus);
+    EXPECT_NE(std::string::npos, refused.err.find("tuples[0][2]: not valid UTF-8 (a \\u escape of a lone surrogate)"))
+        << refused.err;
+    // Still serving, with the statistics as they were.
+    EXPECT_TRUE(RequestAsync("I/TallyDB/Genre/Duration").Ok());
+    EXPECT_TRUE(ServiceEnable().Ok());
+}
+
 }  // namespace
 }  // namespace lumora::test

@@ -2,10 +2,12 @@
 // SIGTERM and SIGINT, calls left open at exit, a second simulator, --help.
 #include <signal.h>
 
+#include <algorithm>
 #include <chrono>
 #include <future>
 
 #include "BusMonitor.h"
+#include "ChildProcess.h"
 #include "SimFixture.h"
 
 namespace lumora::test {
@@ -89,7 +91,9 @@ TEST_F(SimLifecycleTest, ASecondSimulatorCannotOwnTheNameAndExitsWithStatusOne) 
     ASSERT_TRUE(m_sim.Start());
     RunResult second = SimProcess::Run({"--scenario", SampleScenario()});
     EXPECT_EQ(1, second.exitStatus) << second.err;
-    EXPECT_NE(std::string::npos, second.err.find("could not own org.verdin.tv.lumora2")) << second.err;
+    // Said once: the bus is there, the name is another's.
+    EXPECT_EQ("lumora-sim: could not own org.verdin.tv.lumora2 on the system bus (is another service running?)\n",
+              second.err);
     EXPECT_TRUE(ReadyMarkerExists());
     EXPECT_TRUE(ServiceEnable().Ok());
 }
@@ -131,6 +135,29 @@ TEST_F(SimLifecycleTest, TheSimulatorLogsThroughThePlatformLog) {
     EXPECT_TRUE(m_log.Has("BYE", 'I')) << m_log.Dump();
     EXPECT_TRUE(m_log.Has("stopped, exit status 0", 'I')) << m_log.Dump();
     for (const LogRecord& record : m_log.Find("BYE")) EXPECT_EQ("LUMORA_SIM", record.tag);
+}
+
+TEST_F(SimLifecycleTest, LosingTheBusIsSaidOnceAsSuchAndEndsWithStatusOne) {
+    ChildProcess sim;
+    ASSERT_TRUE(sim.Start(SimExecutable(), {"--scenario", SampleScenario()}));
+    ASSERT_TRUE(WaitUntil([&] { return NameHasOwner(m_client, contract::kBusName) && ReadyMarkerExists(); }, 10000));
+    m_bus.Stop();
+    EXPECT_EQ(1, sim.Wait(10000));
+    std::string err = sim.Err();
+    EXPECT_EQ(0u, err.find("lumora-sim: lost the bus connection (")) << err;
+    EXPECT_EQ(1u, std::count(err.begin(), err.end(), '\n')) << err;
+    EXPECT_EQ(std::string::npos, err.find("another service")) << err;
+    EXPECT_FALSE(ReadyMarkerExists());
+}
+
+TEST_F(SimLifecycleTest, WithoutABusTheSimulatorSaysItCannotConnect) {
+    TempDir dir;
+    const std::string nowhere = "unix:path=" + dir.File("no-bus");
+    ScopedEnv address("DBUS_SYSTEM_BUS_ADDRESS", nowhere);
+    RunResult run = SimProcess::Run({"--scenario", SampleScenario()});
+    EXPECT_EQ(1, run.exitStatus);
+    EXPECT_EQ("lumora-sim: cannot connect to the system bus (" + nowhere + ")\n", run.err);
+    EXPECT_FALSE(ReadyMarkerExists());
 }
 
 }  // namespace

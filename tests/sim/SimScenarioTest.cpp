@@ -96,6 +96,60 @@ TEST_F(SimScenarioTest, ADelayBeyondTenMinutesIsRefused) {
               Refusal("{\"delaysMs\": {\"X\": 600001}}"));
 }
 
+TEST_F(SimScenarioTest, ANegativeDelayIsRefusedAsOneThatMustBeZeroOrMore) {
+    EXPECT_EQ(At("1:20", "delaysMs[\"X\"]: must be zero or more"), Refusal("{\"delaysMs\": {\"X\": -5}}"));
+    EXPECT_EQ(At("1:20", "delaysMs[\"X\"]: must be zero or more"), Refusal("{\"delaysMs\": {\"X\": -0.5}}"));
+}
+
+TEST_F(SimScenarioTest, AMemberNameWithALineBreakIsReportedOnOneLine) {
+    EXPECT_EQ(At("1:10", "a\\nb: unknown key"), Refusal("{\"a\\nb\": 1}"));
+    // A raw line break inside the name, which jsoncpp takes.
+    EXPECT_EQ(At("2:5", "enablenable: 1}\\nd: unknown key"), Refusal("{\"enablenable: 1}\nd\": 1}\n"));
+}
+
+TEST_F(SimScenarioTest, NestingTooDeepIsReportedWhereItStarts) {
+    std::string deep = "{\"values\": {\"X\": " + std::string(600, '[') + std::string(600, ']') + "}}";
+    // The 511th bracket opens the 513th level, after the two braces.
+    EXPECT_EQ(At("1:528", "nested more than 512 levels deep"), Refusal(deep));
+    // Brackets inside comments and strings do not count: this file is refused
+    // only for its unknown key.
+    std::string quoted =
+        "// " + std::string(600, '[') + "\n{\"values\": {\"X\": \"" + std::string(600, '{') + "\"}, \"zz\": 1}";
+    EXPECT_EQ(At("2:629", "zz: unknown key"), Refusal(quoted));
+}
+
+TEST_F(SimScenarioTest, ADelayThatIsNoWholeNumberIsRefusedAsSuch) {
+    EXPECT_EQ(At("1:20", "delaysMs[\"X\"]: expected a number of milliseconds, found a string"),
+              Refusal("{\"delaysMs\": {\"X\": \"5\"}}"));
+}
+
+TEST_F(SimScenarioTest, ADirectoryIsRefusedAsADirectory) {
+    RunResult result = SimProcess::Run({"--scenario", m_dir.Path()});
+    EXPECT_EQ(2, result.exitStatus);
+    EXPECT_EQ("lumora-sim: " + m_dir.Path() + ": is a directory\n", result.err);
+    EXPECT_TRUE(m_log.Has("scenario refused: " + m_dir.Path() + ": is a directory", 'E')) << m_log.Dump();
+}
+
+// Every string of a scenario becomes a D-Bus string, which must be UTF-8.
+TEST_F(SimScenarioTest, AByteThatIsNotUtf8IsRefusedWhereItStands) {
+    EXPECT_EQ(At("2:26", "not valid UTF-8"), Refusal("{\n  \"values\": {\"Ctx/A\": \"ab\xff\"}\n}\n"));
+    EXPECT_EQ(At("1:18", "not valid UTF-8"), Refusal("{\"values\": {\"Ctx/\xff\": 1}}"));
+    EXPECT_EQ(At("1:20", "not valid UTF-8"), Refusal("{\"whiteList\": [\"tv-\xc3\x28\"]}"));
+    // Also where jsoncpp would never look: in a comment.
+    EXPECT_EQ(At("2:6", "not valid UTF-8"), Refusal("{\n  // \xe2\x82 the den\n}\n"));
+    EXPECT_EQ(At("1:2", "a NUL byte"), Refusal(std::string("{\0}", 3)));
+}
+
+TEST_F(SimScenarioTest, AnEscapeOfALoneSurrogateIsRefusedAtItsString) {
+    EXPECT_EQ(At("1:22", "values[\"Ctx/A\"]: not valid UTF-8 (a \\u escape of a lone surrogate)"),
+              Refusal("{\"values\": {\"Ctx/A\": \"\\udc80\"}}"));
+    EXPECT_EQ(At("1:23", "values: a member name is not valid UTF-8"), Refusal("{\"values\": {\"\\udc80\": 1}}"));
+    EXPECT_EQ(At("2:39",
+                 "statistics[\"I/TallyDB/Genre/Duration\"][0][2]: not valid UTF-8 (a \\u escape of a "
+                 "lone surrogate)"),
+              Refusal("{\"statistics\": {\n  \"I/TallyDB/Genre/Duration\": [[1, 2, \"\\udc80\", \"x\"]]}}"));
+}
+
 TEST_F(SimScenarioTest, ADuplicateKeyIsRefused) {
     std::string err = Refusal("{\"enabled\": true,\n \"enabled\": false}");
     EXPECT_EQ(0u, err.find("lumora-sim: " + m_path + ":2:")) << err;

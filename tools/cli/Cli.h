@@ -22,6 +22,13 @@ using OwnedText = std::unique_ptr<char, FreeDeleter>;
 constexpr int kOk = 0;
 constexpr int kFailed = 1;
 constexpr int kUsage = 2;
+// "lumora status": what stands between this process and the service.
+constexpr int kStatusBusUnreachable = 3;
+constexpr int kStatusNotRunning = 4;
+constexpr int kStatusNotAnswering = 5;
+constexpr int kStatusDisabled = 6;
+constexpr int kStatusNotReady = 7;
+constexpr int kStatusSwitchOff = 8;
 
 // Options that only some commands take (Command::options).
 enum CommandOption : unsigned {
@@ -66,6 +73,44 @@ int RunStats(const Options& options, const std::vector<std::string>& args);
 int RunSubscribe(const Options& options, const std::vector<std::string>& args);
 // The channel list services: list, reorder, remove, watch.
 int RunChannels(const Options& options, const std::vector<std::string>& args);
+
+int RunStatus(const Options& options, const std::vector<std::string>& args);
+
+// Texts (Text.cpp). Every argument and option value of command must be valid
+// UTF-8, since it travels as a D-Bus string; false after the one line
+// "lumora: SUBJECT is not valid UTF-8" (the name from the usage) otherwise.
+bool ArgumentsAreText(const Command& command, const std::vector<std::string>& args, const Options& options);
+// Standard input up to its end, less one final newline; false with reason
+// when it cannot be read or holds more than one bus message can carry.
+bool ReadStandardInput(std::string& text, std::string& reason);
+// The value of a VALUE argument: arg itself, or standard input when arg is
+// "-". False after one line naming it (name) when it cannot be read or is
+// not valid UTF-8.
+bool ValueArgument(const std::string& arg, const std::string& name, std::string& value);
+
+// Why the service cannot be used (Diagnosis.cpp).
+enum class ServiceProblem {
+    kNone,            // it answers, is enabled and ready
+    kBusUnreachable,  // no connection to the system bus
+    kNotRunning,      // the service's name has no owner
+    kNotAnswering,    // "ServiceEnable" timed out or failed
+    kDisabled,        // it answers that it is not enabled
+    kNotReady,        // it answers, but the readiness marker is missing
+};
+struct ServiceDiagnosis {
+    ServiceProblem problem = ServiceProblem::kNone;
+    std::string address;  // the system bus's address, when known
+    std::string detail;   // GIO's reason, for an unreachable bus or no answer
+    bool markerPresent = false;
+};
+// Looks at the bus and the service on a connection of its own (blocks up to
+// about 2 s when the service does not answer).
+ServiceDiagnosis DiagnoseService();
+// The system bus's address as GIO finds it, or "no address".
+std::string BusAddress();
+// The service's state as "lumora status" words it: "available", "not
+// running (...)", ...
+std::string ServiceState(const ServiceDiagnosis& diagnosis);
 
 // Output: values on stdout, one-line reasons on stderr.
 void PrintValue(const Options& options, const std::string& value);

@@ -1,8 +1,6 @@
 // lumora: the commands.
-#include <gio/gio.h>
 #include <lumora/lumora-api.h>
 #include <lumora/lumora-platform.h>
-#include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>
@@ -44,8 +42,10 @@ int RunRead(const Options& options, const Args& args) {
 }
 
 int RunWrite(const Options&, const Args& args) {
+    std::string data;
+    if (!ValueArgument(args[1], "DATA", data)) return kFailed;
     if (!StartService()) return kFailed;
-    bool queued = CS_Lumora_Write(args[0].c_str(), args[1].c_str());
+    bool queued = CS_Lumora_Write(args[0].c_str(), data.c_str());
     StopService();
     return queued ? kOk : Fail("the write to " + args[0] + " was not sent");
 }
@@ -87,7 +87,10 @@ int RunSettings(const Options& options, const Args& args) {
         return kOk;
     }
     if (action == "set" && args.size() == 3) {
-        if (settings_set_str(args[1].c_str(), args[2].c_str()) != 0) return Fail(NotFound("cannot store " + args[1]));
+        // "-" reads the value from standard input, as for write.
+        std::string value;
+        if (!ValueArgument(args[2], "VALUE", value)) return kFailed;
+        if (settings_set_str(args[1].c_str(), value.c_str()) != 0) return Fail(NotFound("cannot store " + args[1]));
         return kOk;
     }
     fprintf(stderr, "usage: lumora settings get KEY | lumora settings set KEY VALUE\n");
@@ -123,25 +126,6 @@ int RunHints(const Options& options, const Args& args) {
     return kOk;
 }
 
-int RunStatus(const Options&, const Args&) {
-    bool enabled = Is_LMFSupported();
-    printf("feature switch: %s\n", enabled ? "enabled" : "disabled");
-    gchar* address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
-    LMF_INIT_RESULT result = Lumora_InitServiceWithResponse(nullptr, nullptr);
-    printf("bus: %s (%s)\n", result == LMF_INIT_CONNECTION_FAILED ? "unreachable" : "connected",
-           address != nullptr ? address : "no address");
-    g_free(address);
-    const char* service = "available";
-    if (result == LMF_INIT_CONNECTION_FAILED) service = "unknown";
-    if (result == LMF_INIT_SERVICE_NOT_READY)
-        service = access("/tmp/lmf_service_ready", F_OK) == 0 ? "not enabled" : "not started";
-    printf("service: %s\n", service);
-    bool granted = LMFServiceAPI::m_pDbusClient != nullptr && LMFServiceAPI::m_pDbusClient->CheckWhiteListProcess();
-    printf("whitelist: %s for %s\n", granted ? "granted" : "denied", LMFServiceAPI::_GetProcessName());
-    StopService();
-    return (enabled && result == LMF_INIT_OK) ? kOk : kFailed;
-}
-
 }  // namespace
 
 std::string ReadFailure(const std::string& subject, int code) {
@@ -169,8 +153,11 @@ const std::vector<Command>& Commands() {
          "Example: lumora read Ctx/Media/Source/Info/Current",
          1, 2, kNoOptions, RunRead},
         {"write", "SUBJECT DATA", "send a value to a subject",
-         "Writes DATA to SUBJECT. The write is queued, not acknowledged.\n"
-         "Example: lumora write Raw/Setting/Selected/Item '{\"item\":\"Picture\"}'",
+         "Writes DATA to SUBJECT. The write is queued, not acknowledged. DATA \"-\" reads\n"
+         "the value from standard input (less one final newline), for values over the\n"
+         "command line's limit; it must be valid UTF-8, as every argument must.\n"
+         "Example: lumora write Raw/Setting/Selected/Item '{\"item\":\"Picture\"}'\n"
+         "         lumora write Ctx/Test/Big - < value.json",
          2, 2, kNoOptions, RunWrite},
         {"settings", "get KEY | set KEY VALUE", "read or write the settings store",
          "Reads or writes one key of the platform settings store\n"
@@ -183,7 +170,16 @@ const std::vector<Command>& Commands() {
          1, 1, kNoOptions, RunHints},
         {"status", "", "show whether the context service can be used",
          "Shows the feature switch, the bus, the service's availability and the\n"
-         "whitelist decision for this process. Exits 0 when the service is available.",
+         "whitelist decision for this process, one line each. The exit status names\n"
+         "the first thing that stands between this process and the service:\n"
+         "  0  available (a whitelist denial only refuses internal subjects)\n"
+         "  1  the service answers this tool, but the library's own start failed\n"
+         "  3  the bus is unreachable (DBUS_SYSTEM_BUS_ADDRESS, else the system bus)\n"
+         "  4  the service is not running: org.verdin.tv.lumora2 has no owner\n"
+         "  5  the service does not answer (no answer to ServiceEnable within 1 s)\n"
+         "  6  the service is disabled: it answers ServiceEnable with false\n"
+         "  7  the service is not ready: /tmp/lmf_service_ready is missing\n"
+         "  8  the feature switch disables the service on this device",
          0, 0, kNoOptions, RunStatus},
         {"request", "[--timeout SECONDS] SUBJECT [INPUT]", "ask for a subject's value without blocking",
          "Asks for SUBJECT's value the way applications do, without blocking\n"

@@ -5,6 +5,22 @@
 
 namespace lumora::cli {
 
+namespace {
+
+// The library says only "not ready"; the tool looks for the reason itself.
+std::string NotReadyReason() {
+    ServiceDiagnosis diagnosis = DiagnoseService();
+    switch (diagnosis.problem) {
+        case ServiceProblem::kNone:
+        case ServiceProblem::kBusUnreachable:  // gone since the library connected
+            return "the context service is not ready";
+        default:
+            return "the context service is " + ServiceState(diagnosis);
+    }
+}
+
+}  // namespace
+
 bool StartService() {
     if (!Is_LMFSupported()) {
         Fail("the context service is disabled on this device (feature com.kaldor/featureconf/lumora.service_enable)");
@@ -18,7 +34,7 @@ bool StartService() {
             break;
         case LMF_INIT_SERVICE_NOT_READY:
         default:  // the library gives no other outcome
-            Fail("the context service is not ready");
+            Fail(NotReadyReason());
             break;
     }
     StopService();

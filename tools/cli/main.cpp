@@ -53,6 +53,10 @@ const Command* FindCommand(const std::string& name) {
     return nullptr;
 }
 
+bool UsesSettingsStoreOnly(const Command& command) {
+    return strcmp(command.name, "settings") == 0 || strcmp(command.name, "hints") == 0;
+}
+
 // Whole seconds from 1 to the maximum; false otherwise.
 bool ParseSeconds(const std::string& text, unsigned& seconds) {
     if (text.empty() || text.size() > 6 || text.find_first_not_of("0123456789") != std::string::npos) return false;
@@ -179,5 +183,9 @@ int main(int argc, char** argv) {
         PrintCommandHelp(stderr, *command);
         return lumora::cli::kUsage;
     }
+    // Refused before anything is started or sent. The settings store's
+    // commands keep their own rules: their texts never go on the bus.
+    if (!UsesSettingsStoreOnly(*command) && !lumora::cli::ArgumentsAreText(*command, args, line.options))
+        return lumora::cli::kFailed;
     return command->run(line.options, args);
 }

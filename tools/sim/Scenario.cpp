@@ -2,7 +2,11 @@
 // so that a typo is reported with its position instead of answered wrongly.
 #include "Scenario.h"
 
+#include <glib.h>
+#include <sys/stat.h>
+
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <memory>
@@ -63,7 +67,10 @@ public:
         return FailAt(at, path + ": " + what);
     }
     bool FailAt(const Json::Value& at, const std::string& message) {
-        m_error = m_file + ":" + Position(at.getOffsetStart()) + ": " + message;
+        return FailAtOffset(at.getOffsetStart(), message);
+    }
+    bool FailAtOffset(ptrdiff_t offset, const std::string& message) {
+        m_error = m_file + ":" + Position(offset) + ": " + message;
         return false;
     }
     bool Expect(const Json::Value& value, bool ok, const std::string& path, const char* expected) {
@@ -92,6 +99,88 @@ private:
 };
 
 std::string MemberPath(const std::string& parent, const std::string& key) { return parent + "[\"" + key + "\"]"; }
+
+// The whole file must be UTF-8 (as JSON text is): the first byte that is not
+// is reported where it stands, before jsoncpp, which takes any byte inside a
+// string, hands it on.
+bool CheckUtf8Text(Checker& check, const std::string& text) {
+    const gchar* end = nullptr;
+    if (g_utf8_validate(text.data(), static_cast<gssize>(text.size()), &end)) return true;
+    return check.FailAtOffset(end - text.data(), *end == '\0' ? "a NUL byte" : "not valid UTF-8");
+}
+
+// jsoncpp gives up on deep nesting with an exception that names no place;
+// no scenario needs more than this, and the place of the first value too deep
+// is reported instead. Comments and strings are skipped as the parser skips
+// them.
+constexpr int kMaxNesting = 512;
+
+bool CheckNesting(Checker& check, const std::string& text) {
+    enum { kCode, kString, kLineComment, kBlockComment } state = kCode;
+    int depth = 0;
+    for (size_t i = 0; i < text.size(); ++i) {
+        char c = text[i];
+        char next = i + 1 < text.size() ? text[i + 1] : '\0';
+        switch (state) {
+            case kString:
+                if (c == '\\') {
+                    ++i;
+                } else if (c == '"') {
+                    state = kCode;
+                }
+                break;
+            case kLineComment:
+                if (c == '\n') state = kCode;
+                break;
+            case kBlockComment:
+                if (c == '*' && next == '/') {
+                    state = kCode;
+                    ++i;
+                }
+                break;
+            case kCode:
+                if (c == '"') {
+                    state = kString;
+                } else if (c == '/' && next == '/') {
+                    state = kLineComment;
+                } else if (c == '/' && next == '*') {
+                    state = kBlockComment;
+                    ++i;
+                } else if (c == '[' || c == '{') {
+                    if (++depth > kMaxNesting) {
+                        return check.FailAtOffset(static_cast<ptrdiff_t>(i),
+                                                  "nested more than " + std::to_string(kMaxNesting) + " levels deep");
+                    }
+                } else if (c == ']' || c == '}') {
+                    --depth;
+                }
+                break;
+        }
+    }
+    return true;
+}
+
+// A message is one line, whatever the file holds: control characters of a
+// member name or a path are written as escapes.
+std::string OneLine(const std::string& text) {
+    std::string line;
+    line.reserve(text.size());
+    for (char c : text) {
+        unsigned char byte = static_cast<unsigned char>(c);
+        if (c == '\n') {
+            line += "\\n";
+        } else if (c == '\r') {
+            line += "\\r";
+        } else if (byte < 0x20 || byte == 0x7f) {
+            char escape[8];
+            snprintf(escape, sizeof escape, "\\u%04x", byte);
+            line += escape;
+        } else {
+            line += c;
+        }
+    }
+    return line;
+}
 
 bool ReadWhiteList(Checker& check, const Json::Value& list, Scenario& out) {
     if (!check.Expect(list, list.isArray(), "whiteList", "an array of process names")) return false;
@@ -129,6 +218,9 @@ bool ReadDelays(Checker& check, const Json::Value& delays, Scenario& out) {
     for (const std::string& subject : delays.getMemberNames()) {
         const Json::Value& delay = delays[subject];
         std::string path = MemberPath("delaysMs", subject);
+        // A number of the wrong sign is named as such: "expected a number"
+        // would read as if it were no number at all.
+        if (delay.isNumeric() && delay.asDouble() < 0) return check.Fail(delay, path, "must be zero or more");
         if (!check.Expect(delay, delay.isUInt(), path, "a number of milliseconds")) return false;
         if (delay.asUInt() > kMaxDelayMs) {
             return check.Fail(delay, path, "a delay above " + std::to_string(kMaxDelayMs) + " ms is not served");
@@ -176,6 +268,13 @@ bool ReadScenario(Checker& check, const Json::Value& root, Scenario& out) {
 }
 
 bool ReadFile(const std::string& path, std::string& text, std::string& error) {
+    // A directory opens as a stream that reads nothing, which would be
+    // reported as an empty file.
+    struct stat info {};
+    if (stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) {
+        error = path + ": is a directory";
+        return false;
+    }
     std::ifstream in(path, std::ios::binary);
     if (!in) {
         error = path + ": cannot open: " + strerror(errno);
@@ -183,13 +282,50 @@ bool ReadFile(const std::string& path, std::string& text, std::string& error) {
     }
     std::ostringstream content;
     content << in.rdbuf();
+    if (in.bad()) {
+        error = path + ": cannot read: " + strerror(errno);
+        return false;
+    }
     text = content.str();
+    return true;
+}
+
+// Every string the scenario holds ends up in a D-Bus string, which must be
+// valid UTF-8. The text itself is checked before parsing (ReadScenarioText);
+// this finds what only parsing makes, a \u escape of a lone surrogate.
+// path is empty for the root.
+bool CheckStrings(Checker& check, const Json::Value& value, const std::string& path) {
+    const std::string where = path.empty() ? "scenario" : path;
+    if (value.isString()) {
+        const std::string& text = value.asString();
+        if (g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr)) return true;
+        return check.Fail(value, where, "not valid UTF-8 (a \\u escape of a lone surrogate)");
+    }
+    if (value.isArray()) {
+        for (Json::ArrayIndex i = 0; i < value.size(); ++i) {
+            if (!CheckStrings(check, value[i], path + "[" + std::to_string(i) + "]")) return false;
+        }
+    }
+    if (value.isObject()) {
+        for (const std::string& key : value.getMemberNames()) {
+            const Json::Value& member = value[key];
+            if (!g_utf8_validate(key.data(), static_cast<gssize>(key.size()), nullptr))
+                return check.Fail(member, where, "a member name is not valid UTF-8");
+            if (!CheckStrings(check, member, path.empty() ? key : MemberPath(path, key))) return false;
+        }
+    }
     return true;
 }
 
 bool CheckTupleElement(char type, const Json::Value& element, const std::string& path, std::string& error) {
     bool ok =
         (type == 'u' && element.isUInt()) || (type == 'i' && element.isInt()) || (type == 's' && element.isString());
+    // The control interface's text is valid UTF-8, but a \u escape in it can
+    // still make a string that g_variant_new_string would refuse.
+    if (ok && type == 's' && !g_utf8_validate(element.asCString(), -1, nullptr)) {
+        error = path + ": not valid UTF-8 (a \\u escape of a lone surrogate)";
+        return false;
+    }
     if (ok) return true;
     const char* expected = type == 'u' ? "an unsigned 32-bit integer" : type == 'i' ? "a 32-bit integer" : "a string";
     error = path + ": expected " + expected + ", found " + TypeName(element);
@@ -240,19 +376,25 @@ bool CheckStatistics(const std::string& subject, const Json::Value& tuples, cons
     return true;
 }
 
-bool LoadScenario(const std::string& path, Scenario& out, std::string& error) {
+namespace {
+
+bool LoadChecked(const std::string& path, Scenario& out, std::string& error) {
     try {
         std::string text;
         if (!ReadFile(path, text, error)) return false;
+        Checker check(path, text);
+        if (!CheckUtf8Text(check, text) || !CheckNesting(check, text)) {
+            error = check.Error();
+            return false;
+        }
         Json::Value root;
         std::string parseError;
         if (!ParseJsonText(text, root, parseError)) {
             error = path + ":" + parseError;
             return false;
         }
-        Checker check(path, text);
         Scenario scenario;
-        if (!ReadScenario(check, root, scenario)) {
+        if (!CheckStrings(check, root, "") || !ReadScenario(check, root, scenario)) {
             error = check.Error();
             return false;
         }
@@ -262,6 +404,14 @@ bool LoadScenario(const std::string& path, Scenario& out, std::string& error) {
         error = path + ": " + e.what();
         return false;
     }
+}
+
+}  // namespace
+
+bool LoadScenario(const std::string& path, Scenario& out, std::string& error) {
+    if (LoadChecked(path, out, error)) return true;
+    error = OneLine(error);
+    return false;
 }
 
 std::string ValueText(const Json::Value& value) {

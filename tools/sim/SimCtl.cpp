@@ -3,6 +3,7 @@
 
 #include <gio/gio.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -133,6 +134,35 @@ int Call(const char* address, const Command& cmd, GVariant* parameters, int time
     return 0;
 }
 
+// The name of argument index of cmd as its usage writes it ("SUBJECT"), or
+// "argument N" where the usage has no name in capitals there.
+std::string ArgumentName(const Command& cmd, size_t index) {
+    std::vector<std::string> names;
+    gchar** words = g_strsplit(cmd.usage, " ", -1);
+    for (gchar** word = words + 1; *word != nullptr; ++word) {  // words[0] is the command
+        std::string name(*word);
+        name.erase(0, name.find_first_not_of('['));
+        name = name.substr(0, name.find_first_of("].|"));
+        bool capitals = !name.empty() && name.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZ_") == std::string::npos;
+        names.push_back(capitals ? name : "");
+    }
+    g_strfreev(words);
+    // The last name stands for every further argument ("NAME...").
+    std::string name = names.empty() ? "" : names[std::min(index, names.size() - 1)];
+    return name.empty() ? "argument " + std::to_string(index + 1) : name;
+}
+
+// Every argument travels as a D-Bus string, which must be valid UTF-8; false
+// with the reason printed for the first that is not.
+bool ArgumentsAreText(const Command& cmd, const std::vector<const char*>& args) {
+    for (size_t i = 0; i < args.size(); ++i) {
+        if (g_utf8_validate(args[i], -1, nullptr)) continue;
+        fprintf(stderr, "lumora-sim ctl: %s is not valid UTF-8\n", ArgumentName(cmd, i).c_str());
+        return false;
+    }
+    return true;
+}
+
 const Command* FindCommand(const char* word) {
     for (const Command& cmd : kCommands) {
         if (strcmp(cmd.word, word) == 0) return &cmd;
@@ -153,6 +183,10 @@ int RunCtl(int argc, char** argv) {
     if (next + 1 < argc && strcmp(argv[next], "--address") == 0) {
         address = argv[next + 1];
         next += 2;
+        if (!g_utf8_validate(address, -1, nullptr)) {
+            fprintf(stderr, "lumora-sim ctl: ADDRESS is not valid UTF-8\n");
+            return 2;
+        }
     }
     if (next < argc && (strcmp(argv[next], "--help") == 0 || strcmp(argv[next], "-h") == 0)) {
         PrintCtlUsage(stdout);
@@ -170,6 +204,7 @@ int RunCtl(int argc, char** argv) {
         fprintf(stderr, "lumora-sim ctl: usage: %s\n", cmd->usage);
         return 2;
     }
+    if (!ArgumentsAreText(*cmd, args)) return 2;
     // A kind the simulator does not know is a usage error, found before the bus is.
     if (strcmp(cmd->word, "event") == 0 && FindEventKind(args[0]) == nullptr) {
         fprintf(stderr, "lumora-sim ctl: unknown event kind '%s': usage: %s\n", args[0], cmd->usage);

@@ -65,6 +65,7 @@ SimService::SimService(Scenario scenario, GMainLoop* loop) : m_state(std::move(s
 SimService::~SimService() {
     ReleasePendingWork();
     delete m_control;
+    if (m_closedHandler != 0) g_signal_handler_disconnect(m_connection, m_closedHandler);
     if (m_ownerWatch != 0) g_dbus_connection_signal_unsubscribe(m_connection, m_ownerWatch);
     if (m_handle != nullptr) Lumora_DIPC_Stop(&m_handle);
     if (m_connection != nullptr) g_object_unref(m_connection);
@@ -90,6 +91,11 @@ void SimService::OnBusAcquired(const char* name, void* self) {
         g_error_free(error);
         return;
     }
+    // A bus that goes away is reported as such (OnConnectionClosed), not by
+    // GIO's SIGTERM to the process, which would read as an ordinary stop.
+    g_dbus_connection_set_exit_on_close(service->m_connection, FALSE);
+    service->m_closedHandler =
+        g_signal_connect(service->m_connection, "closed", G_CALLBACK(OnConnectionClosed), service);
     service->m_control = new SimControl(*service, service->m_connection);
     service->m_ownerWatch = g_dbus_connection_signal_subscribe(
         service->m_connection, "org.freedesktop.DBus", "org.freedesktop.DBus", "NameOwnerChanged",
@@ -104,15 +110,44 @@ void SimService::OnNameAcquired(const char* name, void* self) {
     service->SayHello();
 }
 
+// GIO reports a name as lost also when the whole connection went, or never
+// came: those are said as what they are, once.
 void SimService::OnNameLost(const char* name, void* self) {
     auto* service = static_cast<SimService*>(self);
-    const char* what = service->m_nameOwned ? "lost" : "could not own";
-    SIM_LOGE("%s %s", what, name);
-    fprintf(stderr, "lumora-sim: %s %s on the system bus (is another service running?)\n", what, name);
-    if (service->m_nameOwned) RemoveReadyMarker();
-    service->m_nameOwned = false;
-    service->m_exitStatus = 1;
-    g_main_loop_quit(service->m_loop);
+    if (service->m_connection == nullptr) {
+        const char* address = g_getenv("DBUS_SYSTEM_BUS_ADDRESS");
+        SIM_LOGE("no system bus connection, %s not owned", name);
+        fprintf(stderr, "lumora-sim: cannot connect to the system bus (%s)\n",
+                address != nullptr ? address : "the machine's system bus");
+    } else if (g_dbus_connection_is_closed(service->m_connection)) {
+        // OnConnectionClosed says it, whichever of the two GIO calls first.
+        SIM_LOGE("%s gone with the bus connection", name);
+    } else {
+        const char* what = service->m_nameOwned ? "lost" : "could not own";
+        SIM_LOGE("%s %s", what, name);
+        fprintf(stderr, "lumora-sim: %s %s on the system bus (is another service running?)\n", what, name);
+    }
+    service->StopAfterBusFailure();
+}
+
+void SimService::OnConnectionClosed(GDBusConnection* connection, gboolean remotePeerVanished, GError* error,
+                                    gpointer self) {
+    auto* service = static_cast<SimService*>(self);
+    g_signal_handler_disconnect(connection, service->m_closedHandler);
+    service->m_closedHandler = 0;
+    const char* reason = error != nullptr ? error->message : remotePeerVanished ? "the bus went away" : "closed";
+    SIM_LOGE("lost the bus connection: %s", reason);
+    fprintf(stderr, "lumora-sim: lost the bus connection (%s)\n", reason);
+    service->StopAfterBusFailure();
+}
+
+// Ends the service after a failure on the bus: nothing can be said there
+// any more, so the marker goes here.
+void SimService::StopAfterBusFailure() {
+    if (m_nameOwned) RemoveReadyMarker();
+    m_nameOwned = false;
+    m_exitStatus = 1;
+    g_main_loop_quit(m_loop);
 }
 
 // Subscriptions of a client that left the bus would only ever reach nobody.

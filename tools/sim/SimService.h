@@ -38,7 +38,8 @@ public:
     /// readiness marker and flushes the connection; the name is given up by
     /// the destructor. Held calls stay unanswered, as with a hung service.
     void Shutdown();
-    /// 0 after a normal stop, 1 when the name could not be owned or was lost.
+    /// 0 after a normal stop; 1 when the name could not be owned or was lost,
+    /// or the bus connection was lost.
     int ExitStatus() const { return m_exitStatus; }
 
     SimState& State() { return m_state; }
@@ -84,6 +85,8 @@ private:
                              void* self);
     static gboolean OnDelayElapsed(gpointer answer);
     static gboolean OnRestartPauseElapsed(gpointer self);
+    static void OnConnectionClosed(GDBusConnection* connection, gboolean remotePeerVanished, GError* error,
+                                   gpointer self);
     static void OnNameOwnerChanged(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*,
                                    GVariant* parameters, gpointer self);
 
@@ -101,6 +104,7 @@ private:
     void SayHello();
     void SayBye();
     void FailDelayedAnswers();
+    void StopAfterBusFailure();
     void ReleasePendingWork();
 
     SimState m_state;
@@ -109,6 +113,7 @@ private:
     GDBusConnection* m_connection = nullptr;  // the shared system-bus connection, owned ref
     SimControl* m_control = nullptr;
     guint m_ownerWatch = 0;
+    gulong m_closedHandler = 0;
     bool m_nameOwned = false;
     bool m_answering = true;
     int m_exitStatus = 0;

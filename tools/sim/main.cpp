@@ -54,7 +54,8 @@ constexpr const char* kHelp =
     "   \"statistics\": {STATISTICS_SUBJECT: [[TUPLE], ...], ...}}\n"
     "  Statistics tuples are arrays in wire order: Onoff (uu), App (uusssi),\n"
     "  Channel (uuiisss), Genre (uuss), Content (uusssssiiss).\n"
-    "  A malformed file is refused with FILE:LINE:COLUMN and the reason, exit status 2.\n"
+    "  A malformed file (also text that is not UTF-8, a negative delay, a directory)\n"
+    "  is refused with FILE:LINE:COLUMN and the reason, exit status 2.\n"
     "\n"
     "Control object /org/verdin/tv/lumora2/control, interface org.verdin.tv.lumora2.SimControl,\n"
     "on the same name; `lumora-sim ctl` calls it:\n"
@@ -78,8 +79,12 @@ constexpr const char* kHelp =
     "                              stb: Ctx/Media/Broadcast/Status/STB; DATA (JSON), when given,\n"
     "                              is stored as their value first, else the stored value is sent\n"
     "\n"
-    "Exit status: 0 after SIGINT/SIGTERM, 1 when the name cannot be owned, 2 on a usage\n"
-    "or scenario error. Logs through the platform log (LUMORA_LOG_FILE), tag LUMORA_SIM.\n";
+    "ctl arguments must be valid UTF-8 (they travel as D-Bus strings); others are a usage error.\n"
+    "\n"
+    "Exit status: 0 after SIGINT/SIGTERM; 1 when the name cannot be owned or is lost, when\n"
+    "the system bus cannot be reached, or when the bus connection is lost (\"lost the bus\n"
+    "connection\"); 2 on a usage or scenario error. Logs through the platform log\n"
+    "(LUMORA_LOG_FILE), tag LUMORA_SIM.\n";
 
 struct Options {
     std::string scenario;
