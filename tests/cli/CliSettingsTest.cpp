@@ -123,7 +123,8 @@ TEST_F(CliSettingsTest, SetTakesAValueOverTheArgumentLimitFromStandardInput) {
     const std::string value = "[\"" + std::string(200 * 1024, 'h') + "\"]";
     const std::string file = m_dir.Write("hints.json", value + "\n");
     RunResult set = RunProgram(
-        "/bin/sh", {"-c", "exec \"$0\" settings set db/lumora-service/source_hintlist - < \"$1\"", CliExecutable(), file});
+        "/bin/sh",
+        {"-c", "exec \"$0\" settings set db/lumora-service/source_hintlist - < \"$1\"", CliExecutable(), file});
     EXPECT_EQ(0, set.exitStatus) << set.err;
     RunResult get = Lumora({"settings", "get", "db/lumora-service/source_hintlist"});
     EXPECT_EQ(0, get.exitStatus) << get.err;
@@ -173,8 +174,9 @@ TEST_F(CliSettingsTest, AStoreHeldByAnotherProcessFailsAfterTheBusyTimeOut) {
     }
     {
         SqliteLockHolder holder;
-        ASSERT_TRUE(holder.Start(Store(), "PRAGMA locking_mode=EXCLUSIVE; BEGIN EXCLUSIVE;"
-                                          "UPDATE settings SET value = 'held' WHERE key = 'k';"));
+        ASSERT_TRUE(holder.Start(Store(),
+                                 "PRAGMA locking_mode=EXCLUSIVE; BEGIN EXCLUSIVE;"
+                                 "UPDATE settings SET value = 'held' WHERE key = 'k';"));
         auto start = std::chrono::steady_clock::now();
         RunResult get = Lumora({"settings", "get", "k"});
         double waited = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
