@@ -74,9 +74,9 @@ public:
         GDBusConnection* client = m_client != nullptr ? G_DBUS_CONNECTION(g_object_ref(m_client)) : nullptr;
         g_mutex_unlock(&m_mutex);
         if (client == nullptr) return false;
-        gboolean sent = g_dbus_connection_emit_signal(client, nullptr, "/org/verdin/tv/lumora2",
-                                                      "org.verdin.tv.lumora.interface2", "Response",
-                                                      g_variant_new("(iss)", 0, subject, data), nullptr);
+        gboolean sent =
+            g_dbus_connection_emit_signal(client, nullptr, "/org/verdin/tv/lumora2", "org.verdin.tv.lumora.interface2",
+                                          "Response", g_variant_new("(iss)", 0, subject, data), nullptr);
         g_object_unref(client);
         return sent;
     }
@@ -86,7 +86,7 @@ public:
     // tuple.
     static bool Deliverable(GVariant* body) {
         GDBusMessage* call = g_dbus_message_new_method_call(nullptr, "/org/verdin/tv/lumora2",
-                                                           "org.verdin.tv.lumora.interface2", "RequestSync");
+                                                            "org.verdin.tv.lumora.interface2", "RequestSync");
         g_dbus_message_set_serial(call, 1);
         GDBusMessage* reply = g_dbus_message_new_method_reply(call);
         g_dbus_message_set_body(reply, body);
@@ -164,7 +164,8 @@ private:
     // success with "{}", or for "RequestAsync" a text reply of its subject.
     static GVariant* UsualAnswer(const std::string& method, GVariant* parameters) {
         if (method == "ServiceEnable") return g_variant_new("(bs)", TRUE, "{}");
-        if (method == "RequestAsync" && parameters != nullptr && g_variant_is_of_type(parameters, G_VARIANT_TYPE("(iiiss)"))) {
+        if (method == "RequestAsync" && parameters != nullptr &&
+            g_variant_is_of_type(parameters, G_VARIANT_TYPE("(iiiss)"))) {
             const gchar* subject = nullptr;
             g_variant_get_child(parameters, 3, "&s", &subject);
             return g_variant_new("(isv)", 0, subject, g_variant_new("(s)", "{}"));
@@ -181,7 +182,8 @@ private:
             g_object_unref(message);
             return nullptr;
         }
-        std::string interface = g_dbus_message_get_interface(message) != nullptr ? g_dbus_message_get_interface(message) : "";
+        std::string interface =
+            g_dbus_message_get_interface(message) != nullptr ? g_dbus_message_get_interface(message) : "";
         std::string member = g_dbus_message_get_member(message) != nullptr ? g_dbus_message_get_member(message) : "";
         GVariant* parameters = g_dbus_message_get_body(message);
         GVariant* body = nullptr;  // a reference of our own
@@ -192,8 +194,8 @@ private:
             g_mutex_lock(&self->m_mutex);
             self->m_calls.push_back({member, parameters != nullptr ? g_variant_ref(parameters) : nullptr});
             auto answer = self->m_answers.find(member);
-            body = answer != self->m_answers.end() && answer->second != nullptr ? g_variant_ref(answer->second)
-                                                                                 : nullptr;
+            body =
+                answer != self->m_answers.end() && answer->second != nullptr ? g_variant_ref(answer->second) : nullptr;
             g_mutex_unlock(&self->m_mutex);
             if (body == nullptr) body = g_variant_ref_sink(UsualAnswer(member, parameters));
         }

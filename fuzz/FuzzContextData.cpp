@@ -10,7 +10,8 @@
 namespace {
 
 // Keys the library reads, plus one taken from the input itself.
-const char* const kKeys[] = {"ChList", "WhiteList", "Status", "reorder", "group", "list", "mode", "ChType", "SrcType", ""};
+const char* const kKeys[] = {"ChList", "WhiteList", "Status", "reorder", "group",
+                             "list",   "mode",      "ChType", "SrcType", ""};
 
 void Touch(ContextData& doc, const char* key) {
     (void)doc.IsValid(key);

@@ -265,8 +265,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // is a tuple.
     GVariant* value = g_variant_get_normal_form(untrusted);
     g_variant_unref(untrusted);
-    GVariant* body = g_variant_is_of_type(value, G_VARIANT_TYPE_TUPLE) ? g_variant_ref(value)
-                                                                         : g_variant_ref_sink(g_variant_new_tuple(&value, 1));
+    GVariant* body = g_variant_is_of_type(value, G_VARIANT_TYPE_TUPLE)
+                         ? g_variant_ref(value)
+                         : g_variant_ref_sink(g_variant_new_tuple(&value, 1));
     g_variant_unref(value);
     if (!FakeBus::Deliverable(body)) {
         g_variant_unref(body);

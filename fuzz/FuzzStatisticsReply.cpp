@@ -42,8 +42,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // A copy of our own: GVariant may keep the bytes as they are.
     size_t payloadSize = size - 1;
     void* bytes = g_memdup2(data + 1, payloadSize);
-    GVariant* payload = g_variant_ref_sink(g_variant_new_from_data(
-        G_VARIANT_TYPE(kStatisticsLayouts[type].signature), bytes, payloadSize, FALSE /* not trusted */, g_free, bytes));
+    GVariant* payload =
+        g_variant_ref_sink(g_variant_new_from_data(G_VARIANT_TYPE(kStatisticsLayouts[type].signature), bytes,
+                                                   payloadSize, FALSE /* not trusted */, g_free, bytes));
 
     DBusClient* client = DBusClient::GetInstance();
     StatisticsResult result = {-1, reinterpret_cast<void*>(1)};  // must be overwritten

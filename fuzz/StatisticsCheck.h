@@ -32,7 +32,8 @@ struct StatisticsLayout {
     size_t fieldCount;
 };
 
-#define LUMORA_FIELD(type, wire, field, element) {wire, offsetof(type, field), (element)-1}
+#define LUMORA_FIELD(type, wire, field, element) \
+    { wire, offsetof(type, field), (element)-1 }
 constexpr Field kOnoffFields[] = {
     LUMORA_FIELD(OnoffDurationItem, 'u', field1, 1),
     LUMORA_FIELD(OnoffDurationItem, 'u', field2, 2),
@@ -118,8 +119,7 @@ inline void CheckField(const Field& field, GVariant* tuple, const char* record) 
 inline void CheckStatistics(const char* subject, GVariant* payload, const StatisticsResult& result,
                             size_t payloadBytes) {
     const StatisticsLayout* layout = FindStatisticsLayout(subject);
-    if (layout == nullptr || payload == nullptr ||
-        !g_variant_is_of_type(payload, G_VARIANT_TYPE(layout->signature))) {
+    if (layout == nullptr || payload == nullptr || !g_variant_is_of_type(payload, G_VARIANT_TYPE(layout->signature))) {
         Check(result.count == 0 && result.items == nullptr);
         return;
     }
