@@ -9,6 +9,7 @@
 #include "BusCalls.h"
 #include "BusMonitor.h"
 #include "LogCapture.h"
+#include "ProgramFixture.h"
 #include "SimProcess.h"
 #include "TempDir.h"
 #include "TestBus.h"
@@ -26,35 +27,14 @@ std::vector<std::string> Subjects(const std::vector<BusMessage>& calls, const st
 
 // A private bus watched by a monitor, and lumora-sim; the C program is run by
 // the test.
-class CExportsTest : public testing::Test {
+class CExportsTest : public ProgramFixture {
 protected:
-    void SetUp() override {
-        ASSERT_TRUE(m_bus.Start());
-        m_monitor = std::make_unique<BusMonitor>(m_bus.Address());
-        ASSERT_TRUE(m_monitor->Ok());
-        ASSERT_TRUE(m_sim.Start());
-        m_client = ConnectToBus(m_bus.Address());
-        ASSERT_NE(nullptr, m_client);
-        m_log.Mark();
-    }
-    void TearDown() override {
-        if (m_client != nullptr) g_object_unref(m_client);
-    }
-
     // Runs the C program; afterwards the monitor holds all it sent.
     RunResult Run(const char* program) {
         RunResult run = RunProgram(program, {});
         EXPECT_TRUE(m_monitor->Settle(m_client));
         return run;
     }
-
-    TempDir m_dir;
-    ScopedEnv m_db{"LUMORA_SETTINGS_DB", m_dir.File("settings.db")};
-    LogCapture m_log;
-    TestBus m_bus;
-    std::unique_ptr<BusMonitor> m_monitor;
-    SimProcess m_sim;
-    GDBusConnection* m_client = nullptr;
 };
 
 TEST_F(CExportsTest, EveryReadAndWriteExportWorksFromC) {

@@ -48,9 +48,12 @@ protected:
     }
 
     /// The writes the library sent, as "subject input".
-    std::vector<std::string> Writes() {
+    /// The library's writes as "subject input", once expected of them reached
+    /// the bus.
+    std::vector<std::string> Writes(size_t expected = 0) {
         std::vector<std::string> writes;
-        for (const BusMessage& call : LibraryCalls("Write")) writes.push_back(call.subject + " " + call.input);
+        for (const BusMessage& call : expected > 0 ? LibraryWrites(expected) : LibraryCalls("Write"))
+            writes.push_back(call.subject + " " + call.input);
         return writes;
     }
 };
@@ -371,7 +374,7 @@ TEST_F(ChannelTest, RemovalRequestsAreWrittenInBothForms) {
     ASSERT_TRUE(LMFServiceAPI::RemoveChannelFromList(101, 0, "stb-101", LMF_SRC_EXT_HDMI1));
     ASSERT_TRUE(CS_RemoveChannelFromList(11, 1, static_cast<LMF_SRC_EXT_TYPE>(42)));
     ASSERT_TRUE(CS_RemoveChannelFromListWithServiceID(202, 0, "stb-202", LMF_SRC_EXT_CABLE));
-    auto writes = LibraryCalls("Write");
+    auto writes = LibraryWrites(4);
     ASSERT_EQ(4u, writes.size());
     EXPECT_EQ("Pref/Channel/Remove", writes[0].subject);
     EXPECT_EQ("{\"major\":9,\"minor\":1,\"type\":\"AIR\"}", CompactJson(ParseJson(writes[0].input)));
@@ -419,7 +422,7 @@ TEST_F(ChannelTest, TheFirstscreenActionCarriesItsJsonAsAString) {
     Start();
     ASSERT_TRUE(LMFServiceAPI::SetFirstscreenAction("home", "{\"a\":1}"));
     ASSERT_TRUE(CS_SetFirstscreenAction("apps", "[1,2]"));
-    auto writes = Writes();
+    auto writes = Writes(2);
     ASSERT_EQ(2u, writes.size());
     EXPECT_EQ("Raw/Firstscreen/Action {\"componentId\":\"home\",\"jsonData\":\"{\\\"a\\\":1}\"}",
               "Raw/Firstscreen/Action " + CompactJson(ParseJson(writes[0].substr(strlen("Raw/Firstscreen/Action ")))));
@@ -457,7 +460,7 @@ TEST_F(ChannelTest, VoiceActionsWriteTheirDocuments) {
     std::vector<std::string> two = {"7", "1"};
     std::vector<std::string> extra = {"AIR", "now"};
     LMFServiceAPI::SetVoiceAction("channel", "tune", two, extra);
-    auto writes = LibraryCalls("Write");
+    auto writes = LibraryWrites(3);
     ASSERT_EQ(3u, writes.size());
     EXPECT_EQ("Raw/Voice/Orvi/SetAction", writes[0].subject);
     EXPECT_EQ("{\"ruleId\":\"\"}", CompactJson(ParseJson(writes[0].input)));

@@ -15,6 +15,7 @@
 #include "BusCalls.h"
 #include "BusMonitor.h"
 #include "LogCapture.h"
+#include "ProgramFixture.h"
 #include "SimProcess.h"
 #include "TempDir.h"
 #include "TestBus.h"
@@ -73,29 +74,7 @@ std::string Texts(const std::vector<LogRecord>& records) {
     return texts;
 }
 
-class InvalidTextTest : public testing::Test {
-protected:
-    void SetUp() override {
-        ASSERT_TRUE(m_bus.Start());
-        m_monitor = std::make_unique<BusMonitor>(m_bus.Address());
-        ASSERT_TRUE(m_monitor->Ok());
-        ASSERT_TRUE(m_sim.Start());
-        m_client = ConnectToBus(m_bus.Address());
-        ASSERT_NE(nullptr, m_client);
-        m_log.Mark();
-    }
-    void TearDown() override {
-        if (m_client != nullptr) g_object_unref(m_client);
-    }
-
-    TempDir m_dir;
-    ScopedEnv m_db{"LUMORA_SETTINGS_DB", m_dir.File("settings.db")};
-    LogCapture m_log;
-    TestBus m_bus;
-    std::unique_ptr<BusMonitor> m_monitor;
-    SimProcess m_sim;
-    GDBusConnection* m_client = nullptr;
-};
+class InvalidTextTest : public ProgramFixture {};
 
 TEST_F(InvalidTextTest, EveryTextTakingExportRefusesTextThatIsNotUtf8WithOneLineAndSendsNothing) {
     RunResult run;

@@ -280,7 +280,7 @@ TEST_F(LumoraApiTest, ReadThatTheServiceAnswersWithItsOwnCodeFails) {
 TEST_F(LumoraApiTest, WriteIsQueuedAndTheServiceStoresIt) {
     Start();
     EXPECT_TRUE(Api()->Write("Ctx/Test/Written", "{\"v\":1}"));
-    auto writes = LibraryCalls("Write");
+    auto writes = LibraryWrites(1);
     ASSERT_EQ(1u, writes.size());
     EXPECT_EQ(2, writes[0].requestType);
     EXPECT_EQ("Ctx/Test/Written", writes[0].subject);

@@ -90,6 +90,13 @@ protected:
     /// The subject's value as the simulator answers a plain GIO client.
     std::string SimValue(const std::string& subject) { return ServiceValue(m_control, subject); }
 
+    /// The library's writes, once count of them reached the bus: a write is
+    /// only queued, so the library's call returns before its message leaves.
+    std::vector<BusMessage> LibraryWrites(size_t count) {
+        EXPECT_TRUE(m_monitor->WaitForCalls(count, 5000, "Write"));
+        return LibraryCalls("Write");
+    }
+
     /// The simulator's state as "lumora-sim ctl status" shows it; null when
     /// it could not be had.
     Json::Value SimStatus() { return SimStatusOver(m_control); }
