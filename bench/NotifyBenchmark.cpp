@@ -32,6 +32,7 @@
 
 #include "BenchService.h"
 #include "BusCalls.h"
+#include "Emitter.h"
 #include "LoopBench.h"
 #include "internal/ServiceContract.h"
 
@@ -89,32 +90,7 @@ void OnRawSignal(GDBusConnection* /*connection*/, const gchar* /*sender*/, const
 }
 
 GDBusConnection* g_raw = nullptr;
-FILE* g_emitter = nullptr;
-GPid g_emitterPid = 0;
-
-bool StartEmitter(const std::string& address) {
-    gchar* argv[] = {const_cast<gchar*>(LUMORA_SIGNAL_EMITTER), const_cast<gchar*>(address.c_str()), nullptr};
-    gint input = -1;
-    GError* error = nullptr;
-    if (!g_spawn_async_with_pipes(nullptr, argv, nullptr, G_SPAWN_DO_NOT_REAP_CHILD, nullptr, nullptr, &g_emitterPid,
-                                  &input, nullptr, nullptr, &error)) {
-        fprintf(stderr, "cannot start %s: %s\n", LUMORA_SIGNAL_EMITTER, error->message);
-        g_error_free(error);
-        return false;
-    }
-    g_emitter = fdopen(input, "w");
-    return g_emitter != nullptr;
-}
-
-// Its input ends, so it ends.
-void StopEmitter() {
-    if (g_emitter == nullptr) return;
-    fclose(g_emitter);
-    g_emitter = nullptr;
-    int status = 0;
-    waitpid(g_emitterPid, &status, 0);
-    g_spawn_close_pid(g_emitterPid);
-}
+lumora::bench::Emitter g_emitter;
 
 // Who listens to the signal: raw handlers on the private connection, or the
 // library's callbacks on the subject and one callback on each other subject.
@@ -176,8 +152,7 @@ void RunBursts(benchmark::State& state, long deliveriesPerBurst) {
     lumora::bench::ProgressWatch watch(g_delivered, kStallCheckMs);
     lumora::bench::PerItemClocks clocks;
     for (auto _ : state) {
-        fprintf(g_emitter, "%d %s\n", kBurst, kSubject);
-        fflush(g_emitter);
+        g_emitter.Burst(kBurst, kSubject);
         if (!watch.RunUntil(g_delivered + deliveriesPerBurst)) {
             state.SkipWithError("notifications stopped arriving");
             break;
@@ -230,12 +205,12 @@ int main(int argc, char** argv) {
     g_raw = service.Raw();
     // The library listens from its start; it stops when its last subscription
     // goes, so that raw runs are not charged for its copies of the signals.
-    if (!UseListeners({0, 1, 0}) || !UseListeners({}) || !StartEmitter(service.Address())) {
+    if (!UseListeners({0, 1, 0}) || !UseListeners({}) || !g_emitter.Start(service.Address())) {
         fprintf(stderr, "cannot prepare the listeners or the emitter\n");
         return 1;
     }
     RunBenchmarks(argc, argv);
     UseListeners({});
-    StopEmitter();
+    g_emitter.Stop();
     return 0;
 }

@@ -53,6 +53,7 @@
 #include <vector>
 
 #include "ControlContract.h"
+#include "Emitter.h"
 #include "internal/ServiceContract.h"
 
 namespace {
@@ -292,8 +293,7 @@ void OnCycle(const char* /*subject*/, char* data, void* /*userData*/) { g_seen +
 
 // ---- signal_emitter --------------------------------------------------------------
 
-FILE* g_emitter = nullptr;
-GPid g_emitterPid = 0;
+lumora::bench::Emitter g_emitter;
 
 bool StartEmitter() {
     GError* error = nullptr;
@@ -303,28 +303,9 @@ bool StartEmitter() {
         g_error_free(error);
         return false;
     }
-    gchar* argv[] = {const_cast<gchar*>(LUMORA_SIGNAL_EMITTER), address, nullptr};
-    gint input = -1;
-    bool spawned = g_spawn_async_with_pipes(nullptr, argv, nullptr, G_SPAWN_DO_NOT_REAP_CHILD, nullptr, nullptr,
-                                            &g_emitterPid, &input, nullptr, nullptr, &error);
+    bool started = g_emitter.Start(address);
     g_free(address);
-    if (!spawned) {
-        fprintf(stderr, "cannot start %s: %s\n", LUMORA_SIGNAL_EMITTER, error->message);
-        g_error_free(error);
-        return false;
-    }
-    g_emitter = fdopen(input, "w");
-    return g_emitter != nullptr;
-}
-
-// Its input ends, so it ends.
-void StopEmitter() {
-    if (g_emitter == nullptr) return;
-    fclose(g_emitter);
-    g_emitter = nullptr;
-    int status = 0;
-    waitpid(g_emitterPid, &status, 0);
-    g_spawn_close_pid(g_emitterPid);
+    return started;
 }
 
 // ---- the phases ------------------------------------------------------------------
@@ -349,8 +330,7 @@ bool DoNotifications(long count) {
     while (count > 0) {
         long burst = std::min(count, kBurst);
         count -= burst;
-        fprintf(g_emitter, "%ld %s\n", burst, kNotifySubject);
-        fflush(g_emitter);
+        g_emitter.Burst(burst, kNotifySubject);
         long target = g_delivered + burst * g_options.callbacks;
         if (!RunUntil([target] { return g_delivered >= target; })) {
             fprintf(stderr, "notifications stopped arriving: %ld of %ld deliveries\n", g_delivered, target);
@@ -515,7 +495,7 @@ int RunSoak() {
     if (!StartEmitter()) return 1;
     std::string notifyWhat = "notifications to " + std::to_string(g_options.callbacks) + " callbacks";
     phases.push_back(RunPhase("notifications", notifyWhat.c_str(), g_options.notifications, DoNotifications));
-    StopEmitter();
+    g_emitter.Stop();
     if (phases.back().completed) ok = CheckDeliveries("notifications", g_options.notifications) && ok;
 
     phases.push_back(
