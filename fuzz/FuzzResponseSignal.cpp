@@ -83,18 +83,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size == 0) return 0;
     uint8_t subscriptions = data[0];
-    const char* rest = reinterpret_cast<const char*>(data + 1);
-    size_t restSize = size - 1;
-    const void* nul = memchr(rest, '\0', restSize);
-    if (nul == nullptr) return 0;
-    std::string typeString(rest, static_cast<size_t>(static_cast<const char*>(nul) - rest));
-    if (!g_variant_type_string_is_valid(typeString.c_str())) return 0;
-    const GVariantType* type = G_VARIANT_TYPE(typeString.c_str());
-    if (!g_variant_type_is_definite(type)) return 0;
-    size_t bodySize = restSize - typeString.size() - 1;
-    void* bytes = g_memdup2(static_cast<const char*>(nul) + 1, bodySize);
-    GVariant* body =
-        g_variant_ref_sink(g_variant_new_from_data(type, bytes, bodySize, FALSE /* not trusted */, g_free, bytes));
+    GVariant* body = fuzz::UntrustedVariant(reinterpret_cast<const char*>(data + 1), size - 1);
+    if (body == nullptr) return 0;
 
     // A client of a known state: no subscription, no whitelist, service
     // available or not as the selector says. Expired start-callback timers

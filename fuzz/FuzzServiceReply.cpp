@@ -250,17 +250,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 2) return 0;
-    const char* rest = reinterpret_cast<const char*>(data + 1);
-    size_t restSize = size - 1;
-    const void* nul = memchr(rest, '\0', restSize);
-    if (nul == nullptr) return 0;
-    std::string typeString(rest, static_cast<size_t>(static_cast<const char*>(nul) - rest));
-    if (!g_variant_type_string_is_valid(typeString.c_str())) return 0;
-    const GVariantType* type = G_VARIANT_TYPE(typeString.c_str());
-    if (!g_variant_type_is_definite(type)) return 0;
-    size_t bodySize = restSize - typeString.size() - 1;
-    void* bytes = g_memdup2(static_cast<const char*>(nul) + 1, bodySize);
-    GVariant* untrusted = g_variant_ref_sink(g_variant_new_from_data(type, bytes, bodySize, FALSE, g_free, bytes));
+    GVariant* untrusted = fuzz::UntrustedVariant(reinterpret_cast<const char*>(data + 1), size - 1);
+    if (untrusted == nullptr) return 0;
     // What reaches the client is the value, in its normal form; a reply body
     // is a tuple.
     GVariant* value = g_variant_get_normal_form(untrusted);

@@ -28,6 +28,21 @@ inline bool IsUtf8(const std::string& text) {
 
 inline bool IsUtf8(const char* text) { return text != nullptr && g_utf8_validate(text, -1, nullptr); }
 
+// A value of any type read from "TYPE\0BYTES": a definite type string, then
+// its serialised data, taken as untrusted (GLib checks it as it reads). A new
+// reference, or null when the type is not a definite one.
+inline GVariant* UntrustedVariant(const char* input, size_t size) {
+    const void* nul = memchr(input, '\0', size);
+    if (nul == nullptr) return nullptr;
+    std::string typeString(input, static_cast<size_t>(static_cast<const char*>(nul) - input));
+    if (!g_variant_type_string_is_valid(typeString.c_str())) return nullptr;
+    const GVariantType* type = G_VARIANT_TYPE(typeString.c_str());
+    if (!g_variant_type_is_definite(type)) return nullptr;
+    size_t bodySize = size - typeString.size() - 1;
+    void* bytes = g_memdup2(static_cast<const char*>(nul) + 1, bodySize);
+    return g_variant_ref_sink(g_variant_new_from_data(type, bytes, bodySize, FALSE /* not trusted */, g_free, bytes));
+}
+
 // The input as the C strings it holds, NUL-separated; the last one runs to the
 // end of the input. Always at least `count` strings (missing ones are empty).
 inline std::vector<std::string> SplitAtNul(const uint8_t* data, size_t size, size_t count) {
