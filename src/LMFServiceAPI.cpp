@@ -178,21 +178,21 @@ bool LMFServiceAPI::Read(const char* subject, const char* input, std::string& ou
     if (!lumora::internal::AreSendable(__func__, {{"szSubject", subject}, {"input", input}})) return false;
     DBusClient* client = lumora::internal::ServiceClient(__func__);
     if (client == nullptr || !lumora::internal::MayUseSubject(__func__, *client, subject)) return false;
-    return lumora::internal::ReadValue(__func__, *client, subject, input, output);
+    return lumora::internal::ReadValue(LMF_SITE(__func__), *client, subject, input, output);
 }
 
-bool lumora::internal::ReadValue(const char* function, DBusClient& client, const char* subject, const char* input,
+bool lumora::internal::ReadValue(LogSite site, DBusClient& client, const char* subject, const char* input,
                                  std::string& output) {
     char* text = nullptr;
     int result = client.Read(subject, input, &text);
     if (result != 0) {
         // A service code comes with the service's text, which is not wanted.
         free(text);
-        LMF_LOGE_IN(function, "error %d", result);
+        LMF_LOGE_FOR(site, "error %d", result);
         return false;
     }
     if (text == nullptr) {
-        LMF_LOGE_IN(function, "error output is null");
+        LMF_LOGE_FOR(site, "error output is null");
         return false;
     }
     output = text;
@@ -204,18 +204,17 @@ bool lumora::internal::ReadValue(const char* function, DBusClient& client, const
 bool LMFServiceAPI::Write(const char* subject, const char* input) {
     if (!lumora::internal::AreSendable(__func__, {{"szSubject", subject}, {"input", input}})) return false;
     DBusClient* client = lumora::internal::ServiceClient(__func__);
-    return client != nullptr && lumora::internal::WriteValue(__func__, *client, subject, input);
+    return client != nullptr && lumora::internal::WriteValue(LMF_SITE(__func__), *client, subject, input);
 }
 
-bool lumora::internal::WriteValue(const char* function, DBusClient& client, const char* subject, const char* input) {
+bool lumora::internal::WriteValue(LogSite site, DBusClient& client, const char* subject, const char* input) {
     int result = client.Write(subject, input);
     if (result == 0) return true;
-    LMF_LOGE_IN(function, "error %d", result);
+    LMF_LOGE_FOR(site, "error %d", result);
     return false;
 }
 
-bool lumora::internal::WriteDocument(const char* function, DBusClient& client, const char* subject,
-                                     ContextData& document) {
+bool lumora::internal::WriteDocument(LogSite site, DBusClient& client, const char* subject, ContextData& document) {
     const char* text = document.MakeStr();
-    return WriteValue(function, client, subject, text != nullptr ? text : "");
+    return WriteValue(site, client, subject, text != nullptr ? text : "");
 }

@@ -52,7 +52,7 @@ bool LMFServiceAPI::SetFirstscreenAction(const char* componentId, const char* js
     ContextData action;
     action.SetValue("componentId", componentId);
     action.SetValue("jsonData", jsonData);
-    return lumora::internal::WriteDocument(__func__, *client, subjects::kFirstscreenAction, action);
+    return lumora::internal::WriteDocument(LMF_SITE(__func__), *client, subjects::kFirstscreenAction, action);
 }
 
 void LMFServiceAPI::SetVoiceActionRuleId(std::string ruleId) {
@@ -61,7 +61,7 @@ void LMFServiceAPI::SetVoiceActionRuleId(std::string ruleId) {
     if (!lumora::internal::AreSendable(__func__, {{"ruleId", ruleId.c_str()}})) return;
     ContextData action;
     action.SetValue("ruleId", std::move(ruleId));
-    lumora::internal::WriteDocument(__func__, *client, subjects::kVoiceRuleId, action);
+    lumora::internal::WriteDocument(LMF_SITE(__func__), *client, subjects::kVoiceRuleId, action);
 }
 
 void LMFServiceAPI::SetVoiceAction(std::string category, std::string cmdName, std::vector<std::string>& values,
@@ -77,5 +77,5 @@ void LMFServiceAPI::SetVoiceAction(std::string category, std::string cmdName, st
     action.SetValue("cmd_name", std::move(cmdName));
     AppendValues(action, "param", values);
     AppendValues(action, "ext_param", extParams);
-    lumora::internal::WriteDocument(__func__, *client, subjects::kVoiceAction, action);
+    lumora::internal::WriteDocument(LMF_SITE(__func__), *client, subjects::kVoiceAction, action);
 }

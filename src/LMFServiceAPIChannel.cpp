@@ -26,7 +26,7 @@ constexpr const char* kEmptyListReason = "The list is empty.";
 // false after the line saying why.
 bool ReadAnswer(const char* function, const char* subject, const char* input, std::string& answer) {
     DBusClient* client = lumora::internal::ServiceClient(function);
-    return client != nullptr && lumora::internal::ReadValue(function, *client, subject, input, answer);
+    return client != nullptr && lumora::internal::ReadValue(LMF_SITE(function), *client, subject, input, answer);
 }
 
 // A read of subject with request for function, its answer parsed into
@@ -62,7 +62,7 @@ bool RemoveChannel(const char* function, const char* subject, ContextData& reque
     DBusClient* client = lumora::internal::ServiceClient(function);
     if (client == nullptr) return false;
     request.SetValue("type", LMFServiceAPI::_ConvertSrcTypeString(type));
-    return lumora::internal::WriteDocument(function, *client, subject, request);
+    return lumora::internal::WriteDocument(LMF_SITE(function), *client, subject, request);
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
-// LMFServiceAPI's own helpers, shared by the files it is split over; never
-// exported. Their lines belong to the operation named by function.
+// LMFServiceAPI's own helpers, shared by the files it is split over (and the
+// read and write steps, by LumoraAPI too); never exported. Their lines belong
+// to the operation named by function or site.
 #ifndef LUMORA_SRC_LMFSERVICEAPIINTERNAL_H
 #define LUMORA_SRC_LMFSERVICEAPIINTERNAL_H
 
@@ -9,6 +10,7 @@
 #include <initializer_list>
 #include <string>
 
+#include "internal/Log.h"
 #include "internal/Text.h"
 
 namespace lumora::internal {
@@ -27,15 +29,17 @@ DBusClient* ServiceClient(const char* function);
 bool MayUseSubject(const char* function, DBusClient& client, const char* subject);
 
 // The bus-client read of Read, after its checks: the value into output, or
-// false after "error %d" or "error output is null". Also for the operations
-// that read a subject of their own (the channel reads).
-bool ReadValue(const char* function, DBusClient& client, const char* subject, const char* input, std::string& output);
+// false after "error %d" or "error output is null", logged for site. Also for
+// the operations that read a subject of their own (the channel reads) and for
+// LumoraAPI::Read.
+bool ReadValue(LogSite site, DBusClient& client, const char* subject, const char* input, std::string& output);
 
-// The bus-client write of Write: false after "error %d".
-bool WriteValue(const char* function, DBusClient& client, const char* subject, const char* input);
+// The bus-client write of Write (and LumoraAPI::Write): false after
+// "error %d", logged for site.
+bool WriteValue(LogSite site, DBusClient& client, const char* subject, const char* input);
 
 // WriteValue of document's text (the channel removals, the actions).
-bool WriteDocument(const char* function, DBusClient& client, const char* subject, ContextData& document);
+bool WriteDocument(LogSite site, DBusClient& client, const char* subject, ContextData& document);
 
 }  // namespace lumora::internal
 

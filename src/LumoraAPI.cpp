@@ -5,11 +5,11 @@
 #include <lumora/LumoraAPI.h>
 
 #include <cstdint>
-#include <cstdlib>
 #include <new>
 #include <string>
 #include <vector>
 
+#include "LMFServiceAPIInternal.h"
 #include "internal/Atomic.h"
 #include "internal/Log.h"
 #include "internal/Reentry.h"
@@ -231,20 +231,7 @@ bool LumoraAPI::Read(std::string subject, std::string input, std::string& output
         LMF_LOGE("%s is not valid UTF-8", invalid);
         return false;
     }
-    char* text = nullptr;
-    int result = client->Read(subject.c_str(), input.c_str(), &text);
-    if (result != 0) {
-        LMF_LOGE("error %d", result);
-        free(text);
-        return false;
-    }
-    if (text == nullptr) {
-        LMF_LOGE("error output is null");
-        return false;
-    }
-    output = text;
-    free(text);
-    return true;
+    return lumora::internal::ReadValue(LMF_SITE(__func__), *client, subject.c_str(), input.c_str(), output);
 }
 
 bool LumoraAPI::Write(std::string subject, std::string input) {
@@ -257,10 +244,7 @@ bool LumoraAPI::Write(std::string subject, std::string input) {
         LMF_LOGE("%s is not valid UTF-8", invalid);
         return false;
     }
-    int result = client->Write(subject.c_str(), input.c_str());
-    if (result == 0) return true;
-    LMF_LOGE("error %d", result);
-    return false;
+    return lumora::internal::WriteValue(LMF_SITE(__func__), *client, subject.c_str(), input.c_str());
 }
 
 bool LumoraAPI::IsAvailable() {

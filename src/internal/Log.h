@@ -34,9 +34,10 @@ constexpr const char* BaseName(const char* path) {
 #endif
 #endif
 
-#define LMF_LOG_FULL(prio, function, fmt, ...)                                                                \
-    ::log_print((prio), ::lumora::internal::kLogTag, "%s: %s(%d) > " fmt, LMF_LOG_UNIT, (function), __LINE__, \
-                ##__VA_ARGS__)
+#define LMF_LOG_SITE(prio, unit, function, fmt, ...) \
+    ::log_print((prio), ::lumora::internal::kLogTag, "%s: %s(%d) > " fmt, (unit), (function), __LINE__, ##__VA_ARGS__)
+
+#define LMF_LOG_FULL(prio, function, fmt, ...) LMF_LOG_SITE(prio, LMF_LOG_UNIT, function, fmt, ##__VA_ARGS__)
 
 #define LMF_LOG_AT(prio, fmt, ...) LMF_LOG_FULL(prio, __func__, fmt, ##__VA_ARGS__)
 
@@ -50,5 +51,20 @@ constexpr const char* BaseName(const char* path) {
 #define LMF_LOGI_IN(function, fmt, ...) LMF_LOG_FULL(LUMORA_PRIO_INFO, function, fmt, ##__VA_ARGS__)
 #define LMF_LOGW_IN(function, fmt, ...) LMF_LOG_FULL(LUMORA_PRIO_WARN, function, fmt, ##__VA_ARGS__)
 #define LMF_LOGE_IN(function, fmt, ...) LMF_LOG_FULL(LUMORA_PRIO_ERROR, function, fmt, ##__VA_ARGS__)
+
+namespace lumora::internal {
+
+// Where a line belongs, for a step shared by the operations of several
+// classes: the unit and function of the operation it runs for.
+struct LogSite {
+    const char* unit;
+    const char* function;
+};
+
+}  // namespace lumora::internal
+
+// The site of function in this unit, and a line written for a site.
+#define LMF_SITE(function) (::lumora::internal::LogSite{LMF_LOG_UNIT, (function)})
+#define LMF_LOGE_FOR(site, fmt, ...) LMF_LOG_SITE(LUMORA_PRIO_ERROR, (site).unit, (site).function, fmt, ##__VA_ARGS__)
 
 #endif  // LUMORA_INTERNAL_LOG_H
