@@ -103,6 +103,22 @@ void SubscribeDispatcher(const char* subject, char* data, void* /*userData*/) {
     }
 }
 
+// The bus client that InitializeService took, or null after the line saying
+// that it has not been called.
+DBusClient* CreatedClient(const char* function) {
+    DBusClient* client = AtomicLoad(LumoraAPI::m_pDbusClient);
+    if (client == nullptr) LMF_LOGE_IN(function, "dbus not created!, Call InitializeService");
+    return client;
+}
+
+// Whether the subject and input of a read or write may go on the bus; false
+// after the line naming the one that is not valid UTF-8.
+bool TextsAreSendable(const char* function, const std::string& subject, const std::string& input) {
+    const char* invalid = FirstInvalidText({{"subject", subject.c_str()}, {"input", input.c_str()}});
+    if (invalid != nullptr) LMF_LOGE_IN(function, "%s is not valid UTF-8", invalid);
+    return invalid == nullptr;
+}
+
 }  // namespace
 
 LumoraAPI* LumoraAPI::GetInstance() {
@@ -158,11 +174,8 @@ bool LumoraAPI::FinalizeService() {
 }
 
 bool LumoraAPI::Subscribe(std::string subject, LumoraSubjectCb callback, void* userData) {
-    DBusClient* client = AtomicLoad(m_pDbusClient);
-    if (client == nullptr) {
-        LMF_LOGE("dbus not created!, Call InitializeService");
-        return false;
-    }
+    DBusClient* client = CreatedClient(__func__);
+    if (client == nullptr) return false;
     // Refused before it enters the table, with that line alone: the bus could
     // never carry it.
     if (!g_utf8_validate(subject.c_str(), static_cast<gssize>(subject.size()), nullptr)) {
@@ -193,11 +206,8 @@ bool LumoraAPI::Subscribe(std::string subject, LumoraSubjectCb callback, void* u
 }
 
 bool LumoraAPI::UnSubscribe(std::string subject, LumoraSubjectCb callback, void* userData) {
-    DBusClient* client = AtomicLoad(m_pDbusClient);
-    if (client == nullptr) {
-        LMF_LOGE("dbus not created!, Call InitializeService");
-        return false;
-    }
+    DBusClient* client = CreatedClient(__func__);
+    if (client == nullptr) return false;
     if (LMF_REFUSED_IN_CALLBACK(kClientMutex)) return false;
     std::vector<LumoraAPISubscribe*>& records = g_table.records;
     size_t kept = 0;
@@ -221,37 +231,22 @@ bool LumoraAPI::UnSubscribe(std::string subject, LumoraSubjectCb callback, void*
 }
 
 bool LumoraAPI::Read(std::string subject, std::string input, std::string& output) {
-    DBusClient* client = AtomicLoad(m_pDbusClient);
-    if (client == nullptr) {
-        LMF_LOGE("dbus not created!, Call InitializeService");
-        return false;
-    }
+    DBusClient* client = CreatedClient(__func__);
+    if (client == nullptr) return false;
     if (LMF_REFUSED_IN_CALLBACK(kClientMutex)) return false;
-    if (const char* invalid = FirstInvalidText({{"subject", subject.c_str()}, {"input", input.c_str()}})) {
-        LMF_LOGE("%s is not valid UTF-8", invalid);
-        return false;
-    }
+    if (!TextsAreSendable(__func__, subject, input)) return false;
     return lumora::internal::ReadValue(LMF_SITE(__func__), *client, subject.c_str(), input.c_str(), output);
 }
 
 bool LumoraAPI::Write(std::string subject, std::string input) {
-    DBusClient* client = AtomicLoad(m_pDbusClient);
-    if (client == nullptr) {
-        LMF_LOGE("dbus not created!, Call InitializeService");
-        return false;
-    }
-    if (const char* invalid = FirstInvalidText({{"subject", subject.c_str()}, {"input", input.c_str()}})) {
-        LMF_LOGE("%s is not valid UTF-8", invalid);
-        return false;
-    }
+    DBusClient* client = CreatedClient(__func__);
+    if (client == nullptr) return false;
+    if (!TextsAreSendable(__func__, subject, input)) return false;
     return lumora::internal::WriteValue(LMF_SITE(__func__), *client, subject.c_str(), input.c_str());
 }
 
 bool LumoraAPI::IsAvailable() {
-    DBusClient* client = AtomicLoad(m_pDbusClient);
-    if (client == nullptr) {
-        LMF_LOGE("dbus not created!, Call InitializeService");
-        return false;
-    }
+    DBusClient* client = CreatedClient(__func__);
+    if (client == nullptr) return false;
     return client->IsAvailable();
 }
