@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "ChildProcess.h"
 #include "CliFixture.h"
 #include "StoreAccess.h"
 
@@ -68,12 +69,8 @@ protected:
         close(err[1]);
         int status = 0;
         waitpid(pid, &status, 0);  // the outputs are a line or two: the pipes never fill
-        char buffer[4096];
-        ssize_t n = 0;
-        while ((n = read(out[0], buffer, sizeof buffer)) > 0) result.out.append(buffer, static_cast<size_t>(n));
-        while ((n = read(err[0], buffer, sizeof buffer)) > 0) result.err.append(buffer, static_cast<size_t>(n));
-        close(out[0]);
-        close(err[0]);
+        result.out = ReadToEnd(out[0]);
+        result.err = ReadToEnd(err[0]);
         result.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
         return result;
     }

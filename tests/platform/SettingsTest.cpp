@@ -16,12 +16,14 @@
 #include "SettingsStatus.h"
 #include "StoreAccess.h"
 
+#include "ChildProcess.h"
 #include "LogCapture.h"
 #include "TempDir.h"
 
 namespace {
 
 using lumora::test::LogCapture;
+using lumora::test::ReadToEnd;
 using lumora::test::BecomeUserThatModesApplyTo;
 using lumora::test::ScopedEnv;
 using lumora::test::SqliteLockHolder;
@@ -98,11 +100,7 @@ protected:
             _exit(0);
         }
         close(out[1]);
-        std::string result;
-        char buffer[512];
-        ssize_t n = 0;
-        while ((n = read(out[0], buffer, sizeof buffer)) > 0) result.append(buffer, static_cast<size_t>(n));
-        close(out[0]);
+        std::string result = ReadToEnd(out[0]);
         int status = 0;
         waitpid(pid, &status, 0);
         if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) return "reader failed, status " + std::to_string(status);

@@ -9,6 +9,7 @@
 
 #include <string>
 
+#include "ChildProcess.h"
 #include "LogCapture.h"
 #include "SimProcess.h"
 #include "TempDir.h"
@@ -65,11 +66,7 @@ protected:
             _exit(127);
         }
         close(out[1]);
-        std::string line;
-        char buffer[512];
-        ssize_t n = 0;
-        while ((n = read(out[0], buffer, sizeof buffer)) > 0) line.append(buffer, static_cast<size_t>(n));
-        close(out[0]);
+        std::string line = ReadToEnd(out[0]);
         int status = 0;
         waitpid(pid, &status, 0);
         if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) return "probe failed, status " + std::to_string(status);

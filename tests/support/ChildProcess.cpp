@@ -35,6 +35,17 @@ void CloseFd(int& fd) {
 
 }  // namespace
 
+std::string ReadToEnd(int fd) {
+    std::string text;
+    char buffer[4096];
+    ssize_t n = 0;
+    while ((n = read(fd, buffer, sizeof buffer)) > 0 || (n < 0 && errno == EINTR)) {
+        if (n > 0) text.append(buffer, static_cast<size_t>(n));
+    }
+    close(fd);
+    return text;
+}
+
 ChildProcess::~ChildProcess() {
     if (m_pid > 0) {
         kill(m_pid, SIGKILL);

@@ -9,6 +9,10 @@
 
 namespace lumora::test {
 
+/// Everything still to be read from fd, up to its end (the writers closed it
+/// or exited); fd is closed.
+std::string ReadToEnd(int fd);
+
 /**
  * Starts a program with its standard output and error on pipes, in this
  * process's environment. The test reads the output line by line while the
