@@ -20,6 +20,7 @@ using lumora::test::CallMethod;
 using lumora::test::CallResult;
 using lumora::test::LogCapture;
 using lumora::test::MainLoopThread;
+using lumora::test::PrintVariant;
 using lumora::test::SignalRecorder;
 using lumora::test::TestBus;
 using lumora::test::WaitUntil;
@@ -77,10 +78,8 @@ GVariant* UntrustworthyTuple() {
 // texts "not-a-tuple" and "not-utf8" get a reply that cannot be sent.
 void OnMethodCall(const char* sender, const char* path, const char* interface, const char* method, GVariant* parameters,
                   GDBusMethodInvocation* invocation, void* data) {
-    gchar* printed = g_variant_print(parameters, FALSE);
     static_cast<Events*>(data)->AddCall(std::string(sender) + " " + path + " " + interface + "." + method + " " +
-                                        printed);
-    g_free(printed);
+                                        PrintVariant(parameters));
     const gchar* text = nullptr;
     g_variant_get(parameters, "(&s)", &text);
     GVariant* reply = nullptr;
@@ -233,9 +232,7 @@ TEST_F(DipcTest, APublishedSignalReachesASubscriber) {
     ASSERT_EQ(1u, signals.size());
     EXPECT_EQ(kPath, signals[0].path);
     EXPECT_EQ("Changed", signals[0].member);
-    gchar* printed = g_variant_print(signals[0].parameters.get(), FALSE);
-    EXPECT_STREQ("('news',)", printed);
-    g_free(printed);
+    EXPECT_EQ("('news',)", PrintVariant(signals[0].parameters.get()));
 }
 
 TEST_F(DipcTest, ASignalWithADestinationReachesOnlyThatClient) {
@@ -249,9 +246,7 @@ TEST_F(DipcTest, ASignalWithADestinationReachesOnlyThatClient) {
     EXPECT_EQ(2u, addressed.Signals().size());
     std::vector<lumora::test::ReceivedSignal> seen = other.Signals();
     ASSERT_EQ(1u, seen.size());
-    gchar* printed = g_variant_print(seen[0].parameters.get(), FALSE);
-    EXPECT_STREQ("('for-all',)", printed);
-    g_free(printed);
+    EXPECT_EQ("('for-all',)", PrintVariant(seen[0].parameters.get()));
 }
 
 TEST_F(DipcTest, PublishWithoutAHandleFails) {
@@ -388,9 +383,7 @@ TEST_F(DipcTest, PublishRefusesNamesAndParametersThatDbusCannotCarry) {
     g_usleep(200 * 1000);
     std::vector<lumora::test::ReceivedSignal> signals = recorder.Signals();
     ASSERT_EQ(1u, signals.size());
-    gchar* printed = g_variant_print(signals[0].parameters.get(), FALSE);
-    EXPECT_STREQ("('after',)", printed);
-    g_free(printed);
+    EXPECT_EQ("('after',)", PrintVariant(signals[0].parameters.get()));
 }
 
 TEST_F(DipcTest, AReplyThatCannotBeSentAnswersTheCallerWithAnErrorInstead) {

@@ -105,12 +105,7 @@ protected:
         g_variant_get_child(result.reply.get(), 1, "&s", &text);
         return text;
     }
-    static std::string Printed(GVariant* value) {
-        gchar* text = g_variant_print(value, FALSE);
-        std::string printed = text;
-        g_free(text);
-        return printed;
-    }
+    static std::string Printed(GVariant* value) { return PrintVariant(value); }
 
     LogCapture m_log;
     TempDir m_dir;

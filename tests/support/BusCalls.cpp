@@ -39,12 +39,16 @@ bool NameHasOwner(GDBusConnection* connection, const char* name) {
     return owned != FALSE;
 }
 
-std::string CallResult::Print() const {
-    if (reply == nullptr) return errorName + ": " + errorMessage;
-    gchar* text = g_variant_print(reply.get(), TRUE);
+std::string PrintVariant(GVariant* value, bool typed) {
+    gchar* text = g_variant_print(value, typed ? TRUE : FALSE);
     std::string printed = text;
     g_free(text);
     return printed;
+}
+
+std::string CallResult::Print() const {
+    if (reply == nullptr) return errorName + ": " + errorMessage;
+    return PrintVariant(reply.get(), true);
 }
 
 CallResult CallMethod(GDBusConnection* connection, const char* destination, const char* path, const char* interface,

@@ -19,6 +19,9 @@ using VariantPtr = std::shared_ptr<GVariant>;
 /// Takes ownership of value (sinking a floating one); null stays null.
 VariantPtr AdoptVariant(GVariant* value);
 
+/// value in GVariant text form (g_variant_print), with its types when typed.
+std::string PrintVariant(GVariant* value, bool typed = false);
+
 /// A private message-bus connection to address; null (message on stderr) on failure.
 GDBusConnection* ConnectToBus(const std::string& address);
 
@@ -28,7 +31,6 @@ GDBusConnection* ConnectToBus(const std::string& address);
 GDBusConnection* SharedSystemBusKeptAlive();
 
 bool NameHasOwner(GDBusConnection* connection, const char* name);
-
 
 /// The outcome of one synchronous method call.
 struct CallResult {

@@ -44,9 +44,7 @@ BusMessage Describe(GDBusMessage* message) {
     seen.errorName = OrEmpty(g_dbus_message_get_error_name(message));
     GVariant* body = g_dbus_message_get_body(message);
     if (body != nullptr) {
-        gchar* printed = g_variant_print(body, TRUE);
-        seen.body = printed;
-        g_free(printed);
+        seen.body = PrintVariant(body, true);
         if (g_variant_is_of_type(body, G_VARIANT_TYPE("(iiiss)"))) {
             const gchar *subject = nullptr, *input = nullptr;
             g_variant_get(body, "(iii&s&s)", &seen.pid, &seen.requestType, &seen.requestId, &subject, &input);
