@@ -27,13 +27,16 @@ bool ReadyMarkerExists() { return access(lumora::contract::kReadyMarkerFile, F_O
 
 namespace {
 
-[[noreturn]] void ExecProgram(const char* executable, const std::vector<std::string>& args) {
+// envp, when given, replaces this process's environment; it is built before
+// the fork, since the child of a threaded process may not allocate.
+[[noreturn]] void ExecProgram(const char* executable, const std::vector<std::string>& args,
+                              char* const* envp = nullptr) {
     prctl(PR_SET_PDEATHSIG, SIGTERM);
     std::vector<char*> argv;
     argv.push_back(const_cast<char*>(executable));
     for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
     argv.push_back(nullptr);
-    execv(executable, argv.data());
+    execve(executable, argv.data(), envp != nullptr ? envp : environ);
     fprintf(stderr, "exec %s: %s\n", executable, strerror(errno));
     _exit(127);
 }
@@ -59,10 +62,19 @@ bool SimProcess::Start(const std::string& scenario, const std::vector<std::strin
     unlink(lumora::contract::kReadyMarkerFile);
     std::vector<std::string> args = {"--scenario", scenario};
     args.insert(args.end(), extraArgs.begin(), extraArgs.end());
+    const std::string kVariable = "DBUS_SYSTEM_BUS_ADDRESS=";
+    std::vector<std::string> environment;
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        if (m_busAddress.empty() || std::string(*entry).rfind(kVariable, 0) != 0) environment.emplace_back(*entry);
+    }
+    if (!m_busAddress.empty()) environment.push_back(kVariable + m_busAddress);
+    std::vector<char*> envp;
+    for (std::string& entry : environment) envp.push_back(entry.data());
+    envp.push_back(nullptr);
     m_pid = fork();
     if (m_pid < 0) return false;
-    if (m_pid == 0) ExecProgram(SimExecutable(), args);
-    const char* address = getenv("DBUS_SYSTEM_BUS_ADDRESS");
+    if (m_pid == 0) ExecProgram(SimExecutable(), args, envp.data());
+    const char* address = m_busAddress.empty() ? getenv("DBUS_SYSTEM_BUS_ADDRESS") : m_busAddress.c_str();
     GDBusConnection* watcher = address != nullptr ? ConnectToBus(address) : nullptr;
     bool ready = watcher != nullptr &&
                  WaitUntil(

@@ -49,12 +49,16 @@ public:
     int WaitForExit(int timeoutMs);
     bool Running() const { return m_pid > 0; }
     pid_t Pid() const { return m_pid; }
+    /// Makes the next Start reach the bus at address instead of the one
+    /// DBUS_SYSTEM_BUS_ADDRESS names (empty: that one again).
+    void SetBusAddress(const std::string& address) { m_busAddress = address; }
 
     /// Runs lumora-sim with args to its end (SIGKILL after timeoutMs).
     static RunResult Run(const std::vector<std::string>& args, int timeoutMs = 30000);
 
 private:
     pid_t m_pid = -1;
+    std::string m_busAddress;
 };
 
 /// Starts executable with args, its standard output and error going to pipes
