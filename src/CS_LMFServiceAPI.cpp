@@ -6,6 +6,7 @@
 
 #include <cstring>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -184,9 +185,16 @@ bool CS_RemoveChannelFromList(int major, int minor, LMF_SRC_EXT_TYPE type) {
 }
 
 // A null serviceId is the string constructor's error, caught at the boundary.
+// The service id becomes a std::string outside the boundary guard, with no
+// null test: a null one is a programming error that the standard library's
+// std::logic_error reports to the caller, as it always has.
 bool CS_RemoveChannelFromListWithServiceID(int major, int minor, const char* serviceId, LMF_SRC_EXT_TYPE type) {
-    return Guarded(__func__, false,
-                   [=] { return LMFServiceAPI::RemoveChannelFromList(major, minor, std::string(serviceId), type); });
+    if (serviceId == nullptr) {
+        LMF_LOGE("serviceId is null");
+        throw std::logic_error("basic_string: construction from null is not valid");
+    }
+    std::string id(serviceId);
+    return Guarded(__func__, false, [&] { return LMFServiceAPI::RemoveChannelFromList(major, minor, id, type); });
 }
 
 bool CS_RegisterChannelCallback(LumoraChannelEventCb cCallback, void* userData) {

@@ -24,7 +24,7 @@ namespace {
 
 constexpr guint kInitCallbackDelaySeconds = 1;
 constexpr guint kRecheckIntervalSeconds = 3;
-constexpr guint kReconnectIntervalSeconds = 2;
+constexpr guint kReconnectIntervalSeconds = DBusClientInternal::kReconnectIntervalSeconds;
 constexpr int kRecheckLimit = 10;
 
 gboolean InitTimeoutThunk(gpointer data) {
@@ -50,16 +50,6 @@ void SetResult(LMF_INIT_RESULT* result, LMF_INIT_RESULT value) {
     if (result != nullptr) *result = value;
 }
 
-constexpr const char* kOnConnectionClosed = "OnConnectionClosed";
-
-// The connection whose "closed" signal is watched, and the handler's id.
-// Guarded by the client mutex.
-GDBusConnection* g_watchedConnection = nullptr;
-gulong g_closedHandlerId = 0;
-// Set when the bus went away under a started client, until its subscriptions
-// have been registered again on a new connection.
-bool g_bRecovering = false;
-
 }  // namespace
 
 // ---- helpers -----------------------------------------------------------------
@@ -83,81 +73,23 @@ void DBusClientInternal::MarkBusConnected(DBusClient& client, bool connected) {
     AtomicStore(client.m_bBusConnected, connected);
 }
 
-void DBusClientInternal::WatchConnection(DBusClient& client) {
-    // The handler of a connection given up earlier goes: the object is only
-    // forgotten, never released, so disconnecting from it is safe.
-    if (g_watchedConnection != nullptr && g_closedHandlerId != 0)
-        g_signal_handler_disconnect(g_watchedConnection, g_closedHandlerId);
-    g_watchedConnection = client.m_connection;
-    g_closedHandlerId = g_watchedConnection != nullptr
-                            ? g_signal_connect(g_watchedConnection, "closed", G_CALLBACK(OnConnectionClosed), nullptr)
-                            : 0;
-}
-
-bool DBusClientInternal::Recovering() { return g_bRecovering; }
-
-void DBusClientInternal::StopRecovery() { g_bRecovering = false; }
-
-void DBusClientInternal::FinishRecovery(DBusClient& client, const char* caller) {
-    g_bRecovering = false;
-    LMF_LOGE_IN(caller, "[%s] registering %zu subscription(s) again after the bus came back", ProcessName(client),
-                client.m_vSubscribeList.size());
-    ResubscribeAll(client, caller);
-    ResendPendingRequests(client, caller);
-}
-
-// Without this, a client whose bus daemon restarts keeps a closed connection
-// for good: every read fails with "The connection is closed" and nothing
-// tries again. The connection is dropped and the reconnect timer of the first
-// start brings the client back. Calls in flight end with an error from GIO
-// and reach their callbacks (OnResponseAsync); they are not sent again.
-void DBusClientInternal::OnConnectionClosed(GDBusConnection* connection, gboolean remotePeerVanished, GError* error,
-                                            gpointer /*userData*/) {
-    lumora::internal::GuardedVoid(kOnConnectionClosed, [&] {
-        ContextAutoLock lock(Mutex());
-        if (connection != g_watchedConnection) return;  // one given up already
-        g_signal_handler_disconnect(connection, g_closedHandlerId);
-        g_closedHandlerId = 0;
-        g_watchedConnection = nullptr;
-        DBusClient* client = DBusClient::m_pInstance;
-        if (client == nullptr || client->m_connection != connection) return;
-        const char* name = ProcessName(*client);
-        const char* reason = error != nullptr ? error->message : remotePeerVanished ? "the bus went away" : "closed";
-        // Only a client that is in use comes back by itself; a finalised one
-        // (or one never brought up) opens a new connection on its next
-        // Initialize.
-        bool inUse = client->m_bBusConnected;
-        if (client->m_subscriberID != 0) {
-            g_dbus_connection_signal_unsubscribe(connection, client->m_subscriberID);
-            client->m_subscriberID = 0;
-        }
-        // Forgotten, not released, as in Initialize: an operation without the
-        // lock (Write) may still hold the pointer.
-        AtomicStore(client->m_connection, static_cast<GDBusConnection*>(nullptr));
-        MarkBusConnected(*client, false);
-        MarkServiceAvailable(*client, false);
-        RemoveSource(client->m_nRecheckTimerId);
-        if (!inUse) {
-            LMF_LOGE_IN(kOnConnectionClosed, "[%s] the bus connection closed (%s)", name, reason);
-            return;
-        }
-        LMF_LOGE_IN(kOnConnectionClosed, "[%s] the bus connection closed (%s); reconnecting every %u s", name, reason,
-                    kReconnectIntervalSeconds);
-        g_bRecovering = true;
-        RemoveSource(client->m_nReConnectTimerId);
-        client->m_nReConnectTimerId = g_timeout_add_seconds(kReconnectIntervalSeconds, ReConnectTimeoutThunk, client);
-    });
-}
-
-guint DBusClientInternal::SubscribeResponseSignal(DBusClient& client) {
-    return g_dbus_connection_signal_subscribe(client.m_connection, nullptr, contract::kInterface,
-                                              contract::kSignalResponse, contract::kObjectPath, nullptr,
-                                              G_DBUS_SIGNAL_FLAGS_NONE, &DBusClient::OnSubscribe, &client, nullptr);
-}
-
 void DBusClientInternal::ScheduleInitCallback(DBusClient& client) {
     client.m_nInitCbTimerId = g_timeout_add_seconds(kInitCallbackDelaySeconds, InitTimeoutThunk, &client);
 }
+
+// One reconnect timer at a time: an earlier timer left running would open a
+// connection of its own.
+void DBusClientInternal::ScheduleReconnect(DBusClient& client) {
+    RemoveSource(client.m_nReConnectTimerId);
+    client.m_nReConnectTimerId = g_timeout_add_seconds(kReconnectIntervalSeconds, ReConnectTimeoutThunk, &client);
+}
+
+void DBusClientInternal::ScheduleRecheck(DBusClient& client) {
+    RemoveSource(client.m_nRecheckTimerId);
+    client.m_nRecheckTimerId = g_timeout_add_seconds(kRecheckIntervalSeconds, RecheckTimeoutThunk, &client);
+}
+
+void DBusClientInternal::CancelRecheck(DBusClient& client) { RemoveSource(client.m_nRecheckTimerId); }
 
 // An open connection kept from an earlier Initialize: only the service is asked
 // again. Unlike a fresh connection, a service that is not enabled here starts
@@ -177,7 +109,7 @@ void DBusClientInternal::InitializeOnOpenConnection(DBusClient& client, LMF_INIT
 void DBusClientInternal::InitializeOnNewConnection(DBusClient& client, LMF_INIT_RESULT* result) {
     const char* name = ProcessName(client);
     LMF_LOGE_IN("Initialize", "[%s] Success to connect Dbus ", name);
-    if (client.m_subscriberID == 0) client.m_subscriberID = SubscribeResponseSignal(client);
+    Listen(client);
     MarkBusConnected(client, true);
     // The marker file is consulted only here, on a fresh connection.
     if (client.__IsLMFServiceReady() && client.__IsServiceEnable()) {
@@ -194,8 +126,7 @@ void DBusClientInternal::InitializeOnNewConnection(DBusClient& client, LMF_INIT_
     MarkServiceAvailable(client, false);
     SetResult(result, LMF_INIT_SERVICE_NOT_READY);
     LMF_LOGE_IN("Initialize", "[%s] Set Timer ..", name);
-    RemoveSource(client.m_nRecheckTimerId);
-    client.m_nRecheckTimerId = g_timeout_add_seconds(kRecheckIntervalSeconds, RecheckTimeoutThunk, &client);
+    ScheduleRecheck(client);
 }
 
 // ---- instance ----------------------------------------------------------------
@@ -276,6 +207,7 @@ bool DBusClient::Initialize(LMF_INIT_RESULT* result, LumoraInitCb callback, void
     m_vSubscribeList.clear();
     m_subscribeIndex.clear();
     m_vRequestList.clear();
+    DBusClientInternal::CountSubscriptions(*this);
     ++m_nInitCnt;
     if (callback != nullptr) {
         m_fnInitCb = callback;
@@ -286,9 +218,7 @@ bool DBusClient::Initialize(LMF_INIT_RESULT* result, LumoraInitCb callback, void
         return true;
     }
     if (m_connection != nullptr) {
-        // A closed connection is forgotten, not released: GIO may still be
-        // delivering its last callbacks.
-        AtomicStore(m_connection, static_cast<GDBusConnection*>(nullptr));
+        DBusClientInternal::ForgetConnection(*this);
         DBusClientInternal::MarkBusConnected(*this, false);
         DBusClientInternal::MarkServiceAvailable(*this, false);
     }
@@ -299,10 +229,7 @@ bool DBusClient::Initialize(LMF_INIT_RESULT* result, LumoraInitCb callback, void
             LMF_LOGE("[%s] m_connection error msg[%s]", m_strProcessName.c_str(), error->message);
             g_error_free(error);
         }
-        // One reconnect timer at a time, however often Initialize fails: an
-        // earlier timer left running would open a connection of its own.
-        RemoveSource(m_nReConnectTimerId);
-        m_nReConnectTimerId = g_timeout_add_seconds(kReconnectIntervalSeconds, ReConnectTimeoutThunk, this);
+        DBusClientInternal::ScheduleReconnect(*this);
         SetResult(result, LMF_INIT_CONNECTION_FAILED);
         return true;
     }
@@ -321,15 +248,13 @@ bool DBusClient::Finalize() {
     RemoveSource(m_nInitCbTimerId);
     RemoveSource(m_nRecheckTimerId);
     if (m_connection != nullptr && !g_dbus_connection_is_closed(m_connection)) {
-        if (m_subscriberID != 0) {
-            g_dbus_connection_signal_unsubscribe(m_connection, m_subscriberID);
-            m_subscriberID = 0;
-        }
+        DBusClientInternal::StopListening(*this);
         g_dbus_connection_flush_sync(m_connection, nullptr, nullptr);
         // The connection stays open and owned, for the next Initialize; a
         // reconnect timer left from before keeps running.
     } else {
-        if (m_connection != nullptr) AtomicStore(m_connection, static_cast<GDBusConnection*>(nullptr));
+        // A bus lost under the client: the recovery ends with it.
+        if (m_connection != nullptr) DBusClientInternal::ForgetConnection(*this);
         RemoveSource(m_nReConnectTimerId);
     }
     m_fnInitCb = nullptr;
@@ -402,45 +327,29 @@ gboolean DBusClient::ReConnectTimeoutCb() {
         LMF_LOGE("m_connection error");
         return TRUE;
     }
-    AtomicStore(m_connection, connection);
-    DBusClientInternal::WatchConnection(*this);
+    m_nReConnectTimerId = 0;
     if (DBusClientInternal::Recovering()) {
-        // Back after a lost bus: listen, ask the service, and register the
-        // subscriptions again once it is there (now, or on its "HELLO").
-        const char* name = m_strProcessName.c_str();
-        LMF_LOGE("[%s] connected to the bus again", name);
-        if (m_subscriberID == 0) m_subscriberID = DBusClientInternal::SubscribeResponseSignal(*this);
-        DBusClientInternal::MarkBusConnected(*this, true);
-        if (__IsLMFServiceReady() && __IsServiceEnable()) {
-            LMF_LOGE("[%s] LMF service is available now ..", name);
-            DBusClientInternal::MarkServiceAvailable(*this, true);
-            DBusClientInternal::FinishRecovery(*this, __func__);
-        } else {
-            LMF_LOGE("[%s] LMF service isn't ready or available yet ..", name);
-            m_nRecheckCnt = 0;
-            RemoveSource(m_nRecheckTimerId);
-            m_nRecheckTimerId = g_timeout_add_seconds(kRecheckIntervalSeconds, RecheckTimeoutThunk, this);
-        }
-        m_nReConnectTimerId = 0;
+        DBusClientInternal::RecoverOn(*this, connection);
         return FALSE;
     }
+    AtomicStore(m_connection, connection);
+    DBusClientInternal::WatchConnection(*this);
     // Only a process with subscriptions listens and asks the service again
     // here; any other keeps the new connection with its flags as they were,
     // and is brought up by its next Initialize.
-    if (m_subscriberID == 0 && !m_vSubscribeList.empty()) {
-        m_subscriberID = DBusClientInternal::SubscribeResponseSignal(*this);
-        LMF_LOGE("m_subscriberID : %d", m_subscriberID);
-        DBusClientInternal::MarkBusConnected(*this, true);
-        if (!__IsServiceEnable()) {
-            LMF_LOGE("[%s] LMF service isn't available yet ..", m_strProcessName.c_str());
-            DBusClientInternal::MarkServiceAvailable(*this, false);
-        } else {
-            LMF_LOGE("[%s] LMF service is available now ..", m_strProcessName.c_str());
-            DBusClientInternal::MarkServiceAvailable(*this, true);
-            DBusClientInternal::ResubscribeAll(*this, __func__);
-            DBusClientInternal::ResendPendingRequests(*this, __func__);
-        }
+    if (m_vSubscribeList.empty()) return FALSE;
+    guint subscriberId = DBusClientInternal::Listen(*this);
+    if (subscriberId == 0) return FALSE;  // listening already
+    LMF_LOGE("m_subscriberID : %d", subscriberId);
+    DBusClientInternal::MarkBusConnected(*this, true);
+    if (!__IsServiceEnable()) {
+        LMF_LOGE("[%s] LMF service isn't available yet ..", m_strProcessName.c_str());
+        DBusClientInternal::MarkServiceAvailable(*this, false);
+        return FALSE;
     }
-    m_nReConnectTimerId = 0;
+    LMF_LOGE("[%s] LMF service is available now ..", m_strProcessName.c_str());
+    DBusClientInternal::MarkServiceAvailable(*this, true);
+    DBusClientInternal::ResubscribeAll(*this, __func__);
+    DBusClientInternal::ResendPendingRequests(*this, __func__);
     return FALSE;
 }

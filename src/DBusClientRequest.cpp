@@ -246,11 +246,11 @@ void DBusClient::OnResponseAsync(GObject* source, GAsyncResult* result, gpointer
         if (!ReplyIsWanted(source, request, client)) return;
         // The two silent drops: no callback. The record is freed all the same:
         // once sent it belongs to this call alone (it left the pending table),
-        // so keeping it would only leak it.
-        // A call cut off by a lost bus is not one of them: the service never
-        // said "BYE", and its caller would wait for ever.
-        bool busLost = g_dbus_connection_is_closed(G_DBUS_CONNECTION(source));
-        if (!client->IsAvailable() && !busLost) {
+        // so keeping it would only leak it. A call cut off by a lost bus is
+        // not one of them while the service counts as available: GIO ends it
+        // with an error before the connection's "closed" signal, and its
+        // callback gets the error text below.
+        if (!client->IsAvailable()) {
             LMF_LOGE_IN(kOnResponseAsync, "Service is not Available");
             FreeRequest(request);
             return;

@@ -5,17 +5,21 @@
 #include <lumora/DBusClient.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <new>
+#include <stdexcept>
 #include <string_view>
 
 #include "DBusClientInternal.h"
+#include "internal/Atomic.h"
 #include "internal/Boundary.h"
 #include "internal/Log.h"
 #include "internal/Reentry.h"
 #include "internal/ServiceContract.h"
 
 namespace contract = lumora::contract;
+using lumora::internal::AtomicLoad;
 using lumora::internal::kClientMutex;
 
 namespace {
@@ -38,21 +42,65 @@ void SendToService(DBusClient& client, int type, const std::string& subject) {
     client.__RequestSync(type, client.__GenerateSeqId(), subject.c_str(), contract::kEmptyJson, nullptr);
 }
 
+GMutex g_signalMutex;
+// The size of the subscription table, for the steps that run without the
+// client mutex (written under it).
+std::atomic<size_t> g_nSubscriptions{0};
+
+guint SubscribeResponseSignal(DBusClient& client, GDBusConnection* connection) {
+    return g_dbus_connection_signal_subscribe(connection, nullptr, contract::kInterface, contract::kSignalResponse,
+                                              contract::kObjectPath, nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
+                                              &DBusClient::OnSubscribe, &client, nullptr);
+}
+
 }  // namespace
 
+// ---- the "Response" signal -------------------------------------------------------
+
+GMutex* DBusClientInternal::SignalMutex() { return &g_signalMutex; }
+
+void DBusClientInternal::CountSubscriptions(const DBusClient& client) {
+    g_nSubscriptions.store(client.m_vSubscribeList.size());
+}
+
+guint DBusClientInternal::Listen(DBusClient& client) {
+    ContextAutoLock lock(SignalMutex());
+    GDBusConnection* connection = Connection(client);
+    if (connection == nullptr || client.m_subscriberID != 0) return 0;
+    client.m_subscriberID = SubscribeResponseSignal(client, connection);
+    return client.m_subscriberID;
+}
+
+void DBusClientInternal::ListenBeforeFirstSubscription(DBusClient& client) {
+    if (g_nSubscriptions.load() == 0) Listen(client);
+}
+
+void DBusClientInternal::StopListening(DBusClient& client) {
+    ContextAutoLock lock(SignalMutex());
+    GDBusConnection* connection = Connection(client);
+    if (connection == nullptr || client.m_subscriberID == 0) return;
+    g_dbus_connection_signal_unsubscribe(connection, client.m_subscriberID);
+    client.m_subscriberID = 0;
+}
+
+void DBusClientInternal::StopListeningAfterLastSubscription(DBusClient& client) {
+    if (g_nSubscriptions.load() == 0) StopListening(client);
+}
+
+// ---- the table -------------------------------------------------------------------
+
+// Neither step before the table's takes the client mutex: a subscription
+// never waits behind a read in flight for the bus-connected test or the
+// signal subscription.
 bool DBusClient::Subscribe(const char* subject, LumoraSubjectCb callback, void* userData) {
     if (LMF_REFUSED_IN_CALLBACK(kClientMutex)) return false;
-    {
-        ContextAutoLock lock(&m_clientMutex);
-        if (!m_bBusConnected) {
-            // Counted as a success although nothing is stored: callers test a
-            // bool and have always treated an early subscription this way.
-            LMF_LOGE("[%s] Dbus is not connected", m_strProcessName.c_str());
-            return true;
-        }
-        if (m_vSubscribeList.empty() && m_connection != nullptr && m_subscriberID == 0)
-            m_subscriberID = DBusClientInternal::SubscribeResponseSignal(*this);
+    if (!AtomicLoad(m_bBusConnected)) {
+        // Counted as a success although nothing is stored: callers test a
+        // bool and have always treated an early subscription this way.
+        LMF_LOGE("[%s] Dbus is not connected", m_strProcessName.c_str());
+        return true;
     }
+    DBusClientInternal::ListenBeforeFirstSubscription(*this);
     return __InsertSubscribe(subject, callback, userData);
 }
 
@@ -60,8 +108,10 @@ bool DBusClient::__InsertSubscribe(const char* subject, LumoraSubjectCb callback
     if (LMF_REFUSED_IN_CALLBACK(kClientMutex)) return false;
     ContextAutoLock lock(&m_clientMutex);
     if (subject == nullptr) {
+        // A programming error, reported as the record's subject string would
+        // report it, and before anything is sent.
         LMF_LOGE("[%s] szSubject is null", m_strProcessName.c_str());
-        return false;
+        throw std::logic_error("basic_string: construction from null is not valid");
     }
     if (!DBusClientInternal::IsSendable(*this, __func__, subject, nullptr)) return false;
     if (FindSubscribe(subject, callback) != nullptr) {
@@ -96,27 +146,19 @@ bool DBusClient::__InsertSubscribe(const char* subject, LumoraSubjectCb callback
         delete record;
         throw;
     }
+    DBusClientInternal::CountSubscriptions(*this);
     LMF_LOGI("Success to InsertSubscribe(%s)", subject);
     return true;
 }
 
 bool DBusClient::Unsubscribe(const char* subject, LumoraSubjectCb callback) {
     if (LMF_REFUSED_IN_CALLBACK(kClientMutex)) return false;
-    {
-        ContextAutoLock lock(&m_clientMutex);
-        if (!m_bBusConnected) {
-            LMF_LOGE("[%s] Dbus is not connected", m_strProcessName.c_str());
-            return true;
-        }
+    if (!AtomicLoad(m_bBusConnected)) {
+        LMF_LOGE("[%s] Dbus is not connected", m_strProcessName.c_str());
+        return true;
     }
     if (!__DeleteSubscribe(subject, callback)) return false;
-    {
-        ContextAutoLock lock(&m_clientMutex);
-        if (m_vSubscribeList.empty() && m_connection != nullptr && m_subscriberID != 0) {
-            g_dbus_connection_signal_unsubscribe(m_connection, m_subscriberID);
-            m_subscriberID = 0;
-        }
-    }
+    DBusClientInternal::StopListeningAfterLastSubscription(*this);
     LMF_LOGI("Success to unsubscribe ..");
     return true;
 }
@@ -142,6 +184,7 @@ bool DBusClient::__DeleteSubscribe(const char* subject, LumoraSubjectCb callback
         return true;
     });
     m_vSubscribeList.erase(end, m_vSubscribeList.end());
+    DBusClientInternal::CountSubscriptions(*this);
     if (m_vSubscribeList.size() == before) {
         LMF_LOGI("Fail to delete subscribe(%s), not found", subject != nullptr ? subject : "(null)");
         return false;
@@ -185,6 +228,7 @@ void DBusClient::__DeleteAllSubscribes() {
     }
     m_vSubscribeList.clear();
     m_subscribeIndex.clear();
+    DBusClientInternal::CountSubscriptions(*this);
 }
 
 void DBusClientInternal::ResubscribeAll(DBusClient& client, const char* caller) {

@@ -61,13 +61,16 @@ struct DBusClientRequest {
  * strings); any other text is refused as a bad argument (-3, or false).
  *
  * Losing the bus: when the bus daemon goes away under a client in use (after
- * Initialize, before Finalize), the client drops the closed connection, marks
- * the bus not connected and the service unavailable (operations fail with -5
- * meanwhile), and tries a new connection every 2 s. Once connected it listens
- * again, asks the service and registers every subscription again (at once
- * when the service is there, otherwise on its "HELLO"), so callbacks resume
- * without the application doing anything. A request in flight when the bus
- * went away is answered once with {"Status":"Error"} and not sent again.
+ * Initialize, before Finalize), the client keeps the closed connection and its
+ * state, so that operations behave as on any connection that closed: a read
+ * fails with GIO's error (-6), a write is queued (0) and dropped, a request is
+ * accepted and answered once with {"Status":"Error"}, and subscriptions and
+ * removals change the table as usual. It tries a new connection every 2 s;
+ * once connected it listens again, asks the service and registers the table,
+ * as the application left it, again (at once when the service is there,
+ * after a recheck every 3 s or on its "HELLO"), so callbacks resume without
+ * the application doing anything. A request in flight when the bus went away
+ * is answered once with {"Status":"Error"} and not sent again.
  */
 class LUMORA_EXPORT DBusClient {
 public:
@@ -133,15 +136,17 @@ public:
     /// first local subscriber while the service is available, and again after
     /// each "HELLO". True when added, or when the bus is not connected (then
     /// nothing is stored); false for a duplicate pair, whatever its userData,
-    /// for a null or non-UTF-8 subject, when the record cannot be allocated, or
-    /// when refused. The callback runs on the main-loop thread with no lock held,
+    /// for a non-UTF-8 subject, when the record cannot be allocated, or when
+    /// refused. The callback runs on the main-loop thread with no lock held,
     /// once per notification, in the order the pairs were added; a null callback
-    /// is skipped with a line. Takes the client mutex.
+    /// is skipped with a line. Only the table step takes the client mutex.
+    /// @exception std::logic_error subject is null (a programming error;
+    /// nothing is sent or stored).
     bool Subscribe(const char* subject, LumoraSubjectCb callback, void* userData);
     /// Removes (subject, callback); the service is told when the subject loses
     /// its last local subscriber while the service is available. True when
     /// removed or the bus is not connected; false when the pair is unknown, or
-    /// when refused. Takes the client mutex.
+    /// when refused. Only the table step takes the client mutex.
     bool Unsubscribe(const char* subject, LumoraSubjectCb callback);
 
     /// Adds the names of a whitelist text {"WhiteList":[...]} to the list.
@@ -195,8 +200,9 @@ public:
     void __DeleteAllRequests();
     /// The table step of Subscribe (takes the client mutex): adds the record,
     /// after telling the service (a type-3 "RequestSync") when the subject is new
-    /// and the service available. False for a null or non-UTF-8 subject, a known
-    /// (subject, callback), a failed allocation, or when refused.
+    /// and the service available. False for a non-UTF-8 subject, a known
+    /// (subject, callback), a failed allocation, or when refused; throws
+    /// std::logic_error for a null subject, before anything is sent.
     bool __InsertSubscribe(const char* subject, LumoraSubjectCb callback, void* userData);
     /// The table step of Unsubscribe (takes the client mutex): frees the records
     /// of (subject, callback) and tells the service (type 4) when the subject has

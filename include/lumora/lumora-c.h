@@ -40,7 +40,9 @@
  * A bool result is true on success and false on failure; a `char*` result is
  * NULL on failure. Every failure is logged with its reason (tag "LMF_API").
  * No function here throws, except Lumora_Write() and
- * Lumora_WriteRawStreamingEvent().
+ * Lumora_WriteRawStreamingEvent() on a failed write, and
+ * CS_RemoveChannelFromListWithServiceID() for a NULL serviceId. From C, such
+ * an exception ends the program: do not pass what makes them throw.
  *
  * @par Subjects
  * Each fact or action is a subject, a slash-separated name such as
@@ -608,8 +610,11 @@ LUMORA_EXPORT char* CS_ReorderChannelList(const char* channel_list, int source);
  *  be sent. */
 LUMORA_EXPORT bool CS_RemoveChannelFromList(int major, int minor, LMF_SRC_EXT_TYPE type);
 /** The same, naming the channel's service id as well (to
- *  "Pref/Channel/RemoveWithServiceID"); false for a NULL serviceId.
- *  false, nothing sent, for a serviceId that is not valid UTF-8. */
+ *  "Pref/Channel/RemoveWithServiceID"); false, nothing sent, for a serviceId
+ *  that is not valid UTF-8.
+ *  @exception std::logic_error serviceId is NULL (nothing is sent; the
+ *  serviceId is taken as a std::string without a null test, as callers have
+ *  always had it). */
 LUMORA_EXPORT bool CS_RemoveChannelFromListWithServiceID(int major, int minor, const char* serviceId,
                                                          LMF_SRC_EXT_TYPE type);
 /** Registers cCallback for the channel list, programme-changed and

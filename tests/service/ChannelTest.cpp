@@ -6,6 +6,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -389,14 +390,11 @@ TEST_F(ChannelTest, RemovalRequestsAreWrittenInBothForms) {
         [&] { return ParseJson(writes[3].input) == ParseJson(SimValue("Pref/Channel/RemoveWithServiceID")); }, 5000));
 }
 
-TEST_F(ChannelTest, ANullServiceIdFailsAtTheBoundaryWithoutWriting) {
+TEST_F(ChannelTest, ANullServiceIdThrowsTheStandardLibrarysLogicErrorWithoutWriting) {
     Start();
-    EXPECT_FALSE(CS_RemoveChannelFromListWithServiceID(9, 1, nullptr, LMF_SRC_EXT_AIR));
-    bool logged = false;
-    for (const LogRecord& record : m_log.Records())
-        logged |= record.function == "CS_RemoveChannelFromListWithServiceID" &&
-                  record.text.rfind("unexpected exception", 0) == 0;
-    EXPECT_TRUE(logged) << m_log.Dump();
+    EXPECT_THROW(CS_RemoveChannelFromListWithServiceID(9, 1, nullptr, LMF_SRC_EXT_AIR), std::logic_error);
+    EXPECT_TRUE(m_log.From("serviceId is null", "CS_LMFServiceAPI.cpp", "CS_RemoveChannelFromListWithServiceID"))
+        << m_log.Dump();
     EXPECT_TRUE(LibraryCalls("Write").empty());
 }
 

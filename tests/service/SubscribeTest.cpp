@@ -6,6 +6,7 @@
 
 #include <memory>
 #include <sstream>
+#include <stdexcept>
 #include <thread>
 
 #include "MisbehavingService.h"
@@ -236,6 +237,17 @@ TEST_F(SubscribeTest, ASubjectThatIsNotUtf8IsRefusedWithoutAGLibCritical) {
         << m_log.Dump();
     EXPECT_EQ(nullptr, Client()->FindSubscribe("Ctx/\xfe/Changed"));
     EXPECT_TRUE(LibraryCalls().empty());
+}
+
+TEST_F(SubscribeTest, ANullSubjectIsAProgrammingErrorThatTheBusClientThrowsBeforeSendingAnything) {
+    Start();
+    EXPECT_THROW(Client()->Subscribe(nullptr, Recorded<1>, nullptr), std::logic_error);
+    EXPECT_TRUE(m_log.From("[myapp] szSubject is null", "DBusClient.cpp", "__InsertSubscribe")) << m_log.Dump();
+    EXPECT_TRUE(LibraryCalls().empty());
+    // Nothing stored: the same pair is taken afterwards.
+    EXPECT_TRUE(Client()->Subscribe("Ctx/App/Info/Changed", Recorded<1>, nullptr));
+    EXPECT_EQ((std::vector<std::string>{"3 Ctx/App/Info/Changed"}), SubscriptionTraffic());
+    EXPECT_TRUE(Client()->Unsubscribe("Ctx/App/Info/Changed", Recorded<1>));
 }
 
 TEST_F(SubscribeTest, UnsubscribingATripleNeverSubscribedStillAsksTheBusClient) {
