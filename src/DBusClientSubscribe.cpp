@@ -63,10 +63,12 @@ void DBusClientInternal::CountSubscriptions(const DBusClient& client) {
     g_nSubscriptions.store(client.m_vSubscribeList.size());
 }
 
+// A closed connection is not listened on: GIO would fail to send its match
+// rule with a critical. The reconnection listens on the new one.
 guint DBusClientInternal::Listen(DBusClient& client) {
     ContextAutoLock lock(SignalMutex());
     GDBusConnection* connection = Connection(client);
-    if (connection == nullptr || client.m_subscriberID != 0) return 0;
+    if (connection == nullptr || g_dbus_connection_is_closed(connection) || client.m_subscriberID != 0) return 0;
     client.m_subscriberID = SubscribeResponseSignal(client, connection);
     return client.m_subscriberID;
 }

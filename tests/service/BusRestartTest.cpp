@@ -76,6 +76,9 @@ protected:
     void SetUp() override {
         program_invocation_short_name = const_cast<char*>("myapp");
         CallbackRecorder::Instance().Clear();
+        // Nothing the application does during an outage may raise a GLib
+        // critical or warning.
+        g_log_set_always_fatal(static_cast<GLogLevelFlags>(G_LOG_LEVEL_CRITICAL | G_LOG_LEVEL_WARNING));
         m_realAddress = "unix:path=" + m_dir.File("bus.real");
         m_sim.SetBusAddress(m_realAddress);
         OpenToApplication();
