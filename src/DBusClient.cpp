@@ -8,6 +8,7 @@
 #include "DBusClientInternal.h"
 #include "internal/Atomic.h"
 #include "internal/Boundary.h"
+#include "internal/Events.h"
 #include "internal/Log.h"
 #include "internal/Reentry.h"
 #include "internal/ServiceContract.h"
@@ -50,6 +51,11 @@ void SetResult(LMF_INIT_RESULT* result, LMF_INIT_RESULT value) {
     if (result != nullptr) *result = value;
 }
 
+// How the last "ServiceEnable" went, for the reason an application is told
+// when the service is not there. Guarded by the client mutex.
+enum class EnableOutcome { kNotAsked, kFailed, kRefused, kEnabled };
+EnableOutcome g_enableOutcome = EnableOutcome::kNotAsked;
+
 }  // namespace
 
 // ---- helpers -----------------------------------------------------------------
@@ -67,6 +73,23 @@ GDBusConnection* DBusClientInternal::Connection(const DBusClient& client) { retu
 
 void DBusClientInternal::MarkServiceAvailable(DBusClient& client, bool available) {
     AtomicStore(client.m_bServiceAvailable, available);
+}
+
+void DBusClientInternal::ServiceFound(DBusClient& client, const char* reason) {
+    MarkServiceAvailable(client, true);
+    lumora::internal::ReportServiceAvailable(reason);
+}
+
+// Not there: no bus, no service behind the name (or no readiness marker), or
+// a service that answered that it is not enabled ("bye": it said no).
+void DBusClientInternal::ServiceNotFound(DBusClient& client) {
+    MarkServiceAvailable(client, false);
+    GDBusConnection* connection = client.m_connection;
+    const char* reason = connection == nullptr || g_dbus_connection_is_closed(connection) ? "bus-closed"
+                         : g_enableOutcome == EnableOutcome::kRefused                    ? "bye"
+                                                                                         : "name-lost";
+    g_enableOutcome = EnableOutcome::kNotAsked;
+    lumora::internal::ReportServiceUnavailable(reason);
 }
 
 void DBusClientInternal::MarkBusConnected(DBusClient& client, bool connected) {
@@ -97,11 +120,11 @@ void DBusClientInternal::CancelRecheck(DBusClient& client) { RemoveSource(client
 void DBusClientInternal::InitializeOnOpenConnection(DBusClient& client, LMF_INIT_RESULT* result) {
     MarkBusConnected(client, true);
     if (!client.__IsServiceEnable()) {
-        MarkServiceAvailable(client, false);
+        ServiceNotFound(client);
         SetResult(result, LMF_INIT_SERVICE_NOT_READY);
         return;
     }
-    MarkServiceAvailable(client, true);
+    ServiceFound(client, "ready");
     if (client.m_fnInitCb != nullptr) ScheduleInitCallback(client);
     SetResult(result, LMF_INIT_OK);
 }
@@ -114,7 +137,7 @@ void DBusClientInternal::InitializeOnNewConnection(DBusClient& client, LMF_INIT_
     // The marker file is consulted only here, on a fresh connection.
     if (client.__IsLMFServiceReady() && client.__IsServiceEnable()) {
         LMF_LOGE_IN("Initialize", "[%s] LMF service is available now ..", name);
-        MarkServiceAvailable(client, true);
+        ServiceFound(client, "ready");
         if (client.m_fnInitCb != nullptr) {
             RemoveSource(client.m_nInitCbTimerId);
             ScheduleInitCallback(client);
@@ -123,7 +146,7 @@ void DBusClientInternal::InitializeOnNewConnection(DBusClient& client, LMF_INIT_
         return;
     }
     LMF_LOGE_IN("Initialize", "[%s] LMF service isn't ready or available yet ..", name);
-    MarkServiceAvailable(client, false);
+    ServiceNotFound(client);
     SetResult(result, LMF_INIT_SERVICE_NOT_READY);
     LMF_LOGE_IN("Initialize", "[%s] Set Timer ..", name);
     ScheduleRecheck(client);
@@ -162,6 +185,7 @@ bool DBusClient::__IsLMFServiceReady() { return access(contract::kReadyMarkerFil
 
 bool DBusClient::__IsServiceEnable() {
     GDBusConnection* connection = DBusClientInternal::Connection(*this);
+    g_enableOutcome = EnableOutcome::kFailed;
     if (connection == nullptr) {
         LMF_LOGE("[%s] m_connection is null", m_strProcessName.c_str());
         return false;
@@ -188,6 +212,7 @@ bool DBusClient::__IsServiceEnable() {
     g_variant_get(reply, "(b&s)", &enabled, &whiteList);
     __SetWhiteList(whiteList);
     g_variant_unref(reply);
+    g_enableOutcome = enabled ? EnableOutcome::kEnabled : EnableOutcome::kRefused;
     if (enabled) {
         LMF_LOGE("LMF is available");
         return true;
@@ -230,6 +255,7 @@ bool DBusClient::Initialize(LMF_INIT_RESULT* result, LumoraInitCb callback, void
             g_error_free(error);
         }
         DBusClientInternal::ScheduleReconnect(*this);
+        lumora::internal::ReportServiceUnavailable("bus-closed");
         SetResult(result, LMF_INIT_CONNECTION_FAILED);
         return true;
     }
@@ -305,12 +331,14 @@ gboolean DBusClient::RecheckTimeoutCb() {
         LMF_LOGE("[%s] LMF service is available now ..", name);
         DBusClientInternal::MarkServiceAvailable(*this, true);
         if (m_fnInitCb != nullptr) DBusClientInternal::ScheduleInitCallback(*this);
-        if (DBusClientInternal::Recovering()) DBusClientInternal::FinishRecovery(*this, __func__);
+        bool recovering = DBusClientInternal::Recovering();
+        if (recovering) DBusClientInternal::FinishRecovery(*this, __func__);
+        lumora::internal::ReportServiceAvailable(recovering ? "reconnected" : "ready");
         m_nRecheckTimerId = 0;
         return FALSE;
     }
     LMF_LOGE("[%s] LMF service isn't available yet ..", name);
-    DBusClientInternal::MarkServiceAvailable(*this, false);
+    DBusClientInternal::ServiceNotFound(*this);
     // Stops after the eleventh check although the log names ten as the total.
     if (m_nRecheckCnt > kRecheckLimit) {
         LMF_LOGE("[%s] Stop Checking Service Availability", name);
@@ -344,12 +372,13 @@ gboolean DBusClient::ReConnectTimeoutCb() {
     DBusClientInternal::MarkBusConnected(*this, true);
     if (!__IsServiceEnable()) {
         LMF_LOGE("[%s] LMF service isn't available yet ..", m_strProcessName.c_str());
-        DBusClientInternal::MarkServiceAvailable(*this, false);
+        DBusClientInternal::ServiceNotFound(*this);
         return FALSE;
     }
     LMF_LOGE("[%s] LMF service is available now ..", m_strProcessName.c_str());
     DBusClientInternal::MarkServiceAvailable(*this, true);
     DBusClientInternal::ResubscribeAll(*this, __func__);
     DBusClientInternal::ResendPendingRequests(*this, __func__);
+    lumora::internal::ReportServiceAvailable("reconnected");
     return FALSE;
 }

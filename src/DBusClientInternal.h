@@ -22,6 +22,10 @@ public:
     static void ScheduleRecheck(DBusClient& client);
     static void CancelRecheck(DBusClient& client);
     static void MarkServiceAvailable(DBusClient& client, bool available);
+    // The service found ready (reason "ready" or "reconnected"), or not:
+    // marked, and reported to the availability callbacks. Caller's lock.
+    static void ServiceFound(DBusClient& client, const char* reason);
+    static void ServiceNotFound(DBusClient& client);
     static void MarkBusConnected(DBusClient& client, bool connected);
     // Drops a closed connection: it is forgotten, never released (GIO may
     // still deliver its last callbacks, and Write may hold the pointer), and

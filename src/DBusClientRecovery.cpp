@@ -7,6 +7,7 @@
 #include "DBusClientInternal.h"
 #include "internal/Atomic.h"
 #include "internal/Boundary.h"
+#include "internal/Events.h"
 #include "internal/Log.h"
 
 using lumora::internal::AtomicStore;
@@ -35,6 +36,7 @@ void DBusClientInternal::WatchConnection(DBusClient& client) {
     g_closedHandlerId = g_watchedConnection != nullptr
                             ? g_signal_connect(g_watchedConnection, "closed", G_CALLBACK(OnConnectionClosed), nullptr)
                             : 0;
+    lumora::internal::ReportConnection(client.m_connection);
 }
 
 void DBusClientInternal::ForgetConnection(DBusClient& client) {
@@ -73,10 +75,11 @@ void DBusClientInternal::RecoverOn(DBusClient& client, GDBusConnection* connecti
         LMF_LOGE_IN(kReConnectTimeoutCb, "[%s] LMF service is available now ..", name);
         MarkServiceAvailable(client, true);
         FinishRecovery(client, kReConnectTimeoutCb);
+        lumora::internal::ReportServiceAvailable("reconnected");
         return;
     }
     LMF_LOGE_IN(kReConnectTimeoutCb, "[%s] LMF service isn't ready or available yet ..", name);
-    MarkServiceAvailable(client, false);
+    ServiceNotFound(client);
     client.m_nRecheckCnt = 0;
     ScheduleRecheck(client);
 }
@@ -107,6 +110,7 @@ void DBusClientInternal::OnConnectionClosed(GDBusConnection* connection, gboolea
         LMF_LOGE_IN(kOnConnectionClosed, "[%s] the bus connection closed (%s); reconnecting every %u s", name, reason,
                     kReconnectIntervalSeconds);
         g_bRecovering = true;
+        lumora::internal::ReportServiceUnavailable("bus-closed");
         // A recheck would only ask the closed connection; the reconnection
         // starts a new one when the service is not there yet.
         CancelRecheck(*client);

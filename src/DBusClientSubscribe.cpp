@@ -14,6 +14,7 @@
 #include "DBusClientInternal.h"
 #include "internal/Atomic.h"
 #include "internal/Boundary.h"
+#include "internal/Events.h"
 #include "internal/Log.h"
 #include "internal/Reentry.h"
 #include "internal/ServiceContract.h"
@@ -272,6 +273,7 @@ void DBusClient::OnSubscribe(GDBusConnection* /*connection*/, const gchar* /*sen
             client->SubscribeStateCheck(subject, data);
             return;
         }
+        lumora::internal::ReportNotification(subject, data);
         // The callbacks run after the mutex is released, so that they may
         // subscribe and unsubscribe themselves; they get the data as char* but
         // must neither free nor keep it.
@@ -310,7 +312,10 @@ void DBusClient::SubscribeStateCheck(const char* subject, const char* data) {
         LMF_LOGE("Unknown Message: %s", subject);
         return;
     }
-    if (reqType == contract::kRequestUnsubscribe) return;  // records and requests wait for "HELLO"
+    if (reqType == contract::kRequestUnsubscribe) {  // records and requests wait for "HELLO"
+        lumora::internal::ReportServiceUnavailable("bye");
+        return;
+    }
     if (reqType != contract::kRequestSubscribe) {
         LMF_LOGE("SubscrubeStateCheck Error ..");
         return;
@@ -318,4 +323,5 @@ void DBusClient::SubscribeStateCheck(const char* subject, const char* data) {
     DBusClientInternal::StopRecovery();  // "HELLO" registers everything again
     DBusClientInternal::ResubscribeAll(*this, __func__);
     DBusClientInternal::ResendPendingRequests(*this, __func__);
+    lumora::internal::ReportServiceAvailable("hello");
 }

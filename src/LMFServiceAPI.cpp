@@ -10,6 +10,7 @@
 
 #include "LMFServiceAPIInternal.h"
 #include "internal/Atomic.h"
+#include "internal/Events.h"
 #include "internal/Log.h"
 #include "internal/Reentry.h"
 
@@ -139,6 +140,8 @@ bool LMFServiceAPI::FiniService() {
     bool result = m_pDbusClient->Finalize();
     _RemoveAllSubscribeData();
     _RemoveAllSubscribeDataNonType();
+    lumora::internal::DropCurrentValues(lumora::internal::EventOwner::kServiceApi);
+    lumora::internal::DropAvailabilityListeners(lumora::internal::EventOwner::kServiceApi);
     m_nRefCnt = 0;
     lumora::internal::AtomicStore(m_fnChannelCb, static_cast<LumoraChannelCb>(nullptr));
     m_strProgName.clear();

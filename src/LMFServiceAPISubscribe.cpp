@@ -9,6 +9,7 @@
 #include <new>
 
 #include "LMFServiceAPIInternal.h"
+#include "internal/Events.h"
 #include "internal/Log.h"
 #include "internal/Reentry.h"
 
@@ -98,6 +99,7 @@ bool LMFServiceAPI::Unsubscribe(const char* subject, LumoraSubjectCb callback, v
     // A triple that was never subscribed is not an error here; the bus client
     // decides the result.
     _RemoveSubscribeDataNonType(subject, callback, user_data);
+    lumora::internal::ForgetCurrentValue(lumora::internal::EventOwner::kServiceApi, subject, callback, user_data);
     if (_CheckSubscribeDataNonType(subject) != 0) {
         LMF_LOGI("There are another callbacks for subject[%s]", subject);
     } else {

@@ -248,6 +248,18 @@ bool Lumora_Unsubscribe(const char* subject, LumoraSubjectCb callback, void* use
     return UnsubscribeSubject(__func__, subject, callback, userData);
 }
 
+bool Lumora_SubscribeWithValue(const char* subject, LumoraSubjectCb callback, void* userData) {
+    return Guarded(__func__, false, [&] { return LMFServiceAPI::SubscribeWithValue(subject, callback, userData); });
+}
+
+bool Lumora_AddAvailabilityCallback(LumoraAvailabilityCb callback, void* userData) {
+    return Guarded(__func__, false, [&] { return LMFServiceAPI::AddAvailabilityCallback(callback, userData); });
+}
+
+bool Lumora_RemoveAvailabilityCallback(LumoraAvailabilityCb callback, void* userData) {
+    return Guarded(__func__, false, [&] { return LMFServiceAPI::RemoveAvailabilityCallback(callback, userData); });
+}
+
 bool Lumora_SubscribePrefChannelList(LumoraSubjectCb callback, void* userData) {
     return SubscribeSubject(__func__, "Pref/Channel/List", callback, userData);
 }

@@ -11,12 +11,14 @@
 
 #include "LMFServiceAPIInternal.h"
 #include "internal/Atomic.h"
+#include "internal/Events.h"
 #include "internal/Log.h"
 #include "internal/Reentry.h"
 #include "internal/Text.h"
 
 using lumora::internal::AtomicLoad;
 using lumora::internal::AtomicStore;
+using lumora::internal::EventOwner;
 using lumora::internal::kClientMutex;
 
 using lumora::internal::FirstInvalidText;
@@ -222,6 +224,7 @@ bool LumoraAPI::UnSubscribe(std::string subject, LumoraSubjectCb callback, void*
         records.resize(kept);
         ++g_table.version;
     }
+    lumora::internal::ForgetCurrentValue(EventOwner::kObjectInterface, subject, callback, userData);
     if (CountSubject(subject) > 0) {
         LMF_LOGI("Success unsubscribe, but there are another callbacks");
         return true;
@@ -249,4 +252,27 @@ bool LumoraAPI::IsAvailable() {
     DBusClient* client = CreatedClient(__func__);
     if (client == nullptr) return false;
     return client->IsAvailable();
+}
+
+bool LumoraAPI::SubscribeWithValue(std::string subject, LumoraSubjectCb callback, void* userData) {
+    DBusClient* client = CreatedClient(__func__);
+    if (client == nullptr) return false;
+    if (callback == nullptr) {
+        LMF_LOGE("callback is null");
+        return false;
+    }
+    if (!lumora::internal::HasTextValue(__func__, subject.c_str())) return false;
+    if (!Subscribe(subject, callback, userData)) return false;
+    lumora::internal::FollowCurrentValue(__func__, EventOwner::kObjectInterface, *client, subject, callback, userData);
+    return true;
+}
+
+bool LumoraAPI::AddAvailabilityCallback(LumoraAvailabilityCb callback, void* userData) {
+    if (CreatedClient(__func__) == nullptr) return false;
+    return lumora::internal::AddAvailabilityListener(__func__, EventOwner::kObjectInterface, callback, userData);
+}
+
+bool LumoraAPI::RemoveAvailabilityCallback(LumoraAvailabilityCb callback, void* userData) {
+    if (CreatedClient(__func__) == nullptr) return false;
+    return lumora::internal::RemoveAvailabilityListener(__func__, EventOwner::kObjectInterface, callback, userData);
 }

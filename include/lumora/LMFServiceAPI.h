@@ -156,6 +156,29 @@ public:
     /// did not know the pair. False as Subscribe for an invalid or refused
     /// subject, and when refused inside a callback.
     static bool Unsubscribe(const char* subject, LumoraSubjectCb callback, void* user_data);
+    /// As Subscribe, then asks for subject's current value without blocking:
+    /// the callback hears the current value first and then every change, each
+    /// once, in order, and the value again after every return of the service
+    /// when it changed meanwhile (see Lumora_SubscribeWithValue()). Removed
+    /// with Unsubscribe. False as Subscribe, and for a null callback or a
+    /// statistics subject; also before InitService() or after the last
+    /// FiniService(). Takes m_mutex, then the client mutex.
+    static bool SubscribeWithValue(const char* subject, LumoraSubjectCb callback, void* user_data);
+    /// @}
+
+    /// @name Availability of the service
+    /// @{
+
+    /// Adds an availability callback, told the current state at once and then
+    /// every change, on the main-loop thread with no library lock held (see
+    /// LumoraAvailabilityCb). False, with one line, before InitService() or
+    /// after the last FiniService() (which removes every callback added here),
+    /// for a null callback or a pair already added. Takes m_mutex.
+    static bool AddAvailabilityCallback(LumoraAvailabilityCb callback, void* user_data);
+    /// Removes the pair; no call of it starts afterwards. False, with one line,
+    /// when it was not added, and before InitService() or after the last
+    /// FiniService(). Takes m_mutex.
+    static bool RemoveAvailabilityCallback(LumoraAvailabilityCb callback, void* user_data);
     /// @}
 
     /// @name Typed signals

@@ -142,6 +142,29 @@ public:
     /// Takes no lock.
     bool IsAvailable() override;
 
+    /// @name Beyond the interface
+    /// Plain members rather than virtual operations of ILumoraAPI, so that the
+    /// interface's table of operations stays as applications were built
+    /// against it. Call them on the instance: LumoraAPI::GetInstance()->...
+    /// @{
+
+    /// Subscribe(), then asks for subject's current value without blocking:
+    /// the callback hears the current value first and then every change, each
+    /// once, in order, and the value again after every return of the service
+    /// when it changed meanwhile (see Lumora_SubscribeWithValue()). Removed with
+    /// UnSubscribe(). False as Subscribe(), and for a null callback or a
+    /// statistics subject.
+    bool SubscribeWithValue(std::string subject, LumoraSubjectCb callback, void* userData);
+    /// Adds an availability callback, told the current state at once and then
+    /// every change, on the main-loop thread with no library lock held (see
+    /// LumoraAvailabilityCb). False, with one line, before InitializeService(),
+    /// for a null callback or a pair already added. Takes no library lock.
+    bool AddAvailabilityCallback(LumoraAvailabilityCb callback, void* userData);
+    /// Removes the pair; no call of it starts afterwards. False, with one line,
+    /// when it was not added or before InitializeService().
+    bool RemoveAvailabilityCallback(LumoraAvailabilityCb callback, void* userData);
+    /// @}
+
     /// The instance; null until GetInstance(). Maintained by GetInstance()
     /// and DeleteInstance(): read it, do not assign it.
     static LumoraAPI* m_pInstance;

@@ -257,6 +257,25 @@ typedef void (*LumoraSubjectCb)(const char* subject, char* data, void* userData)
  *  library lock held. */
 typedef void (*LumoraInitCb)(char* data, void* userData);
 
+/** Callback of availability changes (Lumora_AddAvailabilityCallback()):
+ *  callback(available, reason, userData). available is 1 when the service can
+ *  be used and 0 when it cannot; reason says why, as a static text:
+ *  - "ready": the service answered that it is enabled (at the start, or at a
+ *    later check);
+ *  - "hello": the service announced itself ("HELLO", after a restart); the
+ *    subscriptions are registered with it again by the time the callback
+ *    runs, so a read from the callback reaches the new service;
+ *  - "reconnected": the library has a bus connection again after losing it,
+ *    and the service is there;
+ *  - "bye": the service said it is leaving ("BYE"), or answered that it is
+ *    not enabled;
+ *  - "name-lost": the service's bus name has no owner any more (it crashed or
+ *    was killed), or it had not started;
+ *  - "bus-closed": the library's bus connection closed (the bus daemon went
+ *    away) or could not be opened.
+ *  Runs on the main-loop thread with no library lock held. */
+typedef void (*LumoraAvailabilityCb)(int available, const char* reason, void* userData);
+
 /** Callback of typed context signals (LMFServiceAPI::SubscribeSignal()): the
  *  signal's type, its data (the library's, valid only during the call) and
  *  the user data of the subscription. Runs on the main-loop thread with no
@@ -469,6 +488,28 @@ LUMORA_EXPORT bool Lumora_RequestWeatherInfo(const char* input, LumoraSubjectCb 
 LUMORA_EXPORT bool Lumora_Subscribe(const char* subject, LumoraSubjectCb callback, void* userData);
 /** Unsubscribes callback with userData from subject. */
 LUMORA_EXPORT bool Lumora_Unsubscribe(const char* subject, LumoraSubjectCb callback, void* userData);
+/**
+ * Subscribes callback with userData to subject and asks for its current value:
+ * the callback hears the current value first and then every change, each
+ * once, in order. It is subscribed first; the value is then asked without
+ * blocking, and its answer is dropped (with a log line) when a notification
+ * of the subject came before it, since that notification is newer. An answer
+ * that fails (a service error, the bus time-out) reaches the callback as
+ * {"Status":"Error"}, as a failed request does, and the subscription stays.
+ * While the service is not available the value is asked as soon as it is.
+ *
+ * After every return of the service ("HELLO", a new bus connection, a
+ * service found ready) the library asks again for the current value of every
+ * subscription made this way, all requests in flight together, and calls the
+ * callback when the value differs from the last one it was given: a change
+ * made while the service was away is not missed.
+ *
+ * Remove it with Lumora_Unsubscribe(). Returns false as Lumora_Subscribe()
+ * does (the same subjects, the whitelist, duplicates), and for a NULL
+ * callback or one of the five statistics subjects (request those instead).
+ * The callback runs on the main-loop thread with no library lock held.
+ */
+LUMORA_EXPORT bool Lumora_SubscribeWithValue(const char* subject, LumoraSubjectCb callback, void* userData);
 /** As Lumora_Subscribe(); logs "call CS_Lumora_Subscribe!" when it succeeds. */
 LUMORA_EXPORT bool CS_Lumora_Subscribe(const char* subject, LumoraSubjectCb callback, void* userData);
 /** The same as Lumora_Unsubscribe(). */
@@ -521,6 +562,31 @@ LUMORA_EXPORT bool Lumora_SubscribeBrightnessLevelEx(LumoraSubjectCb callback, c
  *  "Invalid szRequester". */
 LUMORA_EXPORT bool Lumora_UnsubscribeBrightnessLevelEx(LumoraSubjectCb callback, const char* requester,
                                                        void* userData);
+/** @} */
+
+/**
+ * @name Availability of the service
+ * An availability callback is told whether the service can be used, once per
+ * change (never twice the same state in a row), on the thread that iterates
+ * the default GLib main context, with no library lock held: it may call any
+ * function, remove itself and subscribe. See LumoraAvailabilityCb for the
+ * reasons.
+ */
+/** @{ */
+
+/** Adds callback with userData. The current state reaches it at once from the
+ *  main loop (when the library has learnt one), then every change. Returns
+ *  false, with one log line, before Lumora_InitService() or after the last
+ *  Lumora_FiniService(), for a NULL callback, or for a (callback, userData)
+ *  already added. The last Lumora_FiniService() removes every callback added
+ *  here. */
+LUMORA_EXPORT bool Lumora_AddAvailabilityCallback(LumoraAvailabilityCb callback, void* userData);
+/** Removes (callback, userData); no call of it starts once this returns (one
+ *  running on another thread at that moment is not waited for). Returns
+ *  false, with one log line, when the pair was not added, and before
+ *  Lumora_InitService() or after the last Lumora_FiniService(). */
+LUMORA_EXPORT bool Lumora_RemoveAvailabilityCallback(LumoraAvailabilityCb callback, void* userData);
+
 /** @} */
 
 /**

@@ -393,5 +393,50 @@ TEST_F(BusRestartTest, ARequestInFlightAfterByeIsNotAnsweredWhenTheBusGoesAway) 
     EXPECT_EQ(0u, DeliveriesTo(9).size());
 }
 
+// ---- what an application is told across the outage ---------------------------
+
+std::vector<std::string> AvailabilityHeard(int callback) {
+    std::vector<std::string> heard;
+    for (const Delivery& delivery : CallbackRecorder::Instance().All())
+        if (delivery.callback == callback) heard.push_back(delivery.subject + "=" + delivery.data);
+    return heard;
+}
+
+TEST_F(BusRestartTest, TheApplicationIsToldTheBusClosedThenReconnectedAndHearsTheValueThatChangedMeanwhile) {
+    ASSERT_TRUE(Lumora_InitService());
+    ASSERT_TRUE(Lumora_AddAvailabilityCallback(RecordedAvailability<1>, nullptr));
+    ASSERT_TRUE(Lumora_SubscribeWithValue(kVolume, Recorded<2>, nullptr));
+    ASSERT_TRUE(WaitUntil([&] { return DeliveriesTo(1).size() == 1 && DeliveriesTo(2).size() == 1; }, 5000));
+    const std::string before = DeliveriesTo(2)[0].data;
+    m_log.Mark();
+
+    auto down = Clock::now();
+    CloseToApplication();
+    BusDown();
+    ASSERT_TRUE(WaitUntil([&] { return AvailabilityHeard(1).size() == 2; }, 5000)) << m_log.Dump();
+    double closedMs = MsSince(down);
+    EXPECT_EQ((std::vector<std::string>{"ready=1", "bus-closed=0"}), AvailabilityHeard(1));
+
+    // The bus and a service on another volume come back.
+    ASSERT_TRUE(m_bus.StartAt(m_realAddress, false));
+    ASSERT_TRUE(m_sim.Start(ScenarioWithValue(m_dir, kVolume, "{\"Level\":3,\"Mute\":true,\"Max\":100}")));
+    ConnectControl();
+    auto up = Clock::now();
+    OpenToApplication();
+    ASSERT_TRUE(WaitUntil([&] { return DeliveriesTo(2).size() == 2; }, 10000)) << m_log.Dump();
+    double caughtUpMs = MsSince(up);
+    EXPECT_EQ((std::vector<std::string>{"ready=1", "bus-closed=0", "reconnected=1"}), AvailabilityHeard(1));
+    EXPECT_NE(before, DeliveriesTo(2)[1].data);
+    EXPECT_EQ(ServiceValue(m_control, kVolume), DeliveriesTo(2)[1].data);
+    EXPECT_EQ(1u, SimSubscribers(kVolume));
+    printf(
+        "timing: bus daemon stopped -> \"bus-closed\" told: %.0f ms; bus back -> changed value told: %.0f ms "
+        "(reconnection every 2 s)\n",
+        closedMs, caughtUpMs);
+    g_usleep(300 * 1000);
+    EXPECT_EQ(3u, AvailabilityHeard(1).size());
+    EXPECT_EQ(2u, DeliveriesTo(2).size());
+}
+
 }  // namespace
 }  // namespace lumora::test

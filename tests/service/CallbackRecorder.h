@@ -79,6 +79,13 @@ void RecordedChannelEvent(LMF_EVENT_TYPE event, std::string data, int count, voi
     CallbackRecorder::Instance().Add(N, what.c_str(), data.c_str(), userData);
 }
 
+/// A distinct availability callback per N; the delivery's subject is the
+/// reason and its data "1" or "0".
+template <int N>
+void RecordedAvailability(int available, const char* reason, void* userData) {
+    CallbackRecorder::Instance().Add(N, reason, available == 1 ? "1" : std::to_string(available).c_str(), userData);
+}
+
 }  // namespace lumora::test
 
 #endif

@@ -164,6 +164,7 @@ void CallRequests() {
 void CallSubscriptions() {
     Expect("Lumora_Subscribe", [] { return !Lumora_Subscribe(kSubject, Never, nullptr); });
     Expect("Lumora_Unsubscribe", [] { return !Lumora_Unsubscribe(kSubject, Never, nullptr); });
+    Expect("Lumora_SubscribeWithValue", [] { return !Lumora_SubscribeWithValue(kSubject, Never, nullptr); });
     Expect("CS_Lumora_Subscribe", [] { return !CS_Lumora_Subscribe(kSubject, Never, nullptr); });
     Expect("CS_Lumora_Unsubscribe", [] { return !CS_Lumora_Unsubscribe(kSubject, Never, nullptr); });
     Expect("Lumora_SubscribeBrightnessLevelEx",

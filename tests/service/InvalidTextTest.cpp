@@ -121,6 +121,7 @@ TEST_F(InvalidTextTest, EveryTextTakingExportRefusesTextThatIsNotUtf8WithOneLine
         {"Lumora_Write data", "[invalid_text_calls] input is not valid UTF-8"},
         {"Lumora_RequestWeatherInfo", "[invalid_text_calls] input is not valid UTF-8"},
         {"Lumora_Subscribe", "Invalid subject .. "},
+        {"Lumora_SubscribeWithValue", "Invalid subject .. "},
         {"Lumora_ReadHintList type", "[invalid_text_calls] type is not valid UTF-8"},
         {"Lumora_STAction data", "[invalid_text_calls] data is not valid UTF-8"},
         {"Lumora_ReadRecommendedList", "[invalid_text_calls] json is not valid UTF-8"},

@@ -9,6 +9,7 @@
 #include <lumora/lumora-api.h>
 
 #include <cstdio>
+#include <fstream>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -46,6 +47,17 @@ inline Json::Value SimStatusOver(GDBusConnection* control) {
     std::istringstream in(text);
     if (!Json::parseFromStream(Json::CharReaderBuilder(), in, &root, nullptr)) root = Json::Value();
     return root;
+}
+
+/// Writes into dir the sample scenario with subject's value replaced by
+/// value (JSON text), and returns its path.
+inline std::string ScenarioWithValue(const TempDir& dir, const std::string& subject, const std::string& value) {
+    std::ifstream in(SampleScenario());
+    Json::Value root;
+    EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), in, &root, nullptr));
+    std::istringstream text(value);
+    EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), text, &root["values"][subject], nullptr));
+    return dir.Write("changed.json", Json::writeString(Json::StreamWriterBuilder(), root));
 }
 
 class ServiceTest : public testing::Test {

@@ -1,0 +1,242 @@
+// Availability callbacks: the state of the service as the bus client learns
+// it, told to the application once per change, from the main loop.
+#include <lumora/ContextAutoLock.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <deque>
+#include <vector>
+
+#include "internal/Boundary.h"
+#include "internal/Events.h"
+#include "internal/Log.h"
+#include "internal/ServiceContract.h"
+
+namespace lumora::internal {
+namespace {
+
+constexpr const char* kDispatch = "DispatchAvailability";
+constexpr const char* kOnNameOwnerChanged = "OnNameOwnerChanged";
+constexpr int kUnknown = -1;
+
+struct Listener {
+    uint64_t id;
+    EventOwner owner;
+    LumoraAvailabilityCb callback;
+    void* userData;
+    int told;  // the state last told to it (1, 0), or kUnknown
+};
+
+struct Change {
+    int available;
+    const char* reason;  // one of the static reason texts
+};
+
+// Everything below is guarded by g_mutex, a leaf lock: it is taken under the
+// bus client's locks and never held while anything else is called.
+GMutex g_mutex;
+std::vector<Listener> g_listeners;
+uint64_t g_nextId = 1;
+std::deque<Change> g_changes;
+Change g_current = {kUnknown, nullptr};
+guint g_dispatchSource = 0;
+// The connection whose NameOwnerChanged of the service's name is watched
+// while there are listeners (a crash says nothing else), and the watch.
+GDBusConnection* g_connection = nullptr;
+GDBusConnection* g_watchedConnection = nullptr;
+guint g_nameWatch = 0;
+
+gboolean DispatchAvailability(gpointer);
+
+void ScheduleDispatch() {
+    if (g_dispatchSource == 0) g_dispatchSource = g_idle_add(DispatchAvailability, nullptr);
+}
+
+// The answer of the bus daemon to the question asked when the service's name
+// lost its owner: an answer means the daemon is still there and the service
+// alone went; no answer on a closed connection means the daemon itself is
+// going (it drops its clients' names as it stops), which the connection's
+// close reports as "bus-closed".
+void OnBusStillThere(GObject* source, GAsyncResult* result, gpointer) {
+    GuardedVoid(kOnNameOwnerChanged, [&] {
+        auto* connection = G_DBUS_CONNECTION(source);
+        GError* error = nullptr;
+        GVariant* reply = g_dbus_connection_call_finish(connection, result, &error);
+        if (reply != nullptr) g_variant_unref(reply);
+        if (error != nullptr) g_error_free(error);
+        if (reply == nullptr && g_dbus_connection_is_closed(connection)) return;
+        ReportServiceUnavailable("name-lost");
+    });
+}
+
+void OnNameOwnerChanged(GDBusConnection* connection, const gchar*, const gchar*, const gchar*, const gchar*,
+                        GVariant* parameters, gpointer) {
+    GuardedVoid(kOnNameOwnerChanged, [&] {
+        if (!g_variant_is_of_type(parameters, G_VARIANT_TYPE("(sss)"))) {
+            LMF_LOGE_IN(kOnNameOwnerChanged, "unexpected signal %s, expected (sss)",
+                        g_variant_get_type_string(parameters));
+            return;
+        }
+        const gchar* newOwner = nullptr;
+        g_variant_get(parameters, "(&s&s&s)", nullptr, nullptr, &newOwner);
+        if (newOwner[0] != '\0') return;
+        g_dbus_connection_call(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                               "GetId", nullptr, G_VARIANT_TYPE("(s)"), G_DBUS_CALL_FLAGS_NONE, -1, nullptr,
+                               OnBusStillThere, nullptr);
+    });
+}
+
+// Watches the service's name on the current connection while there are
+// listeners, and on no connection otherwise. Called with g_mutex held.
+// A closed connection is not watched (GIO would fail to send the match rule
+// with a critical); the next connection is.
+void UpdateNameWatch() {
+    GDBusConnection* wanted = g_listeners.empty() ? nullptr : g_connection;
+    if (wanted != nullptr && g_dbus_connection_is_closed(wanted)) wanted = nullptr;
+    if (wanted == g_watchedConnection) return;
+    if (g_nameWatch != 0) g_dbus_connection_signal_unsubscribe(g_watchedConnection, g_nameWatch);
+    g_nameWatch = 0;
+    g_watchedConnection = wanted;
+    if (wanted == nullptr) return;
+    g_nameWatch = g_dbus_connection_signal_subscribe(
+        wanted, "org.freedesktop.DBus", "org.freedesktop.DBus", "NameOwnerChanged", "/org/freedesktop/DBus",
+        contract::kBusName, G_DBUS_SIGNAL_FLAGS_NONE, OnNameOwnerChanged, nullptr, nullptr);
+}
+
+void Record(int available, const char* reason) {
+    ContextAutoLock lock(&g_mutex);
+    // A service still away is no news (a recheck says so every 3 s); every
+    // return of it is, for the current values that may have changed.
+    if (available == 0 && g_current.available == 0) return;
+    g_current = {available, reason};
+    g_changes.push_back(g_current);
+    ScheduleDispatch();
+}
+
+std::vector<Listener>::iterator FindListener(EventOwner owner, LumoraAvailabilityCb callback, void* userData) {
+    return std::find_if(g_listeners.begin(), g_listeners.end(), [&](const Listener& listener) {
+        return listener.owner == owner && listener.callback == callback && listener.userData == userData;
+    });
+}
+
+// The listeners to tell change, marked as told under the lock so that each
+// hears a state once, however the dispatches interleave.
+std::vector<uint64_t> TakeListenersToTell(const Change& change) {
+    std::vector<uint64_t> ids;
+    for (Listener& listener : g_listeners) {
+        if (listener.told == change.available) continue;
+        listener.told = change.available;
+        ids.push_back(listener.id);
+    }
+    return ids;
+}
+
+// Calls each listener still registered, with no lock held: one removed
+// meanwhile (by an earlier callback, or another thread) is not called.
+void Tell(const std::vector<uint64_t>& ids, const Change& change) {
+    for (uint64_t id : ids) {
+        LumoraAvailabilityCb callback = nullptr;
+        void* userData = nullptr;
+        {
+            ContextAutoLock lock(&g_mutex);
+            auto it = std::find_if(g_listeners.begin(), g_listeners.end(),
+                                   [id](const Listener& listener) { return listener.id == id; });
+            if (it == g_listeners.end()) continue;
+            callback = it->callback;
+            userData = it->userData;
+        }
+        callback(change.available, change.reason, userData);
+    }
+}
+
+// Takes the next recorded change (recorded true), or else the current state
+// for listeners added since they were last told; false when nothing is left.
+bool NextChange(Change& change, std::vector<uint64_t>& ids, bool& recorded) {
+    ContextAutoLock lock(&g_mutex);
+    recorded = !g_changes.empty();
+    if (recorded) {
+        change = g_changes.front();
+        g_changes.pop_front();
+        ids = TakeListenersToTell(change);
+        return true;
+    }
+    if (g_current.available != kUnknown) {
+        change = g_current;
+        ids = TakeListenersToTell(change);
+        if (!ids.empty()) return true;
+    }
+    g_dispatchSource = 0;
+    return false;
+}
+
+// One run of the main loop hands out every change recorded so far, in order:
+// the current values are asked again after each return of the service, then
+// the listeners whose state differs are told.
+gboolean DispatchAvailability(gpointer) {
+    GuardedVoid(kDispatch, [] {
+        Change change{};
+        std::vector<uint64_t> ids;
+        bool recorded = false;
+        while (NextChange(change, ids, recorded)) {
+            // The current state told to listeners added since is no return of
+            // the service: nothing to catch up then.
+            if (recorded && change.available == 1) CatchUpCurrentValues(change.reason);
+            LMF_LOGI_IN(kDispatch, "service %s (%s): telling %zu callback(s)",
+                        change.available == 1 ? "available" : "unavailable", change.reason, ids.size());
+            Tell(ids, change);
+        }
+    });
+    return G_SOURCE_REMOVE;
+}
+
+}  // namespace
+
+void ReportServiceAvailable(const char* reason) { Record(1, reason); }
+
+void ReportServiceUnavailable(const char* reason) { Record(0, reason); }
+
+void ReportConnection(GDBusConnection* connection) {
+    ContextAutoLock lock(&g_mutex);
+    g_connection = connection;
+    UpdateNameWatch();
+}
+
+bool AddAvailabilityListener(const char* function, EventOwner owner, LumoraAvailabilityCb callback, void* userData) {
+    if (callback == nullptr) {
+        LMF_LOGE_IN(function, "callback is null");
+        return false;
+    }
+    ContextAutoLock lock(&g_mutex);
+    if (FindListener(owner, callback, userData) != g_listeners.end()) {
+        LMF_LOGE_IN(function, "callback[%p] userData[%p] is already added", reinterpret_cast<void*>(callback),
+                    userData);
+        return false;
+    }
+    g_listeners.push_back({g_nextId++, owner, callback, userData, kUnknown});
+    UpdateNameWatch();
+    if (g_current.available != kUnknown) ScheduleDispatch();
+    return true;
+}
+
+bool RemoveAvailabilityListener(const char* function, EventOwner owner, LumoraAvailabilityCb callback,
+                                void* userData) {
+    ContextAutoLock lock(&g_mutex);
+    auto it = FindListener(owner, callback, userData);
+    if (it == g_listeners.end()) {
+        LMF_LOGE_IN(function, "callback[%p] userData[%p] was not added", reinterpret_cast<void*>(callback), userData);
+        return false;
+    }
+    g_listeners.erase(it);
+    UpdateNameWatch();
+    return true;
+}
+
+void DropAvailabilityListeners(EventOwner owner) {
+    ContextAutoLock lock(&g_mutex);
+    g_listeners.erase(std::remove_if(g_listeners.begin(), g_listeners.end(),
+                                     [owner](const Listener& listener) { return listener.owner == owner; }),
+                      g_listeners.end());
+    UpdateNameWatch();
+}
+
+}  // namespace lumora::internal

@@ -1,0 +1,65 @@
+// LMFServiceAPI: availability callbacks and subscriptions with the current
+// value, for the applications started through the service API.
+#define LMF_LOG_UNIT "LMFServiceAPI.cpp"
+#include <lumora/ContextAutoLock.h>
+#include <lumora/LMFServiceAPI.h>
+
+#include "LMFServiceAPIInternal.h"
+#include "internal/Events.h"
+#include "internal/Log.h"
+#include "internal/Reentry.h"
+
+using lumora::internal::EventOwner;
+using lumora::internal::kClientMutex;
+using lumora::internal::kServiceMutex;
+
+namespace {
+
+// The bus client of a started service API, or null after one line: "dbus not
+// created!" before any start, a line of its own after the last stop. Called
+// with m_mutex held.
+DBusClient* StartedClient(const char* function) {
+    DBusClient* client = lumora::internal::ServiceClient(function);
+    if (client != nullptr && LMFServiceAPI::m_nRefCnt <= 0) {
+        LMF_LOGE_IN(function, "[%s] the service API is not started: call InitService first",
+                    LMFServiceAPI::_GetProcessName());
+        return nullptr;
+    }
+    return client;
+}
+
+}  // namespace
+
+bool LMFServiceAPI::AddAvailabilityCallback(LumoraAvailabilityCb callback, void* user_data) {
+    if (LMF_REFUSED_IN_CALLBACK(kServiceMutex)) return false;
+    ContextAutoLock lock(&m_mutex);
+    if (StartedClient(__func__) == nullptr) return false;
+    return lumora::internal::AddAvailabilityListener(__func__, EventOwner::kServiceApi, callback, user_data);
+}
+
+bool LMFServiceAPI::RemoveAvailabilityCallback(LumoraAvailabilityCb callback, void* user_data) {
+    if (LMF_REFUSED_IN_CALLBACK(kServiceMutex)) return false;
+    ContextAutoLock lock(&m_mutex);
+    if (StartedClient(__func__) == nullptr) return false;
+    return lumora::internal::RemoveAvailabilityListener(__func__, EventOwner::kServiceApi, callback, user_data);
+}
+
+// Subscribed first, asked second: a change after the subscription reaches
+// the callback, and an answer older than such a change is dropped.
+bool LMFServiceAPI::SubscribeWithValue(const char* subject, LumoraSubjectCb callback, void* user_data) {
+    if (LMF_REFUSED_IN_CALLBACK(kServiceMutex | kClientMutex)) return false;
+    DBusClient* client = nullptr;
+    {
+        ContextAutoLock lock(&m_mutex);
+        client = StartedClient(__func__);
+    }
+    if (client == nullptr) return false;
+    if (callback == nullptr) {
+        LMF_LOGE("[%s] callback is null", _GetProcessName());
+        return false;
+    }
+    if (!lumora::internal::HasTextValue(__func__, subject)) return false;
+    if (!Subscribe(subject, callback, user_data)) return false;
+    lumora::internal::FollowCurrentValue(__func__, EventOwner::kServiceApi, *client, subject, callback, user_data);
+    return true;
+}
