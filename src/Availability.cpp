@@ -30,15 +30,17 @@ struct Listener {
 struct Change {
     int available;
     const char* reason;  // one of the static reason texts
+    uint64_t followers;  // FollowersMark() when it was recorded
 };
 
-// Everything below is guarded by g_mutex, a leaf lock: it is taken under the
-// bus client's locks and never held while anything else is called.
+// Everything below is guarded by g_mutex: it is taken under the bus client's
+// locks, and nothing but the current values' own lock (for a mark) is taken
+// while it is held.
 GMutex g_mutex;
 std::vector<Listener> g_listeners;
 uint64_t g_nextId = 1;
 std::deque<Change> g_changes;
-Change g_current = {kUnknown, nullptr};
+Change g_current = {kUnknown, nullptr, 0};
 guint g_dispatchSource = 0;
 // The connection whose NameOwnerChanged of the service's name is watched
 // while there are listeners (a crash says nothing else), and the watch.
@@ -108,7 +110,7 @@ void Record(int available, const char* reason) {
     // A service still away is no news (a recheck says so every 3 s); every
     // return of it is, for the current values that may have changed.
     if (available == 0 && g_current.available == 0) return;
-    g_current = {available, reason};
+    g_current = {available, reason, FollowersMark()};
     g_changes.push_back(g_current);
     ScheduleDispatch();
 }
@@ -180,7 +182,7 @@ gboolean DispatchAvailability(gpointer) {
         while (NextChange(change, ids, recorded)) {
             // The current state told to listeners added since is no return of
             // the service: nothing to catch up then.
-            if (recorded && change.available == 1) CatchUpCurrentValues(change.reason);
+            if (recorded && change.available == 1) CatchUpCurrentValues(change.reason, change.followers);
             LMF_LOGI_IN(kDispatch, "service %s (%s): telling %zu callback(s)",
                         change.available == 1 ? "available" : "unavailable", change.reason, ids.size());
             Tell(ids, change);

@@ -46,7 +46,7 @@ struct Answer {
 
 // What a request's token stands for: the follower, the subject's count of
 // notifications when it was sent (a notification after that makes the
-// answer stale), and whether it is the first answer of the subscription.
+// answer stale), and whether its callback had heard nothing yet then.
 struct Pending {
     uint64_t follower;
     uint64_t notificationsAtSend;
@@ -141,7 +141,7 @@ gboolean DeliverCurrentValue(gpointer data) {
 
 // Sends the request for follower id's current value; a newer one replaces
 // any that is still out. Lines are logged for function.
-void Ask(const char* function, DBusClient& client, uint64_t id, bool first) {
+void Ask(const char* function, DBusClient& client, uint64_t id) {
     std::string subject;
     uintptr_t token = 0;
     {
@@ -151,7 +151,8 @@ void Ask(const char* function, DBusClient& client, uint64_t id, bool first) {
         if (follower->pendingToken != 0) g_pending.erase(follower->pendingToken);
         token = g_nextToken++;
         follower->pendingToken = token;
-        g_pending[token] = {id, g_notifications[follower->subject], first};
+        // Until the callback heard something, a failed answer is news too.
+        g_pending[token] = {id, g_notifications[follower->subject], !follower->hasTold};
         subject = follower->subject;
     }
     int result = client.Request(subject.c_str(), nullptr, OnCurrentValue, reinterpret_cast<void*>(token));
@@ -198,7 +199,7 @@ void FollowCurrentValue(const char* function, EventOwner owner, DBusClient& clie
         g_notifications.emplace(subject, 0);
         Recount();
     }
-    Ask(function, client, id, true);
+    Ask(function, client, id);
 }
 
 void ForgetCurrentValue(EventOwner owner, const std::string& subject, LumoraSubjectCb callback, void* userData) {
@@ -229,17 +230,23 @@ void DropCurrentValues(EventOwner owner) {
     Recount();
 }
 
-void CatchUpCurrentValues(const char* reason) {
+uint64_t FollowersMark() {
+    ContextAutoLock lock(&g_mutex);
+    return g_nextId;
+}
+
+void CatchUpCurrentValues(const char* reason, uint64_t mark) {
     std::vector<uint64_t> ids;
     {
         ContextAutoLock lock(&g_mutex);
-        for (const Follower& follower : g_followers) ids.push_back(follower.id);
+        for (const Follower& follower : g_followers)
+            if (follower.id < mark) ids.push_back(follower.id);
     }
     DBusClient* client = DBusClient::m_pInstance;
     if (ids.empty() || client == nullptr) return;
     LMF_LOGI_IN("CatchUpCurrentValues", "service %s: asking %zu current value(s) again", reason, ids.size());
     // Each request only starts its call: they are all in flight together.
-    for (uint64_t id : ids) Ask("CatchUpCurrentValues", *client, id, false);
+    for (uint64_t id : ids) Ask("CatchUpCurrentValues", *client, id);
 }
 
 }  // namespace lumora::internal

@@ -15,6 +15,7 @@
 #include <gio/gio.h>
 #include <lumora/lumora-c.h>
 
+#include <cstdint>
 #include <string>
 
 class DBusClient;
@@ -68,11 +69,16 @@ void FollowCurrentValue(const char* function, EventOwner owner, DBusClient& clie
 // followed.
 void ForgetCurrentValue(EventOwner owner, const std::string& subject, LumoraSubjectCb callback, void* userData);
 void DropCurrentValues(EventOwner owner);
-// Asks again for the current value of every followed subject, all requests
-// in flight together; each callback hears the answer only when it differs
-// from what it was told last. Run by the main loop when the service became
-// available (reason as reported), with no library lock held.
-void CatchUpCurrentValues(const char* reason);
+// A mark of the followers that exist now: those followed later are not
+// older than an event recorded now.
+uint64_t FollowersMark();
+// Asks again for the current value of every subject followed before mark,
+// all requests in flight together; each callback hears the answer only when
+// it differs from what it was told last. Run by the main loop when the
+// service became available (reason as reported), with no library lock held.
+// A subscription made after the service came back asked the new service
+// already.
+void CatchUpCurrentValues(const char* reason, uint64_t mark);
 
 }  // namespace lumora::internal
 

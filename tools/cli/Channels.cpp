@@ -1,13 +1,11 @@
 // lumora: the channels command, the channel list services as applications
 // use them: the filtered list, the service's order of candidates, removals,
 // and the channel events.
-#include <glib-unix.h>
 #include <lumora/lumora-api.h>
 #include <strings.h>
 
 #include <cerrno>
 #include <climits>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -172,11 +170,6 @@ void OnChannelEvent(LMF_EVENT_TYPE event, char* data, int count, void*) {
               ",\"data\":" + EventData(owned ? owned.get() : "") + "}");
 }
 
-gboolean OnStopSignal(gpointer loop) {
-    g_main_loop_quit(static_cast<GMainLoop*>(loop));
-    return G_SOURCE_CONTINUE;
-}
-
 // Registers, prints, and waits for the loop to be stopped. After a restart of
 // the service the library subscribes again by itself, so the events go on.
 int Follow(LMF_SRC_TYPE source, GMainLoop* loop) {
@@ -194,16 +187,7 @@ int Follow(LMF_SRC_TYPE source, GMainLoop* loop) {
 int Watch(const Options& options, const Args&) {
     LMF_SRC_TYPE source = LMF_SRC_ALL;
     if (!ParseSourceType(options, source)) return Usage(kWatch, "--source takes rf, stb or all");
-    GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
-    // From the start, so that a signal while registering still ends the
-    // command in order.
-    guint interrupt = g_unix_signal_add(SIGINT, OnStopSignal, loop);
-    guint terminate = g_unix_signal_add(SIGTERM, OnStopSignal, loop);
-    int status = Follow(source, loop);
-    g_source_remove(interrupt);
-    g_source_remove(terminate);
-    g_main_loop_unref(loop);
-    return status;
+    return FollowUntilStopped([source](GMainLoop* loop) { return Follow(source, loop); });
 }
 
 // The option that form does not take, 0 when there is none.

@@ -2,9 +2,11 @@
 #ifndef LUMORA_TOOLS_CLI_CLI_H
 #define LUMORA_TOOLS_CLI_CLI_H
 
+#include <glib.h>
 #include <json/json.h>
 
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -37,6 +39,7 @@ enum CommandOption : unsigned {
     kInitialOption = 1u << 1,    // --initial
     kSourceOption = 1u << 2,     // --source VALUE
     kServiceIdOption = 1u << 3,  // --service-id ID
+    kWatchOption = 1u << 4,      // --watch
 };
 
 // Longer than the bus's own 25 s, so that by default the bus's time-out,
@@ -49,6 +52,7 @@ struct Options {
     bool pretty = false;
     unsigned timeoutSeconds = kDefaultTimeoutSeconds;
     bool initial = false;
+    bool watch = false;
     // As written; what a source is depends on the command that takes it.
     std::optional<std::string> source;
     std::optional<std::string> serviceId;
@@ -118,6 +122,12 @@ void PrintValue(const Options& options, const std::string& value);
 void PrintText(const std::string& text);
 // One line {"subject":...,"data":...}: data as JSON when it is JSON, else as a string.
 void PrintEvent(const std::string& subject, const std::string& data);
+// Runs follow(loop) with a main loop that SIGINT and SIGTERM stop (from the
+// start, so that a signal while follow sets up still ends it in order), and
+// returns its exit status.
+int FollowUntilStopped(const std::function<int(GMainLoop*)>& follow);
+// {"event":"available"|"unavailable","reason":"..."}: the service came or went.
+void PrintAvailability(bool available, const std::string& reason);
 // data as it goes into an event line: its compact JSON when it is JSON, else
 // a JSON string.
 std::string EventData(const std::string& data);

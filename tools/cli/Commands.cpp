@@ -168,9 +168,13 @@ const std::vector<Command>& Commands() {
          "Prints the hint list of TYPE (source, setting, channel; any other type\n"
          "reads the general list) that the context service left in the settings store.",
          1, 1, kNoOptions, RunHints},
-        {"status", "", "show whether the context service can be used",
+        {"status", "[--watch]", "show whether the context service can be used",
          "Shows the feature switch, the bus, the service's availability and the\n"
-         "whitelist decision for this process, one line each. The exit status names\n"
+         "whitelist decision for this process, one line each. With --watch, then\n"
+         "prints the service's availability as the library sees it, one JSON line\n"
+         "per change, {\"event\":\"available\",\"reason\":\"ready\"} first (reasons:\n"
+         "ready, hello, reconnected; bye, name-lost, bus-closed), until SIGINT or\n"
+         "SIGTERM, and exits 0. Without --watch, the exit status names\n"
          "the first thing that stands between this process and the service:\n"
          "  0  available (a whitelist denial only refuses internal subjects)\n"
          "  1  the service answers this tool, but the library's own start failed\n"
@@ -179,8 +183,9 @@ const std::vector<Command>& Commands() {
          "  5  the service does not answer (no answer to ServiceEnable within 1 s)\n"
          "  6  the service is disabled: it answers ServiceEnable with false\n"
          "  7  the service is not ready: /tmp/lmf_service_ready is missing\n"
-         "  8  the feature switch disables the service on this device",
-         0, 0, kNoOptions, RunStatus},
+         "  8  the feature switch disables the service on this device\n"
+         "Example: lumora status --watch",
+         0, 0, kWatchOption, RunStatus},
         {"request", "[--timeout SECONDS] SUBJECT [INPUT]", "ask for a subject's value without blocking",
          "Asks for SUBJECT's value the way applications do, without blocking\n"
          "(sending INPUT, a JSON text, when given), and prints the answer. The five\n"
@@ -194,9 +199,12 @@ const std::vector<Command>& Commands() {
          "Subscribes to every SUBJECT and prints one line per change notification,\n"
          "{\"subject\":\"...\",\"data\":...}, with data as JSON when the text is JSON and\n"
          "as a JSON string otherwise. Runs until SIGINT or SIGTERM, then unsubscribes\n"
-         "and exits 0; a restart of the service is followed. With --initial, prints\n"
-         "each subject's current value first, in the same form, and again whenever\n"
-         "the service has restarted (a subject without a value gets a note on stderr).\n"
+         "and exits 0; a restart of the service is followed, and each time the\n"
+         "service goes or comes back a line {\"event\":\"unavailable\",\"reason\":\"bye\"}\n"
+         "or {\"event\":\"available\",\"reason\":\"hello\"} is printed among the changes\n"
+         "(reasons as for \"lumora status --watch\"). With --initial, prints each\n"
+         "subject's current value first, in the same form, and again when it changed\n"
+         "while the service was away (a subject without a value gets a note on stderr).\n"
          "Example: lumora subscribe --initial Ctx/Media/Broadcast/Program/Changed Ctx/App/Info/Changed",
          1, SIZE_MAX, kInitialOption, RunSubscribe},
         {"stats", "[--timeout SECONDS] KIND [INPUT]", "print usage statistics as JSON records",

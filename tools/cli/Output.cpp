@@ -94,6 +94,11 @@ void PrintEvent(const std::string& subject, const std::string& data) {
     PrintText("{\"subject\":" + JsonText(subject, false) + ",\"data\":" + EventData(data) + "}");
 }
 
+void PrintAvailability(bool available, const std::string& reason) {
+    PrintText(std::string("{\"event\":\"") + (available ? "available" : "unavailable") +
+              "\",\"reason\":" + JsonText(reason, false) + "}");
+}
+
 void Warn(const std::string& reason) { fprintf(stderr, "lumora: %s\n", reason.c_str()); }
 
 int Fail(const std::string& reason) {

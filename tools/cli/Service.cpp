@@ -1,5 +1,8 @@
 // lumora: starting and stopping the library's connection to the service.
+#include <glib-unix.h>
 #include <lumora/lumora-api.h>
+
+#include <csignal>
 
 #include "Cli.h"
 
@@ -19,7 +22,23 @@ std::string NotReadyReason() {
     }
 }
 
+gboolean OnStopSignal(gpointer loop) {
+    g_main_loop_quit(static_cast<GMainLoop*>(loop));
+    return G_SOURCE_CONTINUE;
+}
+
 }  // namespace
+
+int FollowUntilStopped(const std::function<int(GMainLoop*)>& follow) {
+    GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
+    guint interrupt = g_unix_signal_add(SIGINT, OnStopSignal, loop);
+    guint terminate = g_unix_signal_add(SIGTERM, OnStopSignal, loop);
+    int status = follow(loop);
+    g_source_remove(interrupt);
+    g_source_remove(terminate);
+    g_main_loop_unref(loop);
+    return status;
+}
 
 bool StartService() {
     if (!Is_LMFSupported()) {

@@ -45,9 +45,24 @@ void PrintWhiteList(bool started, const ServiceDiagnosis& diagnosis) {
            granted ? "" : " (internal subjects I... are refused)");
 }
 
+void OnAvailability(int available, const char* reason, void*) { PrintAvailability(available == 1, reason); }
+
+// The library stays started, whatever its start found: it goes on checking
+// and reconnecting by itself, and tells each change.
+int Watch(GMainLoop* loop) {
+    if (!Lumora_AddAvailabilityCallback(OnAvailability, nullptr)) {
+        StopService();
+        return Fail("the library refused to tell the service's availability");
+    }
+    g_main_loop_run(loop);
+    Lumora_RemoveAvailabilityCallback(OnAvailability, nullptr);
+    StopService();
+    return kOk;
+}
+
 }  // namespace
 
-int RunStatus(const Options&, const std::vector<std::string>&) {
+int RunStatus(const Options& options, const std::vector<std::string>&) {
     bool switchOn = Is_LMFSupported();
     printf("feature switch: %s\n", switchOn ? "enabled" : "disabled (com.kaldor/featureconf/lumora.service_enable)");
     bool started = Lumora_InitServiceWithResponse(nullptr, nullptr) == LMF_INIT_OK;
@@ -71,6 +86,7 @@ int RunStatus(const Options&, const std::vector<std::string>&) {
     printf("service: %s\n", libraryOnly ? "not ready (the library's check failed; see lumora -v status)"
                                         : ServiceState(diagnosis).c_str());
     PrintWhiteList(started, diagnosis);
+    if (options.watch) return FollowUntilStopped(Watch);
     StopService();
     if (diagnosis.problem != ServiceProblem::kNone) return ExitStatusOf(diagnosis.problem);
     if (libraryOnly) return kFailed;

@@ -1,18 +1,15 @@
-// lumora: the subscribe command, one JSON line per change notification until
-// SIGINT or SIGTERM.
-#include <glib-unix.h>
+// lumora: the subscribe command, one JSON line per change notification (and
+// per change of the service's availability) until SIGINT or SIGTERM.
 #include <lumora/lumora-api.h>
 
 #include <algorithm>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
+#include <cstring>
 #include <string>
 #include <vector>
 
 #include "Cli.h"
-#include "RestartWatch.h"
 #include "internal/ServiceContract.h"
 
 namespace lumora::cli {
@@ -37,19 +34,39 @@ bool IsServiceAnnouncement(const std::string& subject) {
     return subject == contract::kHello || subject == contract::kBye;
 }
 
+constexpr const char* kErrorJson = "{\"Status\":\"Error\"}";
+// What the service answers for a subject that has no value.
+constexpr const char* kNoData = "{}";
+
 void OnNotification(const char* subject, char* data, void*) { PrintEvent(subject, data != nullptr ? data : ""); }
 
-void PrintCurrentValues(const Args& subjects) {
-    for (const std::string& subject : subjects) {
-        char* text = nullptr;
-        int code = LMFServiceAPI::m_pDbusClient->Read(subject.c_str(), nullptr, &text);
-        std::unique_ptr<char, decltype(&free)> value(text, free);
-        if (code == 0 && value) {
-            PrintEvent(subject, value.get());
-        } else {
-            Warn(ReadFailure(subject, code));
-        }
+// With --initial: the current value first, and again whenever it changed
+// while the service was away. A first answer without a value, or with the
+// error text, is a note on stderr, not a line of output.
+void OnValue(const char* subject, char* data, void* told) {
+    auto* valueTold = static_cast<bool*>(told);
+    bool first = !*valueTold;
+    *valueTold = true;
+    if (first && data != nullptr && strcmp(data, kNoData) == 0) {
+        Warn(std::string("the service has no data for ") + subject);
+        return;
     }
+    if (first && data != nullptr && strcmp(data, kErrorJson) == 0) {
+        Warn(std::string("the service answered ") + subject + " with an error");
+        return;
+    }
+    OnNotification(subject, data, nullptr);
+}
+
+// The service going away and coming back, between the notifications. The
+// first call only tells the state at the start.
+void OnAvailability(int available, const char* reason, void* started) {
+    auto* toldOnce = static_cast<bool*>(started);
+    if (!*toldOnce) {
+        *toldOnce = true;
+        return;
+    }
+    PrintAvailability(available == 1, reason);
 }
 
 std::string SubscribeRefusal(const std::string& subject) {
@@ -57,57 +74,63 @@ std::string SubscribeRefusal(const std::string& subject) {
     return "the library refused the subscription to " + subject;
 }
 
-void UnsubscribeAll(const Args& subjects) {
-    for (const std::string& subject : subjects) Lumora_Unsubscribe(subject.c_str(), OnNotification, nullptr);
+// One per subject: whether its current value was told yet (--initial).
+struct Subscription {
+    std::string subject;
+    bool valueTold = false;
+};
+using Subscriptions = std::vector<Subscription>;
+
+void UnsubscribeAll(Subscriptions& subscriptions, size_t count, bool initial) {
+    for (size_t i = 0; i < count; ++i) {
+        Subscription& subscription = subscriptions[i];
+        if (initial) {
+            Lumora_Unsubscribe(subscription.subject.c_str(), OnValue, &subscription.valueTold);
+        } else {
+            Lumora_Unsubscribe(subscription.subject.c_str(), OnNotification, nullptr);
+        }
+    }
 }
 
-bool Subscribe(const std::string& subject) {
+bool Subscribe(Subscription& subscription, bool initial) {
+    const std::string& subject = subscription.subject;
     if (!MayUseSubject(subject)) return false;
-    if (Lumora_Subscribe(subject.c_str(), OnNotification, nullptr)) return true;
+    // Subscribed first and read second by the library, which drops a value
+    // older than a notification: no change is lost or told out of order.
+    bool done = initial ? Lumora_SubscribeWithValue(subject.c_str(), OnValue, &subscription.valueTold)
+                        : Lumora_Subscribe(subject.c_str(), OnNotification, nullptr);
+    if (done) return true;
     Fail(SubscribeRefusal(subject));
     return false;
 }
 
 // All or none.
-bool SubscribeAll(const Args& subjects) {
-    for (size_t i = 0; i < subjects.size(); ++i) {
-        if (Subscribe(subjects[i])) continue;
-        UnsubscribeAll(Args(subjects.begin(), subjects.begin() + static_cast<long>(i)));
+bool SubscribeAll(Subscriptions& subscriptions, bool initial) {
+    for (size_t i = 0; i < subscriptions.size(); ++i) {
+        if (Subscribe(subscriptions[i], initial)) continue;
+        UnsubscribeAll(subscriptions, i, initial);
         return false;
     }
     return true;
 }
 
-gboolean OnStopSignal(gpointer loop) {
-    g_main_loop_quit(static_cast<GMainLoop*>(loop));
-    return G_SOURCE_CONTINUE;
-}
-
 // Subscribes, prints, and waits for the loop to be stopped.
 int Follow(const Options& options, const Args& subjects, GMainLoop* loop) {
     if (!StartService()) return kFailed;
-    // Watched before the first read, so that no restart after it goes unseen.
-    std::unique_ptr<RestartWatch> restarts;
-    if (options.initial) {
-        restarts = std::make_unique<RestartWatch>(subjects[0], [&subjects] { PrintCurrentValues(subjects); });
-        if (!restarts->Start()) {
-            restarts.reset();
-            StopService();
-            return kFailed;
-        }
+    Subscriptions subscriptions;
+    for (const std::string& subject : subjects) subscriptions.push_back({subject});
+    bool started = false;
+    if (!Lumora_AddAvailabilityCallback(OnAvailability, &started)) {
+        StopService();
+        return Fail("the library refused to tell the service's availability");
     }
-    if (!SubscribeAll(subjects)) {
-        restarts.reset();
+    if (!SubscribeAll(subscriptions, options.initial)) {
         StopService();
         return kFailed;
     }
-    // Read only once every subscription is in place: a change after the read
-    // is then notified, while one between an earlier read and the
-    // subscription would be lost.
-    if (options.initial) PrintCurrentValues(subjects);
     g_main_loop_run(loop);
-    UnsubscribeAll(subjects);
-    restarts.reset();
+    UnsubscribeAll(subscriptions, subscriptions.size(), options.initial);
+    Lumora_RemoveAvailabilityCallback(OnAvailability, &started);
     StopService();
     return kOk;
 }
@@ -122,16 +145,7 @@ int RunSubscribe(const Options& options, const Args& args) {
         fprintf(stderr, "usage: lumora subscribe [--initial] SUBJECT...\n");
         return kUsage;
     }
-    GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
-    // From the start, so that a signal while subscribing still ends the
-    // command in order.
-    guint interrupt = g_unix_signal_add(SIGINT, OnStopSignal, loop);
-    guint terminate = g_unix_signal_add(SIGTERM, OnStopSignal, loop);
-    int status = Follow(options, subjects, loop);
-    g_source_remove(interrupt);
-    g_source_remove(terminate);
-    g_main_loop_unref(loop);
-    return status;
+    return FollowUntilStopped([&](GMainLoop* loop) { return Follow(options, subjects, loop); });
 }
 
 }  // namespace lumora::cli

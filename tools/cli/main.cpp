@@ -83,6 +83,8 @@ const char* OptionName(unsigned option) {
             return "--initial";
         case lumora::cli::kSourceOption:
             return "--source";
+        case lumora::cli::kWatchOption:
+            return "--watch";
         default:
             return "--service-id";
     }
@@ -114,6 +116,9 @@ bool TakeOption(int argc, char** argv, int& i, CommandLine& line) {
     } else if (arg == "--initial") {
         line.options.initial = true;
         line.given |= lumora::cli::kInitialOption;
+    } else if (arg == "--watch") {
+        line.options.watch = true;
+        line.given |= lumora::cli::kWatchOption;
     } else if (arg == "--timeout") {
         if (i + 1 >= argc || !ParseSeconds(argv[i + 1], line.options.timeoutSeconds)) {
             fprintf(stderr, "lumora: --timeout takes whole seconds from 1 to %u\n", lumora::cli::kMaxTimeoutSeconds);
