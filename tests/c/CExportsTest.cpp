@@ -126,6 +126,19 @@ TEST_F(CExportsTest, RequestsAndSubscriptionsWorkFromCWithTheApplicationsOwnLoop
     EXPECT_EQ(1u, m_log.Count("Invalid requester", 'E'));
 }
 
+TEST_F(CExportsTest, AvailabilityCallbacksAndSubscriptionsWithTheCurrentValueWorkFromC) {
+    RunResult run = Run(LUMORA_C_AVAILABILITY_EXECUTABLE);
+    EXPECT_EQ(0, run.exitStatus) << run.err;
+    EXPECT_EQ("c availability ok\n", run.out);
+    // Subscribed, asked, unsubscribed.
+    EXPECT_EQ((std::vector<std::string>{"3 Ctx/Sound/Volume/Level/Current", "4 Ctx/Sound/Volume/Level/Current"}),
+              SubscriptionTraffic(m_monitor->Calls("RequestSync")));
+    EXPECT_EQ((std::vector<std::string>{"Ctx/Sound/Volume/Level/Current"}),
+              Subjects(m_monitor->Calls("RequestAsync"), ""));
+    EXPECT_EQ(2u, m_log.Count("dbus not created!", 'E')) << m_log.Dump();
+    EXPECT_EQ(1u, m_log.Count("callback is null", 'E')) << m_log.Dump();
+}
+
 TEST_F(CExportsTest, ChannelServicesAndTheChannelCallbackWorkFromC) {
     RunResult run = Run(LUMORA_C_CHANNELS_EXECUTABLE);
     EXPECT_EQ(0, run.exitStatus) << run.err;

@@ -604,5 +604,46 @@ INSTANTIATE_TEST_SUITE_P(Signals, LumoraApiRestartTest, testing::Values(SIGKILL,
                              return std::string(test.param == SIGKILL ? "Sigkill" : "Sigterm");
                          });
 
+// ---- availability and the current value ---------------------------------------------
+
+TEST_F(LumoraApiTest, SubscribeWithValueGivesTheCurrentValueThenTheChangesToEachUserData) {
+    Start();
+    const std::string subject = "Ctx/Sound/Volume/Level/Current";
+    bool subscribed = false;
+    m_loop.Invoke([&] { subscribed = Api()->SubscribeWithValue(subject, Recorded<1>, &m_first); });
+    ASSERT_TRUE(subscribed);
+    m_subscribed.emplace_back(subject, Recorded<1>, &m_first);
+    ASSERT_TRUE(WaitUntil([&] { return DeliveriesTo(1).size() == 1; }, 5000)) << m_log.Dump();
+    EXPECT_EQ(SimValue(subject), DeliveriesTo(1)[0].data);
+    EXPECT_EQ(&m_first, DeliveriesTo(1)[0].userData);
+    EmitAndSettle(subject, "{\"Level\":4}");
+    ASSERT_EQ(2u, DeliveriesTo(1).size());
+    EXPECT_EQ("{\"Level\":4}", DeliveriesTo(1)[1].data);
+    // The same triple again is refused as Subscribe refuses it.
+    m_loop.Invoke([&] { subscribed = Api()->SubscribeWithValue(subject, Recorded<1>, &m_first); });
+    EXPECT_FALSE(subscribed);
+}
+
+TEST_F(LumoraApiTest, AvailabilityCallbacksHearTheServiceLeaveAndReturnUntilRemoved) {
+    EXPECT_FALSE(Api()->AddAvailabilityCallback(RecordedAvailability<1>, nullptr));
+    EXPECT_FALSE(Api()->SubscribeWithValue(kSource, Recorded<1>, nullptr));
+    EXPECT_TRUE(m_log.From(kNotConnected, kUnit, "AddAvailabilityCallback")) << m_log.Dump();
+    EXPECT_TRUE(m_log.From(kNotConnected, kUnit, "SubscribeWithValue")) << m_log.Dump();
+    Start();
+    ASSERT_TRUE(Api()->AddAvailabilityCallback(RecordedAvailability<1>, &m_first));
+    ASSERT_TRUE(WaitUntil([&] { return DeliveriesTo(1).size() == 1; }, 5000));
+    ASSERT_TRUE(Control(lumora::sim::kCtlRestart, g_variant_new("(u)", 200u)).Ok());
+    ASSERT_TRUE(WaitUntil([&] { return DeliveriesTo(1).size() == 3; }, 5000)) << m_log.Dump();
+    std::vector<std::string> heard;
+    for (const Delivery& delivery : DeliveriesTo(1)) heard.push_back(delivery.subject + "=" + delivery.data);
+    EXPECT_EQ((std::vector<std::string>{"ready=1", "bye=0", "hello=1"}), heard);
+    EXPECT_EQ(&m_first, DeliveriesTo(1)[2].userData);
+    ASSERT_TRUE(Api()->RemoveAvailabilityCallback(RecordedAvailability<1>, &m_first));
+    EXPECT_FALSE(Api()->RemoveAvailabilityCallback(RecordedAvailability<1>, &m_first));
+    ASSERT_TRUE(Control(lumora::sim::kCtlRestart, g_variant_new("(u)", 200u)).Ok());
+    g_usleep(500 * 1000);
+    EXPECT_EQ(3u, DeliveriesTo(1).size());
+}
+
 }  // namespace
 }  // namespace lumora::test
