@@ -1,7 +1,9 @@
 /* tv-watcher: prints what the television is doing as it changes.
  *
- * Subscribes to source changes and programme changes, asks once for the
- * current programme, and prints every notification until Ctrl-C. Build it
+ * The recommended pattern: an availability callback says whether the service
+ * can be used; the programme is subscribed with its current value, so that
+ * no change is lost, not even one made while the service was restarting;
+ * source changes are a plain subscription. Prints until Ctrl-C. Build it
  * against an installed liblumora-api with the Makefile beside it:
  *
  *     make && ./tv-watcher
@@ -23,28 +25,27 @@ static void OnSourceChanged(const char* subject, char* data, void* userData) {
     fflush(stdout);
 }
 
-static void OnProgramChanged(const char* subject, char* data, void* userData) {
+/* The programme: its current value first, then every change, each once and
+ * in order, and the value again when it changed while the service was away
+ * (a restart of the service, or of the bus). */
+static void OnProgram(const char* subject, char* data, void* userData) {
+    int* told = (int*)userData;
     (void)subject;
-    (void)userData;
-    printf("programme changed: %s\n", data);
+    printf("programme %s: %s\n", *told ? "changed" : "now", data);
     fflush(stdout);
+    *told = 1;
 }
 
-/* The answer to the request: called once. It runs with the library's lock
- * held, so it only prints; calling the library from here would be refused. */
-static void OnCurrentProgram(const char* subject, char* data, void* userData) {
-    (void)subject;
+/* Whether the service can be used: a real application greys out its guide
+ * while it cannot, instead of polling. Called once per change, on the main
+ * loop's thread, with no library lock held. */
+static void OnAvailability(int available, const char* reason, void* userData) {
     (void)userData;
-    printf("programme now: %s\n", data);
+    if (available)
+        printf("service available (%s)\n", reason);
+    else
+        printf("service unavailable (%s): showing the guide greyed out\n", reason);
     fflush(stdout);
-}
-
-/* Called once, from the main loop, when the service is ready. */
-static void OnServiceReady(char* data, void* userData) {
-    (void)data;
-    (void)userData;
-    if (!Lumora_RequestCurrentBroadcastProgram(NULL, OnCurrentProgram, NULL))
-        fprintf(stderr, "tv-watcher: the request for the current programme was refused (see the log)\n");
 }
 
 static gboolean OnStopSignal(gpointer loop) {
@@ -57,15 +58,17 @@ int main(void) {
         fprintf(stderr, "tv-watcher: the context service is disabled on this device\n");
         return 1;
     }
-    /* The result says whether the service is ready now; either way
-     * OnServiceReady runs once it is. */
-    if (Lumora_InitServiceWithResponse(OnServiceReady, NULL) == LMF_INIT_CONNECTION_FAILED)
+    /* The library retries by itself: whether the service is there now, and
+     * whenever that changes, OnAvailability says. */
+    if (Lumora_InitServiceWithResponse(NULL, NULL) == LMF_INIT_CONNECTION_FAILED)
         fprintf(stderr, "tv-watcher: no system bus yet; retrying every 2 s\n");
 
     /* Subscriptions made now reach the service when it is there, and are
      * registered again by the library whenever the service restarts. */
-    if (!Lumora_SubscribeSourceInfo(OnSourceChanged, NULL) ||
-        !Lumora_SubscribeBroadcastProgram(OnProgramChanged, NULL)) {
+    static int programTold = 0;
+    if (!Lumora_AddAvailabilityCallback(OnAvailability, NULL) ||
+        !Lumora_SubscribeSourceInfo(OnSourceChanged, NULL) ||
+        !Lumora_SubscribeWithValue("Ctx/Media/Broadcast/Program/Changed", OnProgram, &programTold)) {
         fprintf(stderr, "tv-watcher: cannot subscribe (see the log)\n");
         Lumora_FiniService();
         return 1;
@@ -79,7 +82,8 @@ int main(void) {
     g_main_loop_run(loop);
 
     Lumora_UnsubscribeSourceInfo(OnSourceChanged, NULL);
-    Lumora_UnsubscribeBroadcastProgram(OnProgramChanged, NULL);
+    Lumora_Unsubscribe("Ctx/Media/Broadcast/Program/Changed", OnProgram, &programTold);
+    Lumora_RemoveAvailabilityCallback(OnAvailability, NULL);
     Lumora_FiniService();
     g_source_remove(interrupt);
     g_source_remove(terminate);

@@ -75,6 +75,14 @@ case $example in
     wait_for printed 'source changed: {"Source":"HDMI1"}' || fail "no source change"
     emit Ctx/Media/Broadcast/Program/Changed '{"ProgramTitle":"Late Movie"}'
     wait_for printed 'programme changed: {"ProgramTitle":"Late Movie"}' || fail "no programme change"
+    printed 'service available (ready)' || fail "no availability line"
+    # The programme changes while the service restarts: nothing is emitted,
+    # yet the watcher hears it once the service is back.
+    "$prefix/bin/lumora-sim" ctl set Ctx/Media/Broadcast/Program/Changed '{"ProgramTitle":"Weather"}' >/dev/null
+    "$prefix/bin/lumora-sim" ctl restart 300 >/dev/null
+    wait_for printed 'service unavailable (bye)' || fail "no unavailable line"
+    wait_for printed 'service available (hello)' || fail "no available line after the restart"
+    wait_for printed 'programme changed: {"ProgramTitle":"Weather"}' || fail "no catch-up of the programme"
     ;;
   tv-dashboard)
     wait_for printed 'source now: {.*"Source":"TV"' || fail "no current source"

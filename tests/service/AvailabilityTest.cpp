@@ -68,14 +68,16 @@ TEST_F(AvailabilityTest, SigtermIsToldAsByeAndTheNewServiceAsHelloWithTheSubscri
     HeardAfter(1, 1);
     auto stopped = Clock::now();
     EXPECT_EQ(0, m_sim.Stop());
-    EXPECT_EQ((std::vector<std::string>{"ready=1", "bye=0"}), HeardAfter(1, 2));
+    ASSERT_TRUE(WaitUntil([&] { return Heard(1).size() == 2; }, 5000)) << m_log.Dump();
     double byeMs = MsSince(stopped);
+    EXPECT_EQ((std::vector<std::string>{"ready=1", "bye=0"}), HeardAfter(1, 2));
     EXPECT_FALSE(LMFServiceAPI::IsAvailable());
 
     auto restarted = Clock::now();
     ASSERT_TRUE(m_sim.Start());
-    EXPECT_EQ((std::vector<std::string>{"ready=1", "bye=0", "hello=1"}), HeardAfter(1, 3));
+    ASSERT_TRUE(WaitUntil([&] { return Heard(1).size() == 3; }, 5000)) << m_log.Dump();
     double helloMs = MsSince(restarted);
+    EXPECT_EQ((std::vector<std::string>{"ready=1", "bye=0", "hello=1"}), HeardAfter(1, 3));
     // By then the subscription is registered with the new service.
     EXPECT_EQ(1u, SimSubscribers(kVolume).size());
     EXPECT_TRUE(LMFServiceAPI::IsAvailable());
@@ -92,8 +94,9 @@ TEST_F(AvailabilityTest, SigkillIsToldAsNameLostWithoutAnyCallOfTheApplication) 
     auto killed = Clock::now();
     ASSERT_EQ(0, kill(m_sim.Pid(), SIGKILL));
     EXPECT_EQ(-1, m_sim.WaitForExit(5000));
-    EXPECT_EQ((std::vector<std::string>{"ready=1", "name-lost=0"}), HeardAfter(1, 2));
+    ASSERT_TRUE(WaitUntil([&] { return Heard(1).size() == 2; }, 5000)) << m_log.Dump();
     printf("timing: SIGKILL -> \"name-lost\" told: %.0f ms\n", MsSince(killed));
+    EXPECT_EQ((std::vector<std::string>{"ready=1", "name-lost=0"}), HeardAfter(1, 2));
     // Noticed from the bus daemon's news, not from a failed call.
     EXPECT_TRUE(LibraryCalls().empty());
 

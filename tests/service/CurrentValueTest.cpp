@@ -152,10 +152,11 @@ TEST_F(CurrentValueTest, AfterSigtermTheNewServicesDifferentValueIsToldWithoutAn
     EXPECT_EQ(0, m_sim.Stop());
     auto restarted = Clock::now();
     ASSERT_TRUE(m_sim.Start(changed));
+    ASSERT_TRUE(WaitUntil([&] { return DataTo(1).size() == 2; }, 5000)) << m_log.Dump();
+    printf("timing: new service started -> changed value told: %.0f ms\n", MsSince(restarted));
     const std::string after = SimValue(kVolume);
     ASSERT_NE(before, after);
     EXPECT_EQ((std::vector<std::string>{before, after}), DataAfter(1, 2));
-    printf("timing: new service started -> changed value told: %.0f ms\n", MsSince(restarted));
     EXPECT_TRUE(DataTo(2).empty());  // plain subscriptions keep their behaviour
     EXPECT_TRUE(m_log.Has("service hello: asking 1 current value(s) again", 'I')) << m_log.Dump();
 }
@@ -172,8 +173,9 @@ TEST_F(CurrentValueTest, AfterSigkillAnUnchangedValueIsNotToldAgainAndAChangedOn
     EXPECT_EQ(-1, m_sim.WaitForExit(5000));
     auto restarted = Clock::now();
     ASSERT_TRUE(m_sim.Start(ScenarioWith(kSource, "{\"Source\":\"HDMI1\",\"SrcType\":\"EXT\"}")));
-    EXPECT_EQ((std::vector<std::string>{source, SimValue(kSource)}), DataAfter(2, 2));
+    ASSERT_TRUE(WaitUntil([&] { return DataTo(2).size() == 2; }, 5000)) << m_log.Dump();
     printf("timing: service killed and started again -> changed value told: %.0f ms\n", MsSince(restarted));
+    EXPECT_EQ((std::vector<std::string>{source, SimValue(kSource)}), DataAfter(2, 2));
     EXPECT_EQ(std::vector<std::string>{volume}, DataTo(1));
     // Both were asked again, the unchanged one too.
     EXPECT_TRUE(m_log.Has("service hello: asking 2 current value(s) again", 'I')) << m_log.Dump();
