@@ -13,10 +13,14 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
 #include <string>
 
 #include "BusCalls.h"
 #include "SimProcess.h"
+#include "TempDir.h"
 #include "TestBus.h"
 
 namespace lumora::bench {
@@ -79,6 +83,49 @@ private:
     GDBusConnection* m_raw = nullptr;
     bool m_started = false;
 };
+
+/// What an application would write without the library on the answer of a
+/// "RequestAsync": finish the call, check the reply's shape, unpack the value
+/// and keep a copy of the text. False when it was not a value.
+inline bool TakeRawAnswer(GObject* source, GAsyncResult* result) {
+    GError* error = nullptr;
+    GVariant* reply = g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, &error);
+    bool ok = false;
+    if (reply != nullptr) {
+        if (g_variant_is_of_type(reply, G_VARIANT_TYPE("(isv)"))) {
+            gint32 code = 0;
+            const gchar* subject = nullptr;
+            GVariant* payload = nullptr;
+            g_variant_get(reply, "(i&sv)", &code, &subject, &payload);
+            if (code == 0 && g_variant_is_of_type(payload, G_VARIANT_TYPE("(s)"))) {
+                const gchar* text = nullptr;
+                g_variant_get(payload, "(&s)", &text);
+                char* copy = strdup(text);
+                benchmark::DoNotOptimize(copy);
+                free(copy);
+                ok = true;
+            }
+            g_variant_unref(payload);
+        }
+        g_variant_unref(reply);
+    } else {
+        g_error_free(error);
+    }
+    return ok;
+}
+
+/// The project's private-bus configuration, written into dir, with room for
+/// replies calls awaiting a reply per connection; "" when it cannot be read.
+inline std::string BusConfigWithRoomFor(const lumora::test::TempDir& dir, int replies) {
+    std::ifstream in(lumora::test::PrivateBusConfig());
+    std::stringstream text;
+    text << in.rdbuf();
+    std::string config = text.str();
+    size_t end = config.rfind("</busconfig>");
+    if (end == std::string::npos) return {};
+    config.insert(end, "  <limit name=\"max_replies_per_connection\">" + std::to_string(replies) + "</limit>\n");
+    return dir.Write("bus.conf", config);
+}
 
 inline void RunBenchmarks(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);

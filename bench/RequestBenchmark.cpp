@@ -20,8 +20,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include "BenchService.h"
@@ -55,33 +53,8 @@ void OnLumoraAnswer(const char* /*subject*/, char* data, void* /*userData*/) {
     ++g_answered;
 }
 
-// What an application would write without the library: finish the call,
-// check the reply's shape, unpack the value and keep a copy of the text.
 void OnRawAnswer(GObject* source, GAsyncResult* result, gpointer /*userData*/) {
-    GError* error = nullptr;
-    GVariant* reply = g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, &error);
-    bool ok = false;
-    if (reply != nullptr) {
-        if (g_variant_is_of_type(reply, G_VARIANT_TYPE("(isv)"))) {
-            gint32 code = 0;
-            const gchar* subject = nullptr;
-            GVariant* payload = nullptr;
-            g_variant_get(reply, "(i&sv)", &code, &subject, &payload);
-            if (code == 0 && g_variant_is_of_type(payload, G_VARIANT_TYPE("(s)"))) {
-                const gchar* text = nullptr;
-                g_variant_get(payload, "(&s)", &text);
-                char* copy = strdup(text);
-                benchmark::DoNotOptimize(copy);
-                free(copy);
-                ok = true;
-            }
-            g_variant_unref(payload);
-        }
-        g_variant_unref(reply);
-    } else {
-        g_error_free(error);
-    }
-    if (!ok) ++g_failed;
+    if (!lumora::bench::TakeRawAnswer(source, result)) ++g_failed;
     ++g_answered;
 }
 
@@ -140,20 +113,6 @@ BENCHMARK(BM_LumoraRequest)
     ->MeasureProcessCPUTime()
     ->UseRealTime();
 
-// The project's private-bus configuration with room for the largest batch:
-// like a stock system bus, the daemon refuses more than 128 calls awaiting a
-// reply per connection, and 256 requests in flight would get errors.
-std::string BusConfigWithRoomFor256(const lumora::test::TempDir& dir) {
-    std::ifstream in(lumora::test::PrivateBusConfig());
-    std::stringstream text;
-    text << in.rdbuf();
-    std::string config = text.str();
-    size_t end = config.rfind("</busconfig>");
-    if (end == std::string::npos) return {};
-    config.insert(end, "  <limit name=\"max_replies_per_connection\">1024</limit>\n");
-    return dir.Write("bus.conf", config);
-}
-
 }  // namespace
 
 using lumora::bench::BenchService;
@@ -162,7 +121,9 @@ using lumora::bench::RunBenchmarks;
 int main(int argc, char** argv) {
     BenchService service(kLogFile);
     lumora::test::TempDir dir;
-    std::string busConfig = BusConfigWithRoomFor256(dir);
+    // Like a stock system bus, the daemon refuses more than 128 calls
+    // awaiting a reply per connection: 256 requests in flight need room.
+    std::string busConfig = lumora::bench::BusConfigWithRoomFor(dir, 1024);
     if (busConfig.empty() || !service.Start(busConfig)) return 1;
     g_raw = service.Raw();
     RunBenchmarks(argc, argv);
