@@ -9,4 +9,4 @@ cd "$(dirname "$0")/.."
 . bench/interleaved.sh
 run_interleaved "${1:-build/default}" current_value_benchmark "${2:-10}" 0.3 \
   --baseline "raw=BM_RawSubscribeThenCall" \
-  --baseline "inflight=BM_RawCallsInFlight/1000/iterations:20/manual_time"
+  --baseline "inflight=BM_RawCallsInFlight/1000/iterations:20"
