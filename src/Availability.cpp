@@ -203,14 +203,14 @@ void ReportConnection(GDBusConnection* connection) {
     UpdateNameWatch();
 }
 
-bool AddAvailabilityListener(const char* function, EventOwner owner, LumoraAvailabilityCb callback, void* userData) {
+bool AddAvailabilityListener(LogSite site, EventOwner owner, LumoraAvailabilityCb callback, void* userData) {
     if (callback == nullptr) {
-        LMF_LOGE_IN(function, "callback is null");
+        LMF_LOGE_FOR(site, "callback is null");
         return false;
     }
     ContextAutoLock lock(&g_mutex);
     if (FindListener(owner, callback, userData) != g_listeners.end()) {
-        LMF_LOGE_IN(function, "callback[%p] userData[%p] is already added", reinterpret_cast<void*>(callback),
+        LMF_LOGE_FOR(site, "callback[%p] userData[%p] is already added", reinterpret_cast<void*>(callback),
                     userData);
         return false;
     }
@@ -220,12 +220,12 @@ bool AddAvailabilityListener(const char* function, EventOwner owner, LumoraAvail
     return true;
 }
 
-bool RemoveAvailabilityListener(const char* function, EventOwner owner, LumoraAvailabilityCb callback,
+bool RemoveAvailabilityListener(LogSite site, EventOwner owner, LumoraAvailabilityCb callback,
                                 void* userData) {
     ContextAutoLock lock(&g_mutex);
     auto it = FindListener(owner, callback, userData);
     if (it == g_listeners.end()) {
-        LMF_LOGE_IN(function, "callback[%p] userData[%p] was not added", reinterpret_cast<void*>(callback), userData);
+        LMF_LOGE_FOR(site, "callback[%p] userData[%p] was not added", reinterpret_cast<void*>(callback), userData);
         return false;
     }
     g_listeners.erase(it);

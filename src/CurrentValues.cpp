@@ -140,8 +140,8 @@ gboolean DeliverCurrentValue(gpointer data) {
 }
 
 // Sends the request for follower id's current value; a newer one replaces
-// any that is still out. Lines are logged for function.
-void Ask(const char* function, DBusClient& client, uint64_t id) {
+// any that is still out. Lines are logged for site.
+void Ask(LogSite site, DBusClient& client, uint64_t id) {
     std::string subject;
     uintptr_t token = 0;
     {
@@ -157,7 +157,7 @@ void Ask(const char* function, DBusClient& client, uint64_t id) {
     }
     int result = client.Request(subject.c_str(), nullptr, OnCurrentValue, reinterpret_cast<void*>(token));
     if (result == 0) return;
-    LMF_LOGE_IN(function, "the current value of %s is asked again when the service is available (%d)",
+    LMF_LOGE_FOR(site, "the current value of %s is asked again when the service is available (%d)",
                 subject.c_str(), result);
     ContextAutoLock lock(&g_mutex);
     g_pending.erase(token);
@@ -179,17 +179,17 @@ void ReportNotification(const char* subject, const char* data) {
     }
 }
 
-bool HasTextValue(const char* function, const char* subject) {
+bool HasTextValue(LogSite site, const char* subject) {
     for (const contract::StatisticsKind& kind : contract::kStatisticsKinds) {
         if (subject != nullptr && strcmp(kind.subject, subject) == 0) {
-            LMF_LOGE_IN(function, "%s answers records, not a value to follow: request it instead", subject);
+            LMF_LOGE_FOR(site, "%s answers records, not a value to follow: request it instead", subject);
             return false;
         }
     }
     return true;
 }
 
-void FollowCurrentValue(const char* function, EventOwner owner, DBusClient& client, const std::string& subject,
+void FollowCurrentValue(LogSite site, EventOwner owner, DBusClient& client, const std::string& subject,
                         LumoraSubjectCb callback, void* userData) {
     uint64_t id = 0;
     {
@@ -199,7 +199,7 @@ void FollowCurrentValue(const char* function, EventOwner owner, DBusClient& clie
         g_notifications.emplace(subject, 0);
         Recount();
     }
-    Ask(function, client, id);
+    Ask(site, client, id);
 }
 
 void ForgetCurrentValue(EventOwner owner, const std::string& subject, LumoraSubjectCb callback, void* userData) {
@@ -246,7 +246,7 @@ void CatchUpCurrentValues(const char* reason, uint64_t mark) {
     if (ids.empty() || client == nullptr) return;
     LMF_LOGI_IN("CatchUpCurrentValues", "service %s: asking %zu current value(s) again", reason, ids.size());
     // Each request only starts its call: they are all in flight together.
-    for (uint64_t id : ids) Ask("CatchUpCurrentValues", *client, id);
+    for (uint64_t id : ids) Ask(LMF_SITE("CatchUpCurrentValues"), *client, id);
 }
 
 }  // namespace lumora::internal

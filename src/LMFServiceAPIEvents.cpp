@@ -34,14 +34,14 @@ bool LMFServiceAPI::AddAvailabilityCallback(LumoraAvailabilityCb callback, void*
     if (LMF_REFUSED_IN_CALLBACK(kServiceMutex)) return false;
     ContextAutoLock lock(&m_mutex);
     if (StartedClient(__func__) == nullptr) return false;
-    return lumora::internal::AddAvailabilityListener(__func__, EventOwner::kServiceApi, callback, user_data);
+    return lumora::internal::AddAvailabilityListener(LMF_SITE(__func__), EventOwner::kServiceApi, callback, user_data);
 }
 
 bool LMFServiceAPI::RemoveAvailabilityCallback(LumoraAvailabilityCb callback, void* user_data) {
     if (LMF_REFUSED_IN_CALLBACK(kServiceMutex)) return false;
     ContextAutoLock lock(&m_mutex);
     if (StartedClient(__func__) == nullptr) return false;
-    return lumora::internal::RemoveAvailabilityListener(__func__, EventOwner::kServiceApi, callback, user_data);
+    return lumora::internal::RemoveAvailabilityListener(LMF_SITE(__func__), EventOwner::kServiceApi, callback, user_data);
 }
 
 // Subscribed first, asked second: a change after the subscription reaches
@@ -58,8 +58,8 @@ bool LMFServiceAPI::SubscribeWithValue(const char* subject, LumoraSubjectCb call
         LMF_LOGE("[%s] callback is null", _GetProcessName());
         return false;
     }
-    if (!lumora::internal::HasTextValue(__func__, subject)) return false;
+    if (!lumora::internal::HasTextValue(LMF_SITE(__func__), subject)) return false;
     if (!Subscribe(subject, callback, user_data)) return false;
-    lumora::internal::FollowCurrentValue(__func__, EventOwner::kServiceApi, *client, subject, callback, user_data);
+    lumora::internal::FollowCurrentValue(LMF_SITE(__func__), EventOwner::kServiceApi, *client, subject, callback, user_data);
     return true;
 }

@@ -15,6 +15,8 @@
 #include <gio/gio.h>
 #include <lumora/lumora-c.h>
 
+#include "internal/Log.h"
+
 #include <cstdint>
 #include <string>
 
@@ -44,13 +46,14 @@ void ReportNotification(const char* subject, const char* data);
 enum class EventOwner { kServiceApi, kObjectInterface };
 
 // Adds (callback, userData) of owner; false, after one line logged for
-// function, for a null callback or a pair already added. The current state,
+// site (the operation of the caller's class), for a null callback or a pair
+// already added. The current state,
 // when known, reaches the callback from the main loop soon after.
-bool AddAvailabilityListener(const char* function, EventOwner owner, LumoraAvailabilityCb callback,
+bool AddAvailabilityListener(LogSite site, EventOwner owner, LumoraAvailabilityCb callback,
                              void* userData);
 // Removes the pair; false, after one line, when it was not added. No call of
 // it starts after this returns.
-bool RemoveAvailabilityListener(const char* function, EventOwner owner, LumoraAvailabilityCb callback,
+bool RemoveAvailabilityListener(LogSite site, EventOwner owner, LumoraAvailabilityCb callback,
                                 void* userData);
 void DropAvailabilityListeners(EventOwner owner);
 
@@ -58,12 +61,12 @@ void DropAvailabilityListeners(EventOwner owner);
 
 // Whether subject can be subscribed with its current value: not one of the
 // statistics subjects, whose answers are records and not text. Logs one line
-// for function when not.
-bool HasTextValue(const char* function, const char* subject);
+// for site when not.
+bool HasTextValue(LogSite site, const char* subject);
 // Starts following (subject, callback, userData), just subscribed by owner,
 // and asks client for the subject's current value. The callback gets the
 // answer first, unless a notification came before it.
-void FollowCurrentValue(const char* function, EventOwner owner, DBusClient& client, const std::string& subject,
+void FollowCurrentValue(LogSite site, EventOwner owner, DBusClient& client, const std::string& subject,
                         LumoraSubjectCb callback, void* userData);
 // Stops following the triple (it was unsubscribed); nothing when it is not
 // followed.

@@ -193,21 +193,24 @@ TEST_F(AvailabilityTest, WrongCallsAreRefusedWithOneLineEach) {
     EXPECT_FALSE(Lumora_AddAvailabilityCallback(nullptr, nullptr));
     EXPECT_TRUE(m_log.Has("callback is null", 'E')) << m_log.Dump();
     ASSERT_TRUE(Lumora_AddAvailabilityCallback(RecordedAvailability<1>, nullptr));
+    ASSERT_TRUE(WaitUntil([&] { return Heard(1).size() == 1; }, 5000));  // its line written
     m_log.Mark();
     EXPECT_FALSE(Lumora_AddAvailabilityCallback(RecordedAvailability<1>, nullptr));
     EXPECT_FALSE(Lumora_RemoveAvailabilityCallback(RecordedAvailability<2>, nullptr));
-    auto records = m_log.Records();
+    std::vector<LogRecord> records = OwnRecords();
     ASSERT_EQ(2u, records.size()) << m_log.Dump();
     EXPECT_NE(std::string::npos, records[0].text.find("is already added")) << records[0].text;
     EXPECT_EQ("AddAvailabilityCallback", records[0].function);
+    EXPECT_EQ("LMFServiceAPI.cpp", records[0].file);
     EXPECT_NE(std::string::npos, records[1].text.find("was not added")) << records[1].text;
+    EXPECT_EQ("RemoveAvailabilityCallback", records[1].function);
     EXPECT_EQ('E', records[1].level);
 
     ASSERT_TRUE(Lumora_FiniService());
     m_log.Mark();
     EXPECT_FALSE(Lumora_AddAvailabilityCallback(RecordedAvailability<2>, nullptr));
     EXPECT_FALSE(Lumora_RemoveAvailabilityCallback(RecordedAvailability<1>, nullptr));
-    EXPECT_EQ(2u, m_log.Records().size()) << m_log.Dump();
+    EXPECT_EQ(2u, OwnRecords().size()) << m_log.Dump();
     EXPECT_EQ(2u, m_log.Count("[myapp] the service API is not started: call InitService first", 'E'))
         << m_log.Dump();
     // The stop removed the callback: a new start tells nothing to it.

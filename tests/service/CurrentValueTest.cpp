@@ -133,7 +133,7 @@ TEST_F(CurrentValueTest, WhatSubscribeRefusesSubscribeWithValueRefusesWithOneLin
     ASSERT_TRUE(Lumora_SubscribeWithValue(kVolume, Recorded<1>, nullptr));
     m_log.Mark();
     EXPECT_FALSE(Lumora_SubscribeWithValue(kVolume, Recorded<1>, nullptr));  // already subscribed
-    EXPECT_EQ(1u, m_log.Records().size()) << m_log.Dump();
+    EXPECT_EQ(1u, OwnRecords().size()) << m_log.Dump();
     EXPECT_TRUE(m_log.Has(AlreadySubscribed(kVolume, Recorded<1>), 'E')) << m_log.Dump();
     EXPECT_EQ((std::vector<std::string>{"3 " + std::string(kVolume)}), SubscriptionTraffic());
     EXPECT_EQ(1u, DataAfter(1, 1).size());

@@ -4,6 +4,7 @@
 #define LUMORA_TESTS_SERVICE_SERVICEFIXTURE_H
 
 #include <errno.h>
+#include <unistd.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
 #include <lumora/lumora-api.h>
@@ -124,6 +125,15 @@ protected:
     /// Sends the service's "Response" signal for subject to its subscribers.
     bool Emit(const std::string& subject, const std::string& data) {
         return Control(lumora::sim::kCtlEmit, g_variant_new("(ss)", subject.c_str(), data.c_str())).Ok();
+    }
+
+    /// The log records of this process since the mark: the simulator writes
+    /// to the same log.
+    std::vector<LogRecord> OwnRecords() const {
+        std::vector<LogRecord> own;
+        for (const LogRecord& record : m_log.Records())
+            if (record.pid == getpid()) own.push_back(record);
+        return own;
     }
 
     /// Gives subject a new value in the simulator.
