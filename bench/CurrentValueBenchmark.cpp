@@ -99,10 +99,9 @@ GVariant* RequestTuple(int type, const std::string& subject, const char* input) 
 
 bool RawSync(int type) {
     GError* error = nullptr;
-    GVariant* reply = g_dbus_connection_call_sync(g_raw, contract::kBusName, contract::kObjectPath,
-                                                  contract::kInterface, contract::kMethodRequestSync,
-                                                  RequestTuple(type, kSubject, "{}"), nullptr,
-                                                  G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error);
+    GVariant* reply = g_dbus_connection_call_sync(
+        g_raw, contract::kBusName, contract::kObjectPath, contract::kInterface, contract::kMethodRequestSync,
+        RequestTuple(type, kSubject, "{}"), nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error);
     if (reply == nullptr) {
         g_error_free(error);
         return false;
@@ -113,14 +112,13 @@ bool RawSync(int type) {
 
 void IssueRawRequest(const std::string& subject) {
     g_dbus_connection_call(g_raw, contract::kBusName, contract::kObjectPath, contract::kInterface,
-                           contract::kMethodRequestAsync, RequestTuple(5, subject, ""), nullptr,
-                           G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &OnRawAnswer, nullptr);
+                           contract::kMethodRequestAsync, RequestTuple(5, subject, ""), nullptr, G_DBUS_CALL_FLAGS_NONE,
+                           -1, nullptr, &OnRawAnswer, nullptr);
 }
 
 void CallControl(const char* method, GVariant* parameters) {
-    g_dbus_connection_call(g_raw, contract::kBusName, lumora::sim::kControlPath, lumora::sim::kControlInterface,
-                           method, parameters, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &OnControlAnswer,
-                           nullptr);
+    g_dbus_connection_call(g_raw, contract::kBusName, lumora::sim::kControlPath, lumora::sim::kControlInterface, method,
+                           parameters, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &OnControlAnswer, nullptr);
 }
 
 // ---- the first value ---------------------------------------------------------------

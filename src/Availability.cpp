@@ -100,9 +100,9 @@ void UpdateNameWatch() {
     g_nameWatch = 0;
     g_watchedConnection = wanted;
     if (wanted == nullptr) return;
-    g_nameWatch = g_dbus_connection_signal_subscribe(
-        wanted, "org.freedesktop.DBus", "org.freedesktop.DBus", "NameOwnerChanged", "/org/freedesktop/DBus",
-        contract::kBusName, G_DBUS_SIGNAL_FLAGS_NONE, OnNameOwnerChanged, nullptr, nullptr);
+    g_nameWatch = g_dbus_connection_signal_subscribe(wanted, "org.freedesktop.DBus", "org.freedesktop.DBus",
+                                                     "NameOwnerChanged", "/org/freedesktop/DBus", contract::kBusName,
+                                                     G_DBUS_SIGNAL_FLAGS_NONE, OnNameOwnerChanged, nullptr, nullptr);
 }
 
 void Record(int available, const char* reason) {
@@ -210,8 +210,7 @@ bool AddAvailabilityListener(LogSite site, EventOwner owner, LumoraAvailabilityC
     }
     ContextAutoLock lock(&g_mutex);
     if (FindListener(owner, callback, userData) != g_listeners.end()) {
-        LMF_LOGE_FOR(site, "callback[%p] userData[%p] is already added", reinterpret_cast<void*>(callback),
-                    userData);
+        LMF_LOGE_FOR(site, "callback[%p] userData[%p] is already added", reinterpret_cast<void*>(callback), userData);
         return false;
     }
     g_listeners.push_back({g_nextId++, owner, callback, userData, kUnknown});
@@ -220,8 +219,7 @@ bool AddAvailabilityListener(LogSite site, EventOwner owner, LumoraAvailabilityC
     return true;
 }
 
-bool RemoveAvailabilityListener(LogSite site, EventOwner owner, LumoraAvailabilityCb callback,
-                                void* userData) {
+bool RemoveAvailabilityListener(LogSite site, EventOwner owner, LumoraAvailabilityCb callback, void* userData) {
     ContextAutoLock lock(&g_mutex);
     auto it = FindListener(owner, callback, userData);
     if (it == g_listeners.end()) {

@@ -157,8 +157,8 @@ void Ask(LogSite site, DBusClient& client, uint64_t id) {
     }
     int result = client.Request(subject.c_str(), nullptr, OnCurrentValue, reinterpret_cast<void*>(token));
     if (result == 0) return;
-    LMF_LOGE_FOR(site, "the current value of %s is asked again when the service is available (%d)",
-                subject.c_str(), result);
+    LMF_LOGE_FOR(site, "the current value of %s is asked again when the service is available (%d)", subject.c_str(),
+                 result);
     ContextAutoLock lock(&g_mutex);
     g_pending.erase(token);
     if (Follower* follower = FindFollower(id)) follower->pendingToken = 0;
@@ -205,8 +205,8 @@ void FollowCurrentValue(LogSite site, EventOwner owner, DBusClient& client, cons
 void ForgetCurrentValue(EventOwner owner, const std::string& subject, LumoraSubjectCb callback, void* userData) {
     ContextAutoLock lock(&g_mutex);
     for (auto it = g_followers.begin(); it != g_followers.end();) {
-        bool same = it->owner == owner && it->subject == subject && it->callback == callback &&
-                    it->userData == userData;
+        bool same =
+            it->owner == owner && it->subject == subject && it->callback == callback && it->userData == userData;
         if (!same) {
             ++it;
             continue;

@@ -86,8 +86,8 @@ void DBusClientInternal::ServiceNotFound(DBusClient& client) {
     MarkServiceAvailable(client, false);
     GDBusConnection* connection = client.m_connection;
     const char* reason = connection == nullptr || g_dbus_connection_is_closed(connection) ? "bus-closed"
-                         : g_enableOutcome == EnableOutcome::kRefused                    ? "bye"
-                                                                                         : "name-lost";
+                         : g_enableOutcome == EnableOutcome::kRefused                     ? "bye"
+                                                                                          : "name-lost";
     g_enableOutcome = EnableOutcome::kNotAsked;
     lumora::internal::ReportServiceUnavailable(reason);
 }

@@ -41,7 +41,8 @@ bool LMFServiceAPI::RemoveAvailabilityCallback(LumoraAvailabilityCb callback, vo
     if (LMF_REFUSED_IN_CALLBACK(kServiceMutex)) return false;
     ContextAutoLock lock(&m_mutex);
     if (StartedClient(__func__) == nullptr) return false;
-    return lumora::internal::RemoveAvailabilityListener(LMF_SITE(__func__), EventOwner::kServiceApi, callback, user_data);
+    return lumora::internal::RemoveAvailabilityListener(LMF_SITE(__func__), EventOwner::kServiceApi, callback,
+                                                        user_data);
 }
 
 // Subscribed first, asked second: a change after the subscription reaches
@@ -60,6 +61,7 @@ bool LMFServiceAPI::SubscribeWithValue(const char* subject, LumoraSubjectCb call
     }
     if (!lumora::internal::HasTextValue(LMF_SITE(__func__), subject)) return false;
     if (!Subscribe(subject, callback, user_data)) return false;
-    lumora::internal::FollowCurrentValue(LMF_SITE(__func__), EventOwner::kServiceApi, *client, subject, callback, user_data);
+    lumora::internal::FollowCurrentValue(LMF_SITE(__func__), EventOwner::kServiceApi, *client, subject, callback,
+                                         user_data);
     return true;
 }

@@ -263,16 +263,19 @@ bool LumoraAPI::SubscribeWithValue(std::string subject, LumoraSubjectCb callback
     }
     if (!lumora::internal::HasTextValue(LMF_SITE(__func__), subject.c_str())) return false;
     if (!Subscribe(subject, callback, userData)) return false;
-    lumora::internal::FollowCurrentValue(LMF_SITE(__func__), EventOwner::kObjectInterface, *client, subject, callback, userData);
+    lumora::internal::FollowCurrentValue(LMF_SITE(__func__), EventOwner::kObjectInterface, *client, subject, callback,
+                                         userData);
     return true;
 }
 
 bool LumoraAPI::AddAvailabilityCallback(LumoraAvailabilityCb callback, void* userData) {
     if (CreatedClient(__func__) == nullptr) return false;
-    return lumora::internal::AddAvailabilityListener(LMF_SITE(__func__), EventOwner::kObjectInterface, callback, userData);
+    return lumora::internal::AddAvailabilityListener(LMF_SITE(__func__), EventOwner::kObjectInterface, callback,
+                                                     userData);
 }
 
 bool LumoraAPI::RemoveAvailabilityCallback(LumoraAvailabilityCb callback, void* userData) {
     if (CreatedClient(__func__) == nullptr) return false;
-    return lumora::internal::RemoveAvailabilityListener(LMF_SITE(__func__), EventOwner::kObjectInterface, callback, userData);
+    return lumora::internal::RemoveAvailabilityListener(LMF_SITE(__func__), EventOwner::kObjectInterface, callback,
+                                                        userData);
 }

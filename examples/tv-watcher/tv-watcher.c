@@ -66,8 +66,7 @@ int main(void) {
     /* Subscriptions made now reach the service when it is there, and are
      * registered again by the library whenever the service restarts. */
     static int programTold = 0;
-    if (!Lumora_AddAvailabilityCallback(OnAvailability, NULL) ||
-        !Lumora_SubscribeSourceInfo(OnSourceChanged, NULL) ||
+    if (!Lumora_AddAvailabilityCallback(OnAvailability, NULL) || !Lumora_SubscribeSourceInfo(OnSourceChanged, NULL) ||
         !Lumora_SubscribeWithValue("Ctx/Media/Broadcast/Program/Changed", OnProgram, &programTold)) {
         fprintf(stderr, "tv-watcher: cannot subscribe (see the log)\n");
         Lumora_FiniService();

@@ -15,10 +15,10 @@
 #include <gio/gio.h>
 #include <lumora/lumora-c.h>
 
-#include "internal/Log.h"
-
 #include <cstdint>
 #include <string>
+
+#include "internal/Log.h"
 
 class DBusClient;
 
@@ -49,12 +49,10 @@ enum class EventOwner { kServiceApi, kObjectInterface };
 // site (the operation of the caller's class), for a null callback or a pair
 // already added. The current state,
 // when known, reaches the callback from the main loop soon after.
-bool AddAvailabilityListener(LogSite site, EventOwner owner, LumoraAvailabilityCb callback,
-                             void* userData);
+bool AddAvailabilityListener(LogSite site, EventOwner owner, LumoraAvailabilityCb callback, void* userData);
 // Removes the pair; false, after one line, when it was not added. No call of
 // it starts after this returns.
-bool RemoveAvailabilityListener(LogSite site, EventOwner owner, LumoraAvailabilityCb callback,
-                                void* userData);
+bool RemoveAvailabilityListener(LogSite site, EventOwner owner, LumoraAvailabilityCb callback, void* userData);
 void DropAvailabilityListeners(EventOwner owner);
 
 // ---- subscriptions with the current value ---------------------------------------

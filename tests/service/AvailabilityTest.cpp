@@ -211,8 +211,7 @@ TEST_F(AvailabilityTest, WrongCallsAreRefusedWithOneLineEach) {
     EXPECT_FALSE(Lumora_AddAvailabilityCallback(RecordedAvailability<2>, nullptr));
     EXPECT_FALSE(Lumora_RemoveAvailabilityCallback(RecordedAvailability<1>, nullptr));
     EXPECT_EQ(2u, OwnRecords().size()) << m_log.Dump();
-    EXPECT_EQ(2u, m_log.Count("[myapp] the service API is not started: call InitService first", 'E'))
-        << m_log.Dump();
+    EXPECT_EQ(2u, m_log.Count("[myapp] the service API is not started: call InitService first", 'E')) << m_log.Dump();
     // The stop removed the callback: a new start tells nothing to it.
     size_t before = Heard(1).size();
     ASSERT_TRUE(Lumora_InitService());

@@ -4,10 +4,10 @@
 #define LUMORA_TESTS_SERVICE_SERVICEFIXTURE_H
 
 #include <errno.h>
-#include <unistd.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
 #include <lumora/lumora-api.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <fstream>
