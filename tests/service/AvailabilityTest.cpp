@@ -15,12 +15,6 @@
 namespace lumora::test {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-double MsSince(Clock::time_point start) {
-    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-}
-
 constexpr const char* kVolume = "Ctx/Sound/Volume/Level/Current";
 
 // "reason=available" for each availability delivery to callback, in order.

@@ -26,12 +26,6 @@
 namespace lumora::test {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-double MsSince(Clock::time_point start) {
-    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-}
-
 constexpr const char* kErrorText = "{\"Status\":\"Error\"}";
 constexpr const char* kSourceNow = "Ctx/Media/Source/Info/Current";
 constexpr const char* kDelayed = "Ctx/App/Info/Current";

@@ -14,12 +14,6 @@
 namespace lumora::test {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-double MsSince(Clock::time_point start) {
-    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-}
-
 constexpr const char* kVolume = "Ctx/Sound/Volume/Level/Current";
 constexpr const char* kSource = "Ctx/Media/Source/Info/Current";
 constexpr const char* kApp = "Ctx/App/Info/Current";

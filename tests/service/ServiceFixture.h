@@ -9,6 +9,7 @@
 #include <lumora/lumora-api.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <fstream>
 #include <memory>
@@ -27,6 +28,13 @@
 #include "TestBus.h"
 
 namespace lumora::test {
+
+using Clock = std::chrono::steady_clock;
+
+/// Milliseconds since start, for the timings the tests print.
+inline double MsSince(Clock::time_point start) {
+    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+}
 
 /// The line with which the service API refuses a subscription it already
 /// holds: "already subscribed subject[%s]cb[%p], ".

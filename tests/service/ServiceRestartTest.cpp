@@ -76,12 +76,6 @@ TEST_F(ServiceRestartTest, ByeMakesTheServiceUnavailableUntilHello) {
 
 // ---- the service process killed and started again ---------------------------------
 
-using Clock = std::chrono::steady_clock;
-
-double MsSince(Clock::time_point start) {
-    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-}
-
 constexpr const char* kErrorText = "{\"Status\":\"Error\"}";
 constexpr int kRequestCallback = 50;
 
