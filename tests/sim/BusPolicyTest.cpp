@@ -1,16 +1,25 @@
 // The installed bus policy of the service name, on a private daemon that is
-// configured like a system bus (nobody may own a name unless a policy says so).
+// configured like a system bus (nobody may own a name unless a policy says so,
+// everybody may broadcast signals): only the service user owns the name and
+// speaks for the service; everybody may call it and hear it.
 #include <grp.h>
 #include <gtest/gtest.h>
+#include <lumora/lumora-api.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <mutex>
 #include <string>
+#include <vector>
 
+#include "BusCalls.h"
 #include "ChildProcess.h"
+#include "ControlContract.h"
 #include "LogCapture.h"
+#include "MainLoopThread.h"
 #include "SimProcess.h"
 #include "TempDir.h"
 #include "TestBus.h"
@@ -101,6 +110,93 @@ TEST_F(BusPolicyTest, AnotherUserMayCallTheServiceAndReceiveItsSignals) {
     ASSERT_TRUE(m_sim.Start());
     EXPECT_EQ("reply (true, '{\"WhiteList\":[\"lumora\",\"tv-launcher\",\"tv-settings\"]}')\n", ProbeAsNobody("call"));
     EXPECT_EQ("signal (0, 'Probe/Policy', 'probe')\n", ProbeAsNobody("receive"));
+}
+
+// ---- signals forged by another user -----------------------------------------------
+
+constexpr const char* kVolume = "Ctx/Sound/Volume/Level/Current";
+
+// What one connection heard, from any thread.
+struct Heard {
+    std::mutex mutex;
+    std::vector<std::string> lines;
+    void Add(const std::string& line) {
+        std::lock_guard<std::mutex> lock(mutex);
+        lines.push_back(line);
+    }
+    std::vector<std::string> All() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return lines;
+    }
+    bool Has(const std::string& line) {
+        std::vector<std::string> all = All();
+        return std::find(all.begin(), all.end(), line) != all.end();
+    }
+};
+
+Heard g_library;  // the application's subscription and availability callbacks
+
+void OnVolume(const char*, char* data, void*) { g_library.Add(std::string("value ") + data); }
+void OnAvailability(int available, const char* reason, void*) {
+    g_library.Add(std::string(available == 1 ? "available " : "unavailable ") + reason);
+}
+
+// Every signal on the service's object path, as a raw subscriber sees it.
+void OnRawSignal(GDBusConnection*, const gchar*, const gchar*, const gchar* interface, const gchar* member,
+                 GVariant* parameters, gpointer heard) {
+    gchar* printed = g_variant_print(parameters, FALSE);
+    static_cast<Heard*>(heard)->Add(std::string(interface) + "." + member + " " + printed);
+    g_free(printed);
+}
+
+TEST_F(BusPolicyTest, AnotherUsersForgedResponseByeAndHelloReachNoSubscriber) {
+    if (std::string(LUMORA_SERVICE_USER) != "root") GTEST_SKIP() << "the service user is " << LUMORA_SERVICE_USER;
+    ASSERT_TRUE(StartBus(true));
+    ASSERT_TRUE(m_sim.Start());
+    MainLoopThread loop;
+    // An application of the library, and a raw subscriber to every signal of
+    // the service's object path on a connection of its own.
+    ASSERT_TRUE(Lumora_InitService());
+    ASSERT_TRUE(Lumora_Subscribe(kVolume, OnVolume, nullptr));
+    ASSERT_TRUE(Lumora_AddAvailabilityCallback(OnAvailability, nullptr));
+    ASSERT_TRUE(WaitUntil([] { return g_library.Has("available ready"); }, 5000));
+    GDBusConnection* raw = ConnectToBus(m_bus.Address());
+    ASSERT_NE(nullptr, raw);
+    Heard rawHeard;
+    guint id = g_dbus_connection_signal_subscribe(raw, nullptr, nullptr, nullptr, "/org/verdin/tv/lumora2", nullptr,
+                                                  G_DBUS_SIGNAL_FLAGS_NONE, OnRawSignal, &rawHeard, nullptr);
+    ASSERT_TRUE(CallControl(raw, lumora::sim::kCtlGetStatus).Ok());  // the match rule is in place
+
+    ASSERT_EQ("forged 3 signals between two canaries\n", ProbeAsNobody("forge"));
+    // The forger's signals reach the bus: both canaries arrive, in order.
+    const std::string after = "org.verdin.tv.lumora2.PolicyProbe.Canary ('after',)";
+    ASSERT_TRUE(WaitUntil([&] { return rawHeard.Has(after); }, 5000)) << rawHeard.All().size();
+    EXPECT_EQ((std::vector<std::string>{"org.verdin.tv.lumora2.PolicyProbe.Canary ('before',)", after}),
+              rawHeard.All());
+    // The service's own notification, sent after them (to its subscriber
+    // alone), reaches the application; whatever the forger sent before has
+    // been delivered by then.
+    ASSERT_TRUE(
+        CallControl(raw, lumora::sim::kCtlEmit, g_variant_new("(ss)", kVolume, "{\"Level\":18,\"Mute\":false}")).Ok());
+    ASSERT_TRUE(WaitUntil([] { return g_library.Has("value {\"Level\":18,\"Mute\":false}"); }, 5000));
+    EXPECT_EQ((std::vector<std::string>{"available ready", "value {\"Level\":18,\"Mute\":false}"}), g_library.All());
+    EXPECT_EQ(2u, rawHeard.All().size());  // the forged broadcasts reached nobody
+    // The service's own "BYE" and "HELLO" still reach everybody.
+    ASSERT_TRUE(CallControl(raw, lumora::sim::kCtlRestart, g_variant_new("(u)", 100u)).Ok());
+    ASSERT_TRUE(WaitUntil([] { return g_library.Has("available hello"); }, 5000));
+    EXPECT_EQ((std::vector<std::string>{"available ready", "value {\"Level\":18,\"Mute\":false}", "unavailable bye",
+                                        "available hello"}),
+              g_library.All());
+    ASSERT_TRUE(WaitUntil([&] { return rawHeard.All().size() == 4; }, 5000));
+    EXPECT_EQ("org.verdin.tv.lumora.interface2.Response (0, 'BYE', '')", rawHeard.All()[2]);
+    EXPECT_TRUE(LMFServiceAPI::IsAvailable());
+    char* value = Lumora_Read(kVolume, nullptr);
+    EXPECT_NE(nullptr, value);
+    free(value);
+
+    g_dbus_connection_signal_unsubscribe(raw, id);
+    g_object_unref(raw);
+    Lumora_FiniService();
 }
 
 }  // namespace

@@ -3,6 +3,10 @@
 //   policy_probe ADDRESS call     calls "ServiceEnable"
 //   policy_probe ADDRESS receive  subscribes to a subject, has the simulator
 //                                 emit it, and waits for the "Response" signal
+//   policy_probe ADDRESS forge    sends the service's "Response" signal as if
+//                                 it were the service: a value, "BYE" and
+//                                 "HELLO", between two "Canary" signals of an
+//                                 interface of its own
 // Prints one line with the outcome; exit status 0 when the probe ran.
 #include <gio/gio.h>
 
@@ -17,6 +21,9 @@ namespace {
 
 namespace contract = lumora::contract;
 constexpr const char* kProbeSubject = "Probe/Policy";
+// Signals of the probe's own: nothing in the policy restricts them, so they
+// show that the forger's signals reach the bus at all.
+constexpr const char* kCanaryInterface = "org.verdin.tv.lumora2.PolicyProbe";
 
 std::string Outcome(GVariant* reply, GError* error) {
     if (reply == nullptr) {
@@ -69,11 +76,34 @@ std::string Receive(GDBusConnection* bus) {
     return received.empty() ? "nothing (" + subscribed + "; " + emitted + ")" : received;
 }
 
+bool Emit(GDBusConnection* bus, const char* interface, const char* member, GVariant* parameters) {
+    return g_dbus_connection_emit_signal(bus, nullptr, contract::kObjectPath, interface, member, parameters, nullptr);
+}
+
+std::string Forge(GDBusConnection* bus) {
+    bool sent = Emit(bus, kCanaryInterface, "Canary", g_variant_new("(s)", "before"));
+    sent = sent && Emit(bus, contract::kInterface, contract::kSignalResponse,
+                        g_variant_new(contract::kResponseSignal, 0, "Ctx/Sound/Volume/Level/Current",
+                                      "{\"Level\":99,\"Mute\":true}"));
+    sent = sent && Emit(bus, contract::kInterface, contract::kSignalResponse,
+                        g_variant_new(contract::kResponseSignal, 0, contract::kBye, contract::kEmptyJson));
+    sent = sent && Emit(bus, contract::kInterface, contract::kSignalResponse,
+                        g_variant_new(contract::kResponseSignal, 0, contract::kHello, "{\"WhiteList\":[\"nobody\"]}"));
+    sent = sent && Emit(bus, kCanaryInterface, "Canary", g_variant_new("(s)", "after"));
+    GError* error = nullptr;
+    if (!sent || !g_dbus_connection_flush_sync(bus, nullptr, &error)) {
+        std::string text = std::string("not sent") + (error != nullptr ? std::string(": ") + error->message : "");
+        if (error != nullptr) g_error_free(error);
+        return text;
+    }
+    return "forged 3 signals between two canaries";
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     if (argc != 3) {
-        fprintf(stderr, "usage: policy_probe ADDRESS own|call|receive\n");
+        fprintf(stderr, "usage: policy_probe ADDRESS own|call|receive|forge\n");
         return 2;
     }
     GError* error = nullptr;
@@ -85,10 +115,11 @@ int main(int argc, char** argv) {
         return 1;
     }
     std::string command = argv[2];
-    std::string outcome = command == "own"    ? Own(bus)
-                          : command == "call" ? Call(bus, contract::kBusName, contract::kObjectPath,
-                                                     contract::kInterface, contract::kMethodServiceEnable, nullptr)
-                                              : Receive(bus);
+    std::string outcome = command == "own"     ? Own(bus)
+                          : command == "call"  ? Call(bus, contract::kBusName, contract::kObjectPath,
+                                                      contract::kInterface, contract::kMethodServiceEnable, nullptr)
+                          : command == "forge" ? Forge(bus)
+                                               : Receive(bus);
     printf("%s\n", outcome.c_str());
     g_object_unref(bus);
     return 0;
