@@ -30,6 +30,18 @@ TEST_F(CliUsageTest, HelpGoesToStandardOutputWithStatusZero) {
     EXPECT_EQ("", help.err);
 }
 
+TEST_F(CliUsageTest, BothToolsTellTheirVersion) {
+    RunResult lumora = Lumora({"--version"});
+    EXPECT_EQ(0, lumora.exitStatus);
+    EXPECT_EQ("lumora " LUMORA_PROJECT_VERSION "\n", lumora.out);
+    EXPECT_EQ("", lumora.err);
+    RunResult sim = SimProcess::Run({"--version"});
+    EXPECT_EQ(0, sim.exitStatus);
+    EXPECT_EQ("lumora-sim " LUMORA_PROJECT_VERSION "\n", sim.out);
+    EXPECT_NE(std::string::npos, Lumora({"--help"}).out.find("  --version "));
+    EXPECT_NE(std::string::npos, SimProcess::Run({"--help"}).out.find("  --version "));
+}
+
 TEST_F(CliUsageTest, EveryCommandHasItsHelp) {
     for (const char* command : {"read", "write", "settings", "hints", "status"}) {
         RunResult help = Lumora({command, "--help"});

@@ -39,7 +39,8 @@ void PrintUsage(FILE* out) {
             "options:\n"
             "  -v          show the library's log on stderr (LUMORA_LOG_FILE, LUMORA_LOG_LEVEL apply)\n"
             "  --pretty    indent JSON values\n"
-            "  -h, --help  this help; lumora COMMAND --help for a command\n");
+            "  -h, --help  this help; lumora COMMAND --help for a command\n"
+            "  --version   the version\n");
 }
 
 void PrintCommandHelp(FILE* out, const Command& command) {
@@ -72,6 +73,7 @@ struct CommandLine {
     unsigned given = lumora::cli::kNoOptions;  // command options that were used
     std::vector<std::string> words;
     bool help = false;
+    bool version = false;
 };
 
 // The option of one CommandOption bit, as it is written.
@@ -113,6 +115,8 @@ bool TakeOption(int argc, char** argv, int& i, CommandLine& line) {
         line.options.pretty = true;
     } else if (arg == "-h" || arg == "--help") {
         line.help = true;
+    } else if (arg == "--version") {
+        line.version = true;
     } else if (arg == "--initial") {
         line.options.initial = true;
         line.given |= lumora::cli::kInitialOption;
@@ -159,6 +163,10 @@ int main(int argc, char** argv) {
     if (!ParseCommandLine(argc, argv, line)) {
         PrintUsage(stderr);
         return lumora::cli::kUsage;
+    }
+    if (line.version) {
+        printf("lumora %s\n", LUMORA_VERSION);
+        return lumora::cli::kOk;
     }
     // The library logs every request; a script wants only the value.
     if (!line.options.verbose) setenv("LUMORA_LOG_LEVEL", "none", 1);

@@ -17,7 +17,7 @@ namespace {
 constexpr const char* kHelp =
     "Usage: lumora-sim [--scenario FILE] [--broadcast]\n"
     "       lumora-sim ctl [--address ADDRESS] COMMAND [ARGUMENTS]\n"
-    "       lumora-sim --help\n"
+    "       lumora-sim --help | --version\n"
     "\n"
     "Plays the television's context service on the system bus (DBUS_SYSTEM_BUS_ADDRESS\n"
     "names a private one): owns org.verdin.tv.lumora2 and serves /org/verdin/tv/lumora2,\n"
@@ -44,6 +44,7 @@ constexpr const char* kHelp =
     "                   subject answers \"{}\" and the whitelist is empty\n"
     "  --broadcast      send Response signals to every listener, not only subscribers\n"
     "  --help           this text\n"
+    "  --version        the version\n"
     "\n"
     "Scenario file (every key optional; // comments allowed):\n"
     "  {\"enabled\": true, \"broadcastResponses\": false, \"whiteList\": [\"app\", ...],\n"
@@ -91,12 +92,16 @@ struct Options {
     bool broadcast = false;
 };
 
-// 0: run; 2: usage error; -1: help printed.
+// 0: run; 2: usage error; -1: help or version printed.
 int ParseOptions(int argc, char** argv, Options& options) {
     for (int i = 1; i < argc; ++i) {
         std::string arg = argv[i];
         if (arg == "--help" || arg == "-h") {
             fputs(kHelp, stdout);
+            return -1;
+        }
+        if (arg == "--version") {
+            printf("lumora-sim %s\n", LUMORA_VERSION);
             return -1;
         }
         if (arg == "--broadcast") {
