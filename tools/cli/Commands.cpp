@@ -166,7 +166,8 @@ const std::vector<Command>& Commands() {
          2, 3, kNoOptions, RunSettings},
         {"hints", "TYPE", "print a hint list from the settings store",
          "Prints the hint list of TYPE (source, setting, channel; any other type\n"
-         "reads the general list) that the context service left in the settings store.",
+         "reads the general list) that the context service left in the settings store.\n"
+         "Example: lumora hints source",
          1, 1, kNoOptions, RunHints},
         {"status", "[--watch]", "show whether the context service can be used",
          "Shows the feature switch, the bus, the service's availability and the\n"

@@ -28,24 +28,25 @@ struct Command {
     const char* usage;
     const char* method;
     int minArgs;
-    int maxArgs;  // -1: any number
+    int maxArgs;        // -1: any number
+    const char* example;  // its arguments in a typical call
 };
 
 const Command kCommands[] = {
-    {"emit", "emit SUBJECT DATA", kCtlEmit, 2, 2},
-    {"set", "set SUBJECT DATA", kCtlSetValue, 2, 2},
-    {"clear", "clear SUBJECT", kCtlClearValue, 1, 1},
-    {"code", "code SUBJECT CODE", kCtlSetResultCode, 2, 2},
-    {"delay", "delay SUBJECT MILLISECONDS", kCtlSetDelay, 2, 2},
-    {"stats", "stats SUBJECT TUPLES_JSON", kCtlSetStatistics, 2, 2},
-    {"stop-answering", "stop-answering", kCtlStopAnswering, 0, 0},
-    {"resume-answering", "resume-answering", kCtlResumeAnswering, 0, 0},
-    {"enable", "enable", kCtlSetEnabled, 0, 0},
-    {"disable", "disable", kCtlSetEnabled, 0, 0},
-    {"whitelist", "whitelist [NAME...]", kCtlSetWhiteList, 0, -1},
-    {"restart", "restart [PAUSE_MS]", kCtlRestart, 0, 1},
-    {"status", "status", kCtlGetStatus, 0, 0},
-    {"event", "event list|current|program|stb [DATA]", kCtlEmitEvent, 1, 2},
+    {"emit", "emit SUBJECT DATA", kCtlEmit, 2, 2, "Ctx/Sound/Volume/Level/Changed '{\"Level\":20}'"},
+    {"set", "set SUBJECT DATA", kCtlSetValue, 2, 2, "Ctx/Media/Source/Info/Current '{\"Source\":\"HDMI1\"}'"},
+    {"clear", "clear SUBJECT", kCtlClearValue, 1, 1, "Ctx/App/Info/Current"},
+    {"code", "code SUBJECT CODE", kCtlSetResultCode, 2, 2, "Data/Weather/Forecast -5"},
+    {"delay", "delay SUBJECT MILLISECONDS", kCtlSetDelay, 2, 2, "Pref/Channel/List 1500"},
+    {"stats", "stats SUBJECT TUPLES_JSON", kCtlSetStatistics, 2, 2, "I/TallyDB/Onoff/Duration '[[1715677200,9000]]'"},
+    {"stop-answering", "stop-answering", kCtlStopAnswering, 0, 0, ""},
+    {"resume-answering", "resume-answering", kCtlResumeAnswering, 0, 0, ""},
+    {"enable", "enable", kCtlSetEnabled, 0, 0, ""},
+    {"disable", "disable", kCtlSetEnabled, 0, 0, ""},
+    {"whitelist", "whitelist [NAME...]", kCtlSetWhiteList, 0, -1, "tv-launcher myapp"},
+    {"restart", "restart [PAUSE_MS]", kCtlRestart, 0, 1, "1000"},
+    {"status", "status", kCtlGetStatus, 0, 0, ""},
+    {"event", "event list|current|program|stb [DATA]", kCtlEmitEvent, 1, 2, "program '{\"ProgramTitle\":\"Late Movie\"}'"},
 };
 
 bool ParseInt(const char* text, long long low, long long high, long long& out) {
@@ -177,6 +178,14 @@ void PrintCtlUsage(FILE* out) {
     for (const Command& cmd : kCommands) fprintf(out, "  %s\n", cmd.usage);
 }
 
+// The usage, then an example of every command.
+void PrintCtlHelp(FILE* out) {
+    PrintCtlUsage(out);
+    fprintf(out, "\nexamples:\n");
+    for (const Command& cmd : kCommands)
+        fprintf(out, "  lumora-sim ctl %s%s%s\n", cmd.word, cmd.example[0] != '\0' ? " " : "", cmd.example);
+}
+
 int RunCtl(int argc, char** argv) {
     int next = 0;
     const char* address = nullptr;
@@ -189,7 +198,7 @@ int RunCtl(int argc, char** argv) {
         }
     }
     if (next < argc && (strcmp(argv[next], "--help") == 0 || strcmp(argv[next], "-h") == 0)) {
-        PrintCtlUsage(stdout);
+        PrintCtlHelp(stdout);
         return 0;
     }
     const Command* cmd = next < argc ? FindCommand(argv[next]) : nullptr;
