@@ -21,10 +21,9 @@ RunResult Man(const std::string& page) {
 std::vector<std::string> Complete(const std::vector<std::string>& words) {
     std::string array;
     for (const std::string& word : words) array += " '" + word + "'";
-    std::string script = "PATH=" LUMORA_TOOLS_PATH ":$PATH; source " LUMORA_COMPLETION
-                         "; COMP_WORDS=(" +
-                         array + "); COMP_CWORD=" + std::to_string(words.size() - 1) +
-                         "; complete -p " + words[0] + " >/dev/null && $(complete -p " + words[0] +
+    std::string script = "PATH=" LUMORA_TOOLS_PATH ":$PATH; source " LUMORA_COMPLETION "; COMP_WORDS=(" + array +
+                         "); COMP_CWORD=" + std::to_string(words.size() - 1) + "; complete -p " + words[0] +
+                         " >/dev/null && $(complete -p " + words[0] +
                          " | sed 's/.*-F \\([^ ]*\\).*/\\1/'); printf '%s\\n' \"${COMPREPLY[@]}\"";
     RunResult run = RunProgram("/bin/bash", {"-c", script});
     EXPECT_EQ(0, run.exitStatus) << run.err;

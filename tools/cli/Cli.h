@@ -40,6 +40,7 @@ enum CommandOption : unsigned {
     kSourceOption = 1u << 2,     // --source VALUE
     kServiceIdOption = 1u << 3,  // --service-id ID
     kWatchOption = 1u << 4,      // --watch
+    kOwnOptions = 1u << 5,       // the command parses the options after its name itself
 };
 
 // Longer than the bus's own 25 s, so that by default the bus's time-out,
@@ -79,6 +80,9 @@ int RunSubscribe(const Options& options, const std::vector<std::string>& args);
 int RunChannels(const Options& options, const std::vector<std::string>& args);
 
 int RunStatus(const Options& options, const std::vector<std::string>& args);
+int RunMonitor(const Options& options, const std::vector<std::string>& args);
+// Whole seconds from 1 to kMaxTimeoutSeconds; false otherwise.
+bool ParseWholeSeconds(const std::string& text, unsigned& seconds);
 
 // Texts (Text.cpp). Every argument and option value of command must be valid
 // UTF-8, since it travels as a D-Bus string; false after the one line

@@ -253,6 +253,20 @@ const std::vector<Command>& Commands() {
          "  lumora channels remove 9 1 air --service-id 0x0901\n"
          "  lumora channels watch --source stb",
          0, 4, kSourceOption | kServiceIdOption, RunChannels},
+        {"monitor", "[--json] [--summary] [OPTION...]", "show the service's traffic, decoded",
+         "Watches the context service's traffic on the bus through the bus daemon's\n"
+         "monitoring interface (root on a system bus; anyone on a private one) and prints\n"
+         "one line per event: each call (caller's process and pid, type read, write,\n"
+         "request, subscribe, unsubscribe or enable, request id, subject, input), its\n"
+         "answer matched by serial (result code, data, latency in ms), calls never\n"
+         "answered after 25 s, each Response signal, HELLO with its whitelist, BYE.\n"
+         "Options: --json (one JSON object per line), --subject GLOB and --process NAME\n"
+         "(filters, repeatable), --duration SECONDS, --summary (a table per subject and\n"
+         "per process at the end), --full (data not cut to the terminal's width),\n"
+         "--record FILE (a timeline of the answers and signals for lumora-sim --replay).\n"
+         "Runs until SIGINT or SIGTERM (or --duration), then exits 0.\n"
+         "Example: lumora monitor --subject 'Ctx/Sound/*' --summary",
+         0, SIZE_MAX, kOwnOptions, RunMonitor},
         {"action", "firstscreen COMPONENT JSON", "hand the home launcher a first-screen action",
          "Hands COMPONENT, a component of the home launcher, the JSON text JSON: writes\n"
          "{\"componentId\":COMPONENT,\"jsonData\":JSON} to Raw/Firstscreen/Action, with\n"

@@ -124,4 +124,12 @@ bool ValueArgument(const std::string& arg, const std::string& name, std::string&
     return false;
 }
 
+bool ParseWholeSeconds(const std::string& text, unsigned& seconds) {
+    if (text.empty() || text.size() > 6 || text.find_first_not_of("0123456789") != std::string::npos) return false;
+    unsigned long value = strtoul(text.c_str(), nullptr, 10);
+    if (value < 1 || value > kMaxTimeoutSeconds) return false;
+    seconds = static_cast<unsigned>(value);
+    return true;
+}
+
 }  // namespace lumora::cli

@@ -58,15 +58,6 @@ bool UsesSettingsStoreOnly(const Command& command) {
     return strcmp(command.name, "settings") == 0 || strcmp(command.name, "hints") == 0;
 }
 
-// Whole seconds from 1 to the maximum; false otherwise.
-bool ParseSeconds(const std::string& text, unsigned& seconds) {
-    if (text.empty() || text.size() > 6 || text.find_first_not_of("0123456789") != std::string::npos) return false;
-    unsigned long value = strtoul(text.c_str(), nullptr, 10);
-    if (value < 1 || value > lumora::cli::kMaxTimeoutSeconds) return false;
-    seconds = static_cast<unsigned>(value);
-    return true;
-}
-
 // What the command line says, before the command is known.
 struct CommandLine {
     lumora::cli::Options options;
@@ -124,7 +115,7 @@ bool TakeOption(int argc, char** argv, int& i, CommandLine& line) {
         line.options.watch = true;
         line.given |= lumora::cli::kWatchOption;
     } else if (arg == "--timeout") {
-        if (i + 1 >= argc || !ParseSeconds(argv[i + 1], line.options.timeoutSeconds)) {
+        if (i + 1 >= argc || !lumora::cli::ParseWholeSeconds(argv[i + 1], line.options.timeoutSeconds)) {
             fprintf(stderr, "lumora: --timeout takes whole seconds from 1 to %u\n", lumora::cli::kMaxTimeoutSeconds);
             return false;
         }
@@ -143,9 +134,17 @@ bool TakeOption(int argc, char** argv, int& i, CommandLine& line) {
 
 bool ParseCommandLine(int argc, char** argv, CommandLine& line) {
     bool literal = false;
+    bool ownOptions = false;
     for (int i = 1; i < argc; ++i) {
         std::string arg = argv[i];
-        if (!literal && arg == "--") {
+        // A command with options of its own reads the rest itself.
+        if (line.words.size() == 1 && !ownOptions) {
+            const Command* command = FindCommand(line.words[0]);
+            ownOptions = command != nullptr && (command->options & lumora::cli::kOwnOptions) != 0;
+        }
+        if (ownOptions && arg != "-h" && arg != "--help") {
+            line.words.push_back(arg);
+        } else if (!literal && arg == "--") {
             literal = true;
         } else if (!literal && arg.size() > 1 && arg[0] == '-') {
             if (!TakeOption(argc, argv, i, line)) return false;

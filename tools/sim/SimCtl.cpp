@@ -28,7 +28,7 @@ struct Command {
     const char* usage;
     const char* method;
     int minArgs;
-    int maxArgs;        // -1: any number
+    int maxArgs;          // -1: any number
     const char* example;  // its arguments in a typical call
 };
 
@@ -46,7 +46,8 @@ const Command kCommands[] = {
     {"whitelist", "whitelist [NAME...]", kCtlSetWhiteList, 0, -1, "tv-launcher myapp"},
     {"restart", "restart [PAUSE_MS]", kCtlRestart, 0, 1, "1000"},
     {"status", "status", kCtlGetStatus, 0, 0, ""},
-    {"event", "event list|current|program|stb [DATA]", kCtlEmitEvent, 1, 2, "program '{\"ProgramTitle\":\"Late Movie\"}'"},
+    {"event", "event list|current|program|stb [DATA]", kCtlEmitEvent, 1, 2,
+     "program '{\"ProgramTitle\":\"Late Movie\"}'"},
 };
 
 bool ParseInt(const char* text, long long low, long long high, long long& out) {

@@ -79,6 +79,7 @@ void SimState::RecordChannelRemoval(const std::string& subject, const Json::Valu
 
 Json::Value SimState::ToJson() const {
     Json::Value status(Json::objectValue);
+    if (!m_replay.isNull()) status["replay"] = m_replay;
     status["enabled"] = m_scenario.enabled;
     status["broadcastResponses"] = m_scenario.broadcastResponses;
     Json::Value& whiteList = status["whiteList"] = Json::Value(Json::arrayValue);

@@ -52,6 +52,9 @@ public:
     /// restarts, so that a test can look back at every removal a client sent.
     void RecordChannelRemoval(const std::string& subject, const Json::Value& request, unsigned removed);
 
+    /// Where a replay stands (null when none runs), shown as "replay".
+    void SetReplayStatus(Json::Value status) { m_replay = std::move(status); }
+
     /// Everything above as one JSON object, for the control interface.
     Json::Value ToJson() const;
 
@@ -65,6 +68,7 @@ private:
     Scenario m_scenario;
     std::map<std::string, std::vector<std::string>> m_subscribers;
     Json::Value m_channelRemovals{Json::arrayValue};
+    Json::Value m_replay;
 };
 
 }  // namespace lumora::sim

@@ -5,17 +5,20 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "Scenario.h"
 #include "SimCtl.h"
 #include "SimLog.h"
 #include "SimService.h"
+#include "Timeline.h"
 
 namespace {
 
 constexpr const char* kHelp =
-    "Usage: lumora-sim [--scenario FILE] [--broadcast]\n"
+    "Usage: lumora-sim [--scenario FILE] [--broadcast] [--replay FILE [--speed X] [--loop]]\n"
     "       lumora-sim ctl [--address ADDRESS] COMMAND [ARGUMENTS]\n"
     "       lumora-sim --help | --version\n"
     "\n"
@@ -43,6 +46,11 @@ constexpr const char* kHelp =
     "  --scenario FILE  the television's state as JSON (see below); without it every\n"
     "                   subject answers \"{}\" and the whitelist is empty\n"
     "  --broadcast      send Response signals to every listener, not only subscribers\n"
+    "  --replay FILE    play a timeline of lumora monitor --record: its signals are emitted\n"
+    "                   at their times, its answers become the subjects' values then;\n"
+    "                   other subjects answer from the scenario; ctl status shows \"replay\"\n"
+    "  --speed X        play X times faster (default 1)\n"
+    "  --loop           play it again from the start at its end\n"
     "  --help           this text\n"
     "  --version        the version\n"
     "\n"
@@ -90,6 +98,9 @@ constexpr const char* kHelp =
 struct Options {
     std::string scenario;
     bool broadcast = false;
+    std::string replay;
+    double speed = 1;
+    bool loop = false;
 };
 
 // 0: run; 2: usage error; -1: help or version printed.
@@ -108,6 +119,17 @@ int ParseOptions(int argc, char** argv, Options& options) {
             options.broadcast = true;
         } else if (arg == "--scenario" && i + 1 < argc) {
             options.scenario = argv[++i];
+        } else if (arg == "--replay" && i + 1 < argc) {
+            options.replay = argv[++i];
+        } else if (arg == "--loop") {
+            options.loop = true;
+        } else if (arg == "--speed" && i + 1 < argc) {
+            char* end = nullptr;
+            options.speed = g_ascii_strtod(argv[++i], &end);
+            if (end == argv[i] || *end != '\0' || !(options.speed > 0) || options.speed > 1e6) {
+                fprintf(stderr, "lumora-sim: --speed takes a number above 0 (see lumora-sim --help)\n");
+                return 2;
+            }
         } else {
             fprintf(stderr, "lumora-sim: unexpected argument '%s' (see lumora-sim --help)\n", arg.c_str());
             return 2;
@@ -123,15 +145,21 @@ gboolean OnStopSignal(gpointer data) {
     return G_SOURCE_CONTINUE;
 }
 
-int Serve(lumora::sim::Scenario scenario) {
+int Serve(lumora::sim::Scenario scenario, const Options& options, std::vector<lumora::sim::TimelineEvent> timeline) {
     GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
     guint term = g_unix_signal_add(SIGTERM, OnStopSignal, loop);
     guint interrupt = g_unix_signal_add(SIGINT, OnStopSignal, loop);
     int status = 1;
     {
         lumora::sim::SimService service(std::move(scenario), loop);
+        std::unique_ptr<lumora::sim::Replay> replay;
+        if (!options.replay.empty())
+            replay = std::make_unique<lumora::sim::Replay>(service, options.replay, std::move(timeline), options.speed,
+                                                           options.loop);
         if (service.Start()) {
+            if (replay) replay->Start();
             g_main_loop_run(loop);
+            replay.reset();
             service.Shutdown();
             status = service.ExitStatus();
         } else {
@@ -160,8 +188,17 @@ int Run(int argc, char** argv) {
         }
     }
     if (options.broadcast) scenario.broadcastResponses = true;
+    std::vector<lumora::sim::TimelineEvent> timeline;
+    if (!options.replay.empty()) {
+        std::string error;
+        if (!lumora::sim::LoadTimeline(options.replay, timeline, error)) {
+            SIM_LOGE("timeline refused: %s", error.c_str());
+            fprintf(stderr, "lumora-sim: %s\n", error.c_str());
+            return 2;
+        }
+    }
     SIM_LOGI("starting with %s", options.scenario.empty() ? "an empty scenario" : options.scenario.c_str());
-    return Serve(std::move(scenario));
+    return Serve(std::move(scenario), options, std::move(timeline));
 }
 
 }  // namespace

@@ -1,0 +1,211 @@
+// Timelines: the parser (which refuses anything it would have to guess at)
+// and the player.
+#include "Timeline.h"
+
+#include <cmath>
+#include <fstream>
+#include <set>
+#include <sstream>
+
+#include "Scenario.h"
+#include "SimLog.h"
+#include "SimService.h"
+
+namespace lumora::sim {
+
+namespace {
+
+// Kinds a timeline holds for reference only: checked, never played.
+const std::set<std::string> kReferenceKinds = {"call", "error", "timeout", "unanswered", "undecodable", "hello", "bye"};
+
+std::string TextOf(const Json::Value& data) {
+    if (data.isString()) return data.asString();
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    builder["emitUTF8"] = true;
+    return Json::writeString(builder, data);
+}
+
+// The event of one line, or false with the reason.
+bool ParseEvent(const Json::Value& line, double previousMs, TimelineEvent& event, bool& played, std::string& why) {
+    if (!line.isObject()) return why = "not a JSON object", false;
+    const Json::Value& kind = line["event"];
+    if (!kind.isString()) return why = "no \"event\" kind", false;
+    const Json::Value& t = line["t_ms"];
+    if (!t.isNumeric() || !std::isfinite(t.asDouble()) || t.asDouble() < 0)
+        return why = "\"t_ms\" is not a time in milliseconds from the start", false;
+    if (t.asDouble() < previousMs) return why = "out of time order (t_ms goes back)", false;
+    event.tMs = t.asDouble();
+    played = false;
+    std::string name = kind.asString();
+    if (kReferenceKinds.count(name) != 0) return true;
+    if (name != "signal" && name != "answer") return why = "unknown event kind \"" + name + "\"", false;
+    const Json::Value& subject = line["subject"];
+    bool needsSubject = name == "signal" || line.isMember("subject");
+    if (needsSubject && (!subject.isString() || subject.asString().empty()))
+        return why = "\"subject\" is missing or not a string", false;
+    // The text exactly as it went, else the decoded data.
+    const Json::Value& text = line["text"];
+    if (!text.isNull() && !text.isString()) return why = "\"text\" is not a string", false;
+    if (name == "signal" && text.isNull() && !line.isMember("data")) return why = "a signal without data", false;
+    // An answer becomes a value only when it had one: a code of 0 and text.
+    if (name == "answer") {
+        if (!line.isMember("subject") || line["code"].asInt() != 0 || (text.isNull() && !line.isMember("data")) ||
+            line.isMember("records")) {
+            return true;
+        }
+    }
+    event.kind = name == "signal" ? TimelineEvent::Kind::kSignal : TimelineEvent::Kind::kValue;
+    event.subject = subject.asString();
+    event.data = text.isString() ? text.asString() : TextOf(line["data"]);
+    played = true;
+    return true;
+}
+
+bool CheckHeader(const Json::Value& header, std::string& why) {
+    if (!header.isObject() || header["format"] != kTimelineFormat) {
+        why = std::string("not a timeline: the first line must be {\"format\":\"") + kTimelineFormat +
+              "\",\"version\":" + std::to_string(kTimelineVersion) + "}";
+        return false;
+    }
+    if (!header["version"].isInt() || header["version"].asInt() != kTimelineVersion) {
+        why = "timeline version " + (header["version"].isNull() ? std::string("missing") : TextOf(header["version"])) +
+              " is not the one this simulator plays (" + std::to_string(kTimelineVersion) + ")";
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+bool ParseTimeline(const std::string& text, std::vector<TimelineEvent>& events, std::string& error) {
+    events.clear();
+    if (!g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr)) {
+        const char* end = nullptr;
+        g_utf8_validate(text.data(), static_cast<gssize>(text.size()), &end);
+        int line = 1;
+        for (const char* p = text.data(); p < end; ++p) line += *p == '\n' ? 1 : 0;
+        error = std::to_string(line) + ": not valid UTF-8";
+        return false;
+    }
+    std::istringstream in(text);
+    std::string lineText;
+    int number = 0;
+    double previousMs = 0;
+    bool headerSeen = false;
+    while (std::getline(in, lineText)) {
+        ++number;
+        if (lineText.find_first_not_of(" \t\r") == std::string::npos) continue;
+        Json::Value line;
+        std::string why;
+        if (!ParseJsonText(lineText, line, why)) {
+            error = std::to_string(number) + ": invalid JSON (" + why + ")";
+            return false;
+        }
+        if (!headerSeen) {
+            if (!CheckHeader(line, why)) {
+                error = std::to_string(number) + ": " + why;
+                return false;
+            }
+            headerSeen = true;
+            continue;
+        }
+        TimelineEvent event;
+        event.line = number;
+        bool played = false;
+        if (!ParseEvent(line, previousMs, event, played, why)) {
+            error = std::to_string(number) + ": " + why;
+            return false;
+        }
+        previousMs = event.tMs;
+        if (played) events.push_back(event);
+    }
+    if (!headerSeen) {
+        error = std::to_string(number + 1) + ": empty: no timeline header";
+        return false;
+    }
+    return true;
+}
+
+bool LoadTimeline(const std::string& path, std::vector<TimelineEvent>& events, std::string& error) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) {
+        error = path + ": cannot be read";
+        return false;
+    }
+    std::ostringstream text;
+    text << in.rdbuf();
+    if (!ParseTimeline(text.str(), events, error)) {
+        error = path + ":" + error;
+        return false;
+    }
+    return true;
+}
+
+Replay::Replay(SimService& service, std::string file, std::vector<TimelineEvent> events, double speed, bool loop)
+    : m_service(service), m_file(std::move(file)), m_events(std::move(events)), m_speed(speed), m_loop(loop) {}
+
+Replay::~Replay() {
+    if (m_timer != 0) g_source_remove(m_timer);
+}
+
+void Replay::Start() {
+    m_startUs = g_get_monotonic_time();
+    SIM_LOGI("replaying %s: %zu event(s) at %gx%s", m_file.c_str(), m_events.size(), m_speed,
+             m_loop ? ", looping" : "");
+    PlayDue();
+}
+
+gboolean Replay::OnTimer(gpointer self) {
+    auto* replay = static_cast<Replay*>(self);
+    replay->m_timer = 0;
+    replay->PlayDue();
+    return G_SOURCE_REMOVE;
+}
+
+// Every event whose time has come, in order; then the timer for the next.
+void Replay::PlayDue() {
+    double nowMs = static_cast<double>(g_get_monotonic_time() - m_startUs) / 1000.0 * m_speed;
+    while (m_next < m_events.size() && m_events[m_next].tMs <= nowMs) {
+        const TimelineEvent& event = m_events[m_next++];
+        if (event.kind == TimelineEvent::Kind::kValue) {
+            m_service.State().SetValue(event.subject, event.data);
+        } else {
+            m_service.State().SetValue(event.subject, event.data);
+            m_service.EmitResponse(event.subject, event.data);
+        }
+    }
+    if (m_next == m_events.size() && m_loop && !m_events.empty()) {
+        ++m_rounds;
+        m_next = 0;
+        m_startUs = g_get_monotonic_time();
+    }
+    Publish();
+    ScheduleNext();
+}
+
+void Replay::ScheduleNext() {
+    if (m_next >= m_events.size()) {
+        SIM_LOGI("replay of %s done", m_file.c_str());
+        return;
+    }
+    double dueMs = m_events[m_next].tMs / m_speed;
+    double elapsedMs = static_cast<double>(g_get_monotonic_time() - m_startUs) / 1000.0;
+    double waitMs = std::max(0.0, dueMs - elapsedMs);
+    m_timer = g_timeout_add(static_cast<guint>(std::ceil(waitMs)), &Replay::OnTimer, this);
+}
+
+void Replay::Publish() {
+    Json::Value status(Json::objectValue);
+    status["file"] = m_file;
+    status["events"] = static_cast<Json::UInt64>(m_events.size());
+    status["played"] = static_cast<Json::UInt64>(m_next);
+    status["speed"] = m_speed;
+    status["loop"] = m_loop;
+    status["rounds"] = m_rounds;
+    status["done"] = m_next >= m_events.size() && !m_loop;
+    status["t_ms"] = m_next > 0 ? m_events[m_next - 1].tMs : 0.0;
+    m_service.State().SetReplayStatus(status);
+}
+
+}  // namespace lumora::sim

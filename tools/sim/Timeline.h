@@ -1,0 +1,71 @@
+// Timelines that `lumora monitor --record` writes, played by `lumora-sim
+// --replay`: every recorded "Response" signal is emitted again at its time,
+// and every recorded answer with a value becomes the subject's value at its
+// time, so that reads and requests answer what the recorded service answered
+// then.
+#ifndef LUMORA_SIM_TIMELINE_H
+#define LUMORA_SIM_TIMELINE_H
+
+#include <glib.h>
+#include <json/json.h>
+
+#include <string>
+#include <vector>
+
+namespace lumora::sim {
+
+class SimService;
+
+constexpr const char* kTimelineFormat = "lumora-timeline";
+constexpr int kTimelineVersion = 1;
+
+struct TimelineEvent {
+    enum class Kind { kSignal, kValue };
+    double tMs = 0;
+    Kind kind = Kind::kSignal;
+    std::string subject;
+    std::string data;  // the text as it went on the bus
+    int line = 0;
+};
+
+/// Parses a timeline from text (the file's content). On failure returns false
+/// and sets error to "LINE: reason". Lines that are kept for reference only
+/// (calls, errors, time-outs, HELLO, BYE) are checked and skipped.
+bool ParseTimeline(const std::string& text, std::vector<TimelineEvent>& events, std::string& error);
+
+/// Reads and parses the file at path; error is "FILE:LINE: reason" or
+/// "FILE: reason".
+bool LoadTimeline(const std::string& path, std::vector<TimelineEvent>& events, std::string& error);
+
+/// Plays a timeline on the service's main loop, speed times faster than
+/// recorded, again from the start when loop is set. Its position is shown in
+/// the simulator's status ("replay").
+class Replay {
+public:
+    Replay(SimService& service, std::string file, std::vector<TimelineEvent> events, double speed, bool loop);
+    ~Replay();
+    Replay(const Replay&) = delete;
+    Replay& operator=(const Replay&) = delete;
+
+    void Start();
+
+private:
+    static gboolean OnTimer(gpointer self);
+    void PlayDue();
+    void ScheduleNext();
+    void Publish();
+
+    SimService& m_service;
+    std::string m_file;
+    std::vector<TimelineEvent> m_events;
+    double m_speed;
+    bool m_loop;
+    size_t m_next = 0;
+    unsigned m_rounds = 0;
+    gint64 m_startUs = 0;
+    guint m_timer = 0;
+};
+
+}  // namespace lumora::sim
+
+#endif  // LUMORA_SIM_TIMELINE_H
