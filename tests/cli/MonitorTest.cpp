@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "BusCalls.h"
 #include "ChildProcess.h"
 #include "CliFixture.h"
 #include "JsonText.h"
@@ -124,6 +125,27 @@ TEST_F(MonitorTest, EveryCallAnswerAndSignalOfASessionAppearsOnceDecoded) {
     }
     EXPECT_EQ(4u, Events(lines, "call").size() - volume.size() - 2) << "one enable per lumora process";
     for (const Json::Value& line : lines) EXPECT_FALSE(line.isMember("text")) << line;
+}
+
+TEST_F(MonitorTest, MessagesOutsideTheWireContractAreShownAsUndecodable) {
+    ChildProcess monitor;
+    StartMonitor(monitor, {"--json"});
+    // A call with a body the service does not take, and a signal of the
+    // service's interface that is not "Response".
+    CallMethod(m_control, "org.verdin.tv.lumora2", "/org/verdin/tv/lumora2", "org.verdin.tv.lumora.interface2",
+               "RequestSync", g_variant_new("(s)", "odd"));
+    ASSERT_TRUE(g_dbus_connection_emit_signal(m_control, nullptr, "/org/verdin/tv/lumora2",
+                                              "org.verdin.tv.lumora.interface2", "Surprise", g_variant_new("(u)", 7u),
+                                              nullptr));
+    ASSERT_EQ(0, Lumora({"read", "Ctx/Media/Source/Info/Current"}).exitStatus);  // still decoding after them
+    std::vector<Json::Value> lines = JsonLines(StopMonitor(monitor));
+    auto odd = Events(lines, "undecodable");
+    ASSERT_EQ(2u, odd.size()) << monitor.Out();
+    EXPECT_EQ("RequestSync", odd[0]["member"].asString());
+    EXPECT_EQ("s", odd[0]["signature"].asString());
+    EXPECT_EQ("Surprise", odd[1]["member"].asString());
+    EXPECT_EQ("u", odd[1]["signature"].asString());
+    EXPECT_EQ(1u, Events(lines, "answer", "Ctx/Media/Source/Info/Current").size());
 }
 
 TEST_F(MonitorTest, FiltersAndTheSummaryCountWhatTheSessionDid) {

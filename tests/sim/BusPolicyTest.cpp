@@ -57,28 +57,40 @@ protected:
     bool StartBus(bool withPolicy) {
         return m_bus.Start(true, m_dir.Write("system.conf", SystemLikeConfig(m_dir.Path(), withPolicy)));
     }
-    // Runs the probe as "nobody" and returns the line it printed.
-    std::string ProbeAsNobody(const char* command) {
+    // Runs argv as "nobody"; its standard output (and error, when asked)
+    // and its exit status (-1 when it did not exit, 126 when it could not
+    // become nobody).
+    static std::string RunAsNobody(const std::vector<std::string>& argv, int& exitStatus, bool withErrors = false) {
         int out[2];
         if (pipe(out) != 0) return "no pipe";
         pid_t pid = fork();
         if (pid == 0) {
             dup2(out[1], STDOUT_FILENO);
+            if (withErrors) dup2(out[1], STDERR_FILENO);
             close(out[0]);
             struct passwd* nobody = getpwnam("nobody");
             if (nobody == nullptr || setgroups(0, nullptr) != 0 || setgid(nobody->pw_gid) != 0 ||
                 setuid(nobody->pw_uid) != 0) {
                 _exit(126);
             }
-            execl(LUMORA_POLICY_PROBE, LUMORA_POLICY_PROBE, m_bus.Address().c_str(), command,
-                  static_cast<char*>(nullptr));
+            std::vector<char*> args;
+            for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
+            args.push_back(nullptr);
+            execv(args[0], args.data());
             _exit(127);
         }
         close(out[1]);
-        std::string line = ReadToEnd(out[0]);
+        std::string text = ReadToEnd(out[0]);
         int status = 0;
         waitpid(pid, &status, 0);
-        if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) return "probe failed, status " + std::to_string(status);
+        exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        return text;
+    }
+    // Runs the probe as "nobody" and returns the line it printed.
+    std::string ProbeAsNobody(const char* command) {
+        int status = -1;
+        std::string line = RunAsNobody({LUMORA_POLICY_PROBE, m_bus.Address(), command}, status);
+        if (status != 0) return "probe failed, status " + std::to_string(status);
         return line;
     }
 
@@ -197,6 +209,18 @@ TEST_F(BusPolicyTest, AnotherUsersForgedResponseByeAndHelloReachNoSubscriber) {
     g_dbus_connection_signal_unsubscribe(raw, id);
     g_object_unref(raw);
     Lumora_FiniService();
+}
+
+// ---- monitoring ----------------------------------------------------------------------
+
+TEST_F(BusPolicyTest, LumoraMonitorSaysWhyABusThatRefusesMonitoringRefusesIt) {
+    ASSERT_TRUE(StartBus(true));
+    int status = -1;
+    std::string out = RunAsNobody({LUMORA_CLI, "monitor", "--duration", "1"}, status, true);
+    EXPECT_EQ(1, status) << out;
+    EXPECT_EQ(0u, out.find("lumora: the bus refused monitoring: ")) << out;
+    EXPECT_NE(std::string::npos, out.find("only root may monitor")) << out;
+    EXPECT_EQ(out.size() - 1, out.find('\n')) << "one line: " << out;
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
-// Timelines: the parser (which refuses anything it would have to guess at)
-// and the player.
+// Timelines: the parser, which refuses anything it would have to guess at.
 #include "Timeline.h"
 
 #include <cmath>
@@ -8,8 +7,6 @@
 #include <sstream>
 
 #include "Scenario.h"
-#include "SimLog.h"
-#include "SimService.h"
 
 namespace lumora::sim {
 
@@ -78,8 +75,9 @@ bool CheckHeader(const Json::Value& header, std::string& why) {
 
 }  // namespace
 
-bool ParseTimeline(const std::string& text, std::vector<TimelineEvent>& events, std::string& error) {
-    events.clear();
+namespace {
+
+bool ParseLines(const std::string& text, std::vector<TimelineEvent>& events, std::string& error) {
     if (!g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr)) {
         const char* end = nullptr;
         g_utf8_validate(text.data(), static_cast<gssize>(text.size()), &end);
@@ -127,6 +125,16 @@ bool ParseTimeline(const std::string& text, std::vector<TimelineEvent>& events, 
     return true;
 }
 
+}  // namespace
+
+// Nothing of a timeline that is refused is kept.
+bool ParseTimeline(const std::string& text, std::vector<TimelineEvent>& events, std::string& error) {
+    events.clear();
+    if (ParseLines(text, events, error)) return true;
+    events.clear();
+    return false;
+}
+
 bool LoadTimeline(const std::string& path, std::vector<TimelineEvent>& events, std::string& error) {
     std::ifstream in(path, std::ios::binary);
     if (!in) {
@@ -140,72 +148,6 @@ bool LoadTimeline(const std::string& path, std::vector<TimelineEvent>& events, s
         return false;
     }
     return true;
-}
-
-Replay::Replay(SimService& service, std::string file, std::vector<TimelineEvent> events, double speed, bool loop)
-    : m_service(service), m_file(std::move(file)), m_events(std::move(events)), m_speed(speed), m_loop(loop) {}
-
-Replay::~Replay() {
-    if (m_timer != 0) g_source_remove(m_timer);
-}
-
-void Replay::Start() {
-    m_startUs = g_get_monotonic_time();
-    SIM_LOGI("replaying %s: %zu event(s) at %gx%s", m_file.c_str(), m_events.size(), m_speed,
-             m_loop ? ", looping" : "");
-    PlayDue();
-}
-
-gboolean Replay::OnTimer(gpointer self) {
-    auto* replay = static_cast<Replay*>(self);
-    replay->m_timer = 0;
-    replay->PlayDue();
-    return G_SOURCE_REMOVE;
-}
-
-// Every event whose time has come, in order; then the timer for the next.
-void Replay::PlayDue() {
-    double nowMs = static_cast<double>(g_get_monotonic_time() - m_startUs) / 1000.0 * m_speed;
-    while (m_next < m_events.size() && m_events[m_next].tMs <= nowMs) {
-        const TimelineEvent& event = m_events[m_next++];
-        if (event.kind == TimelineEvent::Kind::kValue) {
-            m_service.State().SetValue(event.subject, event.data);
-        } else {
-            m_service.State().SetValue(event.subject, event.data);
-            m_service.EmitResponse(event.subject, event.data);
-        }
-    }
-    if (m_next == m_events.size() && m_loop && !m_events.empty()) {
-        ++m_rounds;
-        m_next = 0;
-        m_startUs = g_get_monotonic_time();
-    }
-    Publish();
-    ScheduleNext();
-}
-
-void Replay::ScheduleNext() {
-    if (m_next >= m_events.size()) {
-        SIM_LOGI("replay of %s done", m_file.c_str());
-        return;
-    }
-    double dueMs = m_events[m_next].tMs / m_speed;
-    double elapsedMs = static_cast<double>(g_get_monotonic_time() - m_startUs) / 1000.0;
-    double waitMs = std::max(0.0, dueMs - elapsedMs);
-    m_timer = g_timeout_add(static_cast<guint>(std::ceil(waitMs)), &Replay::OnTimer, this);
-}
-
-void Replay::Publish() {
-    Json::Value status(Json::objectValue);
-    status["file"] = m_file;
-    status["events"] = static_cast<Json::UInt64>(m_events.size());
-    status["played"] = static_cast<Json::UInt64>(m_next);
-    status["speed"] = m_speed;
-    status["loop"] = m_loop;
-    status["rounds"] = m_rounds;
-    status["done"] = m_next >= m_events.size() && !m_loop;
-    status["t_ms"] = m_next > 0 ? m_events[m_next - 1].tMs : 0.0;
-    m_service.State().SetReplayStatus(status);
 }
 
 }  // namespace lumora::sim
