@@ -69,6 +69,7 @@ void SimService::OnMethodCall(const char* sender, const char* /*objectPath*/, co
 
 void SimService::Dispatch(const std::string& sender, const std::string& method, GVariant* parameters,
                           GDBusMethodInvocation* invocation) {
+    m_state.RecordCall(sender, method, parameters);
     if (method == contract::kMethodServiceEnable) {
         OnServiceEnable(invocation);
     } else if (method == contract::kMethodRequestSync) {

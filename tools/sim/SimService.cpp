@@ -228,7 +228,8 @@ gboolean SimService::OnRestartPauseElapsed(gpointer self) {
     PendingRestart restart = service->m_restart;
     service->m_restart = PendingRestart();
     service->SayHello();
-    Lumora_DIPC_SendData(restart.invocation, nullptr);
+    // A restart from the control panel has no call to answer.
+    if (restart.invocation != nullptr) Lumora_DIPC_SendData(restart.invocation, nullptr);
     return G_SOURCE_REMOVE;
 }
 

@@ -97,4 +97,35 @@ Json::Value SimState::ToJson() const {
     return status;
 }
 
+void SimState::RecordCall(const std::string& sender, const std::string& method, GVariant* parameters) {
+    Json::Value call(Json::objectValue);
+    call["n"] = ++m_callCount;
+    call["time_ms"] = static_cast<Json::Int64>(g_get_real_time() / 1000);
+    call["sender"] = sender;
+    call["method"] = method;
+    if (parameters != nullptr && g_variant_is_of_type(parameters, G_VARIANT_TYPE(lumora::contract::kRequestTuple))) {
+        gint32 pid = 0, type = 0, id = 0;
+        const gchar* subject = nullptr;
+        g_variant_get(parameters, "(iii&s&s)", &pid, &type, &id, &subject, nullptr);
+        call["pid"] = pid;
+        call["type"] = type;
+        call["id"] = id;
+        call["subject"] = subject;
+        gchar* path = g_strdup_printf("/proc/%d/comm", pid);
+        gchar* comm = nullptr;
+        if (pid > 0 && g_file_get_contents(path, &comm, nullptr, nullptr)) call["process"] = g_strstrip(comm);
+        g_free(comm);
+        g_free(path);
+        call["code"] = ResultCode(subject);
+        call["delay_ms"] = DelayMs(subject);
+    }
+    m_calls.append(call);
+    constexpr Json::ArrayIndex kKept = 100;
+    if (m_calls.size() > kKept) {
+        Json::Value kept(Json::arrayValue);
+        for (Json::ArrayIndex i = m_calls.size() - kKept; i < m_calls.size(); ++i) kept.append(m_calls[i]);
+        m_calls = kept;
+    }
+}
+
 }  // namespace lumora::sim

@@ -3,6 +3,7 @@
 #ifndef LUMORA_SIM_SIMSTATE_H
 #define LUMORA_SIM_SIMSTATE_H
 
+#include <glib.h>
 #include <json/json.h>
 
 #include <map>
@@ -52,6 +53,12 @@ public:
     /// restarts, so that a test can look back at every removal a client sent.
     void RecordChannelRemoval(const std::string& subject, const Json::Value& request, unsigned removed);
 
+    /// The calls served lately (the last 100), for the control panel: time,
+    /// caller, process, method, request type, subject, the answer's code and
+    /// delay as the state gives them.
+    void RecordCall(const std::string& sender, const std::string& method, GVariant* parameters);
+    const Json::Value& RecentCalls() const { return m_calls; }
+
     /// Where a replay stands (null when none runs), shown as "replay".
     void SetReplayStatus(Json::Value status) { m_replay = std::move(status); }
 
@@ -69,6 +76,8 @@ private:
     std::map<std::string, std::vector<std::string>> m_subscribers;
     Json::Value m_channelRemovals{Json::arrayValue};
     Json::Value m_replay;
+    Json::Value m_calls{Json::arrayValue};
+    unsigned m_callCount = 0;
 };
 
 }  // namespace lumora::sim

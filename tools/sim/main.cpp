@@ -11,6 +11,7 @@
 
 #include "Scenario.h"
 #include "SimCtl.h"
+#include "SimHttp.h"
 #include "SimLog.h"
 #include "SimService.h"
 #include "Timeline.h"
@@ -19,6 +20,7 @@ namespace {
 
 constexpr const char* kHelp =
     "Usage: lumora-sim [--scenario FILE] [--broadcast] [--replay FILE [--speed X] [--loop]]\n"
+    "                  [--http [ADDRESS:]PORT [--http-allow-remote]]\n"
     "       lumora-sim ctl [--address ADDRESS] COMMAND [ARGUMENTS]\n"
     "       lumora-sim --help | --version\n"
     "\n"
@@ -51,6 +53,9 @@ constexpr const char* kHelp =
     "                   other subjects answer from the scenario; ctl status shows \"replay\"\n"
     "  --speed X        play X times faster (default 1)\n"
     "  --loop           play it again from the start at its end\n"
+    "  --http [ADDRESS:]PORT  serve a control panel in the browser (127.0.0.1 unless an\n"
+    "                   ADDRESS is given; port 0 picks a free one); prints its URL\n"
+    "  --http-allow-remote  allow a non-loopback ADDRESS (anyone who reaches it drives the simulator)\n"
     "  --help           this text\n"
     "  --version        the version\n"
     "\n"
@@ -101,6 +106,10 @@ struct Options {
     std::string replay;
     double speed = 1;
     bool loop = false;
+    bool http = false;
+    std::string httpAddress;
+    unsigned httpPort = 0;
+    bool httpAllowRemote = false;
 };
 
 // 0: run; 2: usage error; -1: help or version printed.
@@ -123,6 +132,14 @@ int ParseOptions(int argc, char** argv, Options& options) {
             options.replay = argv[++i];
         } else if (arg == "--loop") {
             options.loop = true;
+        } else if (arg == "--http-allow-remote") {
+            options.httpAllowRemote = true;
+        } else if (arg == "--http" && i + 1 < argc) {
+            options.http = true;
+            if (!lumora::sim::ParseHttpAddress(argv[++i], options.httpAddress, options.httpPort)) {
+                fprintf(stderr, "lumora-sim: --http takes [ADDRESS:]PORT (see lumora-sim --help)\n");
+                return 2;
+            }
         } else if (arg == "--speed" && i + 1 < argc) {
             char* end = nullptr;
             options.speed = g_ascii_strtod(argv[++i], &end);
@@ -156,9 +173,23 @@ int Serve(lumora::sim::Scenario scenario, const Options& options, std::vector<lu
         if (!options.replay.empty())
             replay = std::make_unique<lumora::sim::Replay>(service, options.replay, std::move(timeline), options.speed,
                                                            options.loop);
-        if (service.Start()) {
+        std::unique_ptr<lumora::sim::SimHttp> panel;
+        if (options.http)
+            panel = std::make_unique<lumora::sim::SimHttp>(service, options.httpAddress, options.httpPort,
+                                                           options.httpAllowRemote);
+        std::string error;
+        if (panel && !panel->Start(error)) {
+            SIM_LOGE("%s", error.c_str());
+            fprintf(stderr, "lumora-sim: %s\n", error.c_str());
+            status = 2;
+        } else if (service.Start()) {
+            if (panel) {
+                printf("lumora-sim: control panel at %s\n", panel->Url().c_str());
+                fflush(stdout);
+            }
             if (replay) replay->Start();
             g_main_loop_run(loop);
+            panel.reset();
             replay.reset();
             service.Shutdown();
             status = service.ExitStatus();

@@ -1,0 +1,298 @@
+// The control panel: follows the simulator's state over the WebSocket /ws
+// (the whole state whenever it changes) and changes it with JSON posts to
+// /api/set and /api/control.
+"use strict";
+
+let state = null;
+const editing = new Set(); // subjects whose value is being edited in the page
+
+const $ = (id) => document.getElementById(id);
+
+function show(text, bad) {
+  const message = $("message");
+  message.textContent = text;
+  message.className = bad ? "bad" : "good";
+}
+
+async function post(path, body) {
+  const response = await fetch(path, {
+    method: "POST",
+    headers: { "Content-Type": "application/json" },
+    body: JSON.stringify(body),
+  });
+  const answer = await response.json().catch(() => ({}));
+  if (!response.ok) throw new Error(answer.error || response.statusText);
+  return answer;
+}
+
+// A subject's value, and its change notified to the subscribers.
+function setValue(subject, value, notify) {
+  return post("/api/set", { subject, value: typeof value === "string" ? value : JSON.stringify(value), notify });
+}
+
+function control(action, extra) {
+  return post("/api/control", Object.assign({ action }, extra || {}))
+    .then(() => show(action + " done", false))
+    .catch((error) => show(action + ": " + error.message, true));
+}
+
+function value(subject) {
+  if (!state || !(subject in state.values)) return null;
+  try {
+    return JSON.parse(state.values[subject]);
+  } catch (error) {
+    return null;
+  }
+}
+
+// ---- the television's controls -------------------------------------------------
+
+function channels() {
+  const list = value("Pref/Channel/List");
+  return list && Array.isArray(list.ChList) ? list.ChList : [];
+}
+
+function sources() {
+  const names = new Set(["TV"]);
+  for (const channel of channels()) if (channel.Source) names.add(channel.Source);
+  const current = value("Ctx/Media/Source/Info/Current");
+  if (current && current.Source) names.add(current.Source);
+  for (const port of ["HDMI1", "HDMI2", "HDMI3", "USB"]) names.add(port);
+  return Array.from(names);
+}
+
+async function tune(index) {
+  const list = channels();
+  if (list.length === 0) return;
+  const channel = list[(index + list.length) % list.length];
+  const program = { ChName: channel.ChName, major: channel.major, minor: channel.minor,
+                    ProgramTitle: channel.ChName + " now", Genre: "" };
+  try {
+    await setValue("Ctx/Media/Broadcast/Program/Changed", program, true);
+    await setValue("Ctx/Media/Broadcast/Program/Current", program, true);
+    show("tuned to " + channel.major + "-" + channel.minor + " " + channel.ChName, false);
+  } catch (error) {
+    show(error.message, true);
+  }
+}
+
+function currentChannelIndex() {
+  const program = value("Ctx/Media/Broadcast/Program/Current") || {};
+  return channels().findIndex((c) => c.major === program.major && c.minor === program.minor);
+}
+
+async function setVolume() {
+  const level = Number($("volume").value);
+  const volume = Object.assign({}, value("Ctx/Sound/Volume/Level/Current") || {}, { Level: level, Mute: $("mute").checked });
+  $("volume-value").textContent = level;
+  try {
+    await setValue("Ctx/Sound/Volume/Level/Current", volume, false);
+    await setValue("Ctx/Sound/Volume/Level/Changed", volume, true);
+  } catch (error) {
+    show(error.message, true);
+  }
+}
+
+async function setBrightness() {
+  const level = Number($("brightness").value);
+  const brightness = Object.assign({}, value("Ctx/Env/Brightness/Level/Current") || {}, { Level: level });
+  $("brightness-value").textContent = level;
+  try {
+    await setValue("Ctx/Env/Brightness/Level/Current", brightness, false);
+    await setValue("Ctx/Env/Brightness/Level/Changed", brightness, true);
+  } catch (error) {
+    show(error.message, true);
+  }
+}
+
+async function setSource() {
+  const source = $("source").value;
+  const info = Object.assign({}, value("Ctx/Media/Source/Info/Current") || {}, { Source: source });
+  try {
+    await setValue("Ctx/Media/Source/Info/Current", info, false);
+    await setValue("Ctx/Media/Source/Changed", { Source: source }, true);
+  } catch (error) {
+    show(error.message, true);
+  }
+}
+
+async function launchApp() {
+  const appId = $("app").value.trim();
+  if (!appId) return;
+  const app = { AppId: appId, AppName: appId, Status: "Foreground" };
+  try {
+    await setValue("Ctx/App/Info/Current", app, false);
+    await setValue("Ctx/App/Info/Changed", app, true);
+    show(appId + " in the foreground", false);
+  } catch (error) {
+    show(error.message, true);
+  }
+}
+
+// ---- drawing the state ------------------------------------------------------------
+
+function fillSelect(select, options, selected) {
+  const wanted = options.map((o) => o.value + "\u0000" + o.label).join("\u0001");
+  if (select.dataset.options !== wanted) {
+    select.innerHTML = "";
+    for (const option of options) select.add(new Option(option.label, option.value));
+    select.dataset.options = wanted;
+  }
+  if (selected !== undefined && document.activeElement !== select) select.value = selected;
+}
+
+function drawTelevision() {
+  const current = value("Ctx/Media/Source/Info/Current") || {};
+  fillSelect($("source"), sources().map((s) => ({ value: s, label: s })), current.Source);
+  fillSelect($("channel"), channels().map((c, i) => ({ value: String(i), label: c.major + "-" + c.minor + " " + c.ChName })),
+             String(currentChannelIndex()));
+  const volume = value("Ctx/Sound/Volume/Level/Current") || {};
+  if (document.activeElement !== $("volume") && typeof volume.Level === "number") {
+    $("volume").value = volume.Level;
+    $("volume-value").textContent = volume.Level;
+  }
+  $("mute").checked = !!volume.Mute;
+  const brightness = value("Ctx/Env/Brightness/Level/Current") || {};
+  if (document.activeElement !== $("brightness") && typeof brightness.Level === "number") {
+    $("brightness").value = brightness.Level;
+    $("brightness-value").textContent = brightness.Level;
+  }
+  const app = value("Ctx/App/Info/Current") || {};
+  if (document.activeElement !== $("app")) $("app").value = app.AppId || "";
+}
+
+function drawService() {
+  $("enabled").checked = state.enabled;
+  $("answering").textContent = state.answering ? "answering" : "holding " + state.heldCalls + " call(s)";
+  if (document.activeElement !== $("whitelist")) $("whitelist").value = state.whiteList.join(" ");
+  $("service").textContent = (state.enabled ? "enabled" : "disabled") + (state.answering ? "" : ", not answering") +
+    (state.replay ? ", replay " + state.replay.played + "/" + state.replay.events : "");
+}
+
+function subjectRow(subject) {
+  const row = document.createElement("tr");
+  row.dataset.subject = subject;
+  const name = document.createElement("td");
+  name.className = "subject";
+  name.textContent = subject;
+  const cell = document.createElement("td");
+  const text = document.createElement("textarea");
+  text.spellcheck = false;
+  text.addEventListener("focus", () => editing.add(subject));
+  text.addEventListener("blur", () => editing.delete(subject));
+  const error = document.createElement("span");
+  error.className = "error";
+  cell.append(text, error);
+  const buttons = document.createElement("td");
+  for (const [label, notify] of [["set", false], ["set and notify", true]]) {
+    const button = document.createElement("button");
+    button.textContent = label;
+    button.className = notify ? "set-notify" : "set";
+    button.addEventListener("click", async () => {
+      try {
+        JSON.parse(text.value);
+      } catch (parseError) {
+        error.textContent = "not JSON: " + parseError.message;
+        return;
+      }
+      try {
+        await setValue(subject, text.value, notify);
+        error.textContent = "";
+        editing.delete(subject);
+      } catch (postError) {
+        error.textContent = postError.message;
+      }
+    });
+    buttons.append(button);
+  }
+  row.append(name, cell, buttons);
+  return row;
+}
+
+function drawSubjects() {
+  const body = $("subjects").tBodies[0];
+  const filter = $("search").value.toLowerCase();
+  const subjects = Object.keys(state.values).sort();
+  const rows = new Map(Array.from(body.rows).map((row) => [row.dataset.subject, row]));
+  for (const subject of subjects) {
+    let row = rows.get(subject);
+    if (!row) {
+      row = subjectRow(subject);
+      body.append(row);
+    }
+    rows.delete(subject);
+    row.hidden = filter !== "" && !subject.toLowerCase().includes(filter);
+    const text = row.querySelector("textarea");
+    if (!editing.has(subject) && text.value !== state.values[subject]) text.value = state.values[subject];
+  }
+  for (const row of rows.values()) row.remove();
+}
+
+const kTypes = { 1: "read", 2: "write", 3: "subscribe", 4: "unsubscribe", 5: "request" };
+
+function drawCalls() {
+  const body = $("calls").tBodies[0];
+  body.innerHTML = "";
+  for (const call of (state.calls || []).slice(-30).reverse()) {
+    const row = body.insertRow();
+    const time = new Date(call.time_ms).toLocaleTimeString();
+    const type = call.method === "ServiceEnable" ? "enable" : kTypes[call.type] || call.method;
+    for (const text of [time, (call.process || "?") + "[" + (call.pid || "?") + "]", type, call.subject || "",
+                        call.code === undefined ? "" : call.code, call.delay_ms ? call.delay_ms + " ms" : ""]) {
+      row.insertCell().textContent = text;
+    }
+  }
+  const list = $("subscriptions");
+  list.innerHTML = "";
+  for (const [subject, clients] of Object.entries(state.subscriptions || {})) {
+    const item = document.createElement("li");
+    item.textContent = subject + " (" + clients.length + ")";
+    list.append(item);
+  }
+}
+
+function draw() {
+  drawTelevision();
+  drawService();
+  drawSubjects();
+  drawCalls();
+}
+
+function connect() {
+  const socket = new WebSocket("ws://" + location.host + "/ws");
+  socket.onopen = () => {
+    $("connection").textContent = "live";
+    $("connection").className = "good";
+  };
+  socket.onmessage = (event) => {
+    state = JSON.parse(event.data);
+    draw();
+    document.body.dataset.updates = String(Number(document.body.dataset.updates || 0) + 1);
+  };
+  socket.onclose = () => {
+    $("connection").textContent = "disconnected, reconnecting...";
+    $("connection").className = "bad";
+    setTimeout(connect, 1000);
+  };
+}
+
+$("volume").addEventListener("change", setVolume);
+$("mute").addEventListener("change", setVolume);
+$("brightness").addEventListener("change", setBrightness);
+$("source").addEventListener("change", setSource);
+$("channel").addEventListener("change", () => tune(Number($("channel").value)));
+$("channel-up").addEventListener("click", () => tune(currentChannelIndex() + 1));
+$("channel-down").addEventListener("click", () => tune(currentChannelIndex() - 1));
+$("app-set").addEventListener("click", launchApp);
+$("enabled").addEventListener("change", () => control($("enabled").checked ? "enable" : "disable"));
+$("stop-answering").addEventListener("click", () => control("stop-answering"));
+$("resume-answering").addEventListener("click", () => control("resume-answering"));
+$("restart").addEventListener("click", () => control("restart", { pause_ms: Number($("restart-pause").value) }));
+$("whitelist-set").addEventListener("click",
+  () => control("whitelist", { names: $("whitelist").value.split(/\s+/).filter((n) => n) }));
+$("code-set").addEventListener("click",
+  () => control("code", { subject: $("fault-subject").value, value: Number($("fault-code").value) }));
+$("delay-set").addEventListener("click",
+  () => control("delay", { subject: $("fault-subject").value, value: Number($("fault-delay").value) }));
+$("search").addEventListener("input", () => state && drawSubjects());
+connect();
