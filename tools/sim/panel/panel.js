@@ -81,29 +81,23 @@ function currentChannelIndex() {
   return channels().findIndex((c) => c.major === program.major && c.minor === program.minor);
 }
 
-async function setVolume() {
-  const level = Number($("volume").value);
-  const volume = Object.assign({}, value("Ctx/Sound/Volume/Level/Current") || {}, { Level: level, Mute: $("mute").checked });
-  $("volume-value").textContent = level;
+// A level control (volume, brightness): the slider's level set on the
+// ".../Current" subject and notified on ".../Changed".
+async function setLevel(subject, slider, extra) {
+  const level = Number($(slider).value);
+  const current = subject + "/Current";
+  const changed = Object.assign({}, value(current) || {}, { Level: level }, extra || {});
+  $(slider + "-value").textContent = level;
   try {
-    await setValue("Ctx/Sound/Volume/Level/Current", volume, false);
-    await setValue("Ctx/Sound/Volume/Level/Changed", volume, true);
+    await setValue(current, changed, false);
+    await setValue(subject + "/Changed", changed, true);
   } catch (error) {
     show(error.message, true);
   }
 }
 
-async function setBrightness() {
-  const level = Number($("brightness").value);
-  const brightness = Object.assign({}, value("Ctx/Env/Brightness/Level/Current") || {}, { Level: level });
-  $("brightness-value").textContent = level;
-  try {
-    await setValue("Ctx/Env/Brightness/Level/Current", brightness, false);
-    await setValue("Ctx/Env/Brightness/Level/Changed", brightness, true);
-  } catch (error) {
-    show(error.message, true);
-  }
-}
+const setVolume = () => setLevel("Ctx/Sound/Volume/Level", "volume", { Mute: $("mute").checked });
+const setBrightness = () => setLevel("Ctx/Env/Brightness/Level", "brightness");
 
 async function setSource() {
   const source = $("source").value;
