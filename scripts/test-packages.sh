@@ -48,8 +48,9 @@ ldd "$work/tv-watcher" | grep -Eq 'liblumora-api.so.1 => /(usr/)?lib/' || fail "
 
 echo "packages: $(lumora --version)"
 [ "$(lumora --version)" = "lumora $(dpkg-query -W -f '${Version}' lumora-tools)" ] || fail "lumora --version"
+# In the package (a slim system may leave /usr/share/man out when installing).
 for page in lumora lumora-sim; do
-  dpkg -L lumora-tools | grep -q "/man1/$page.1.gz$" || fail "no manual page $page(1) in lumora-tools"
+  dpkg-deb -c "$work"/debs/lumora-tools_*.deb | grep -q "/man1/$page.1.gz$" || fail "no manual page $page(1) in lumora-tools"
 done
 
 dbus-daemon --config-file=/usr/share/lumora-sim/lumora-private-bus.conf --nofork --nopidfile --print-address=3 \
