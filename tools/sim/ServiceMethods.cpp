@@ -61,6 +61,7 @@ void SimService::OnMethodCall(const char* sender, const char* /*objectPath*/, co
         // Kept without an answer: the caller waits, and times out, as with a
         // service that hangs.
         service->m_held.push_back({sender, methodName, g_variant_ref(parameters), invocation});
+        service->m_state.Changed();
         SIM_LOGI("%s from %s held (answering stopped)", methodName, sender);
         return;
     }

@@ -17,9 +17,6 @@ namespace lumora::sim {
 namespace {
 
 constexpr const char* kResourceRoot = "/org/verdin/tv/lumora-sim/panel";
-// How often the server looks whether the state changed (from ctl, a replay,
-// another browser, the clients) and tells the pages.
-constexpr guint kTickMs = 200;
 
 std::string Compact(const Json::Value& value) {
     Json::StreamWriterBuilder builder;
@@ -74,6 +71,7 @@ SimHttp::SimHttp(SimService& service, std::string address, unsigned port, bool a
     : m_service(service), m_address(std::move(address)), m_port(port), m_allowRemote(allowRemote) {}
 
 SimHttp::~SimHttp() {
+    if (m_server != nullptr) m_service.State().SetChangeListener(nullptr);
     if (m_tick != 0) g_source_remove(m_tick);
     for (SoupWebsocketConnection* socket : m_sockets) {
         g_signal_handlers_disconnect_by_data(socket, this);
@@ -120,7 +118,12 @@ bool SimHttp::Start(std::string& error) {
     // too); the early handler has refused any other Host or Origin before.
     std::string origin = "http://" + m_host;
     soup_server_add_websocket_handler(m_server, "/ws", origin.c_str(), nullptr, &SimHttp::OnWebSocket, this, nullptr);
-    m_tick = g_timeout_add(kTickMs, &SimHttp::OnTick, this);
+    // Every change of the state, from ctl, a replay, another browser or the
+    // clients, reaches the pages once the main loop is idle: a burst of
+    // changes is one message.
+    m_service.State().SetChangeListener([this] {
+        if (m_tick == 0) m_tick = g_idle_add(&SimHttp::OnTick, this);
+    });
     SIM_LOGI("control panel at %s", m_url.c_str());
     return true;
 }
@@ -288,8 +291,9 @@ void SimHttp::SendSnapshot(bool onlyWhenChanged) {
 
 gboolean SimHttp::OnTick(gpointer self) {
     auto* http = static_cast<SimHttp*>(self);
+    http->m_tick = 0;
     if (!http->m_sockets.empty()) http->SendSnapshot(true);
-    return G_SOURCE_CONTINUE;
+    return G_SOURCE_REMOVE;
 }
 
 void SimHttp::OnWebSocket(SoupServer*, SoupServerMessage*, const char*, SoupWebsocketConnection* connection,

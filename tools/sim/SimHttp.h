@@ -58,7 +58,7 @@ private:
     SoupServer* m_server = nullptr;
     std::vector<SoupWebsocketConnection*> m_sockets;
     std::string m_lastSnapshot;
-    guint m_tick = 0;
+    guint m_tick = 0;  // the idle source that tells the pages of a change
 };
 
 /// Parses "[ADDRESS:]PORT"; false when it is not that.

@@ -199,10 +199,12 @@ void SimService::Shutdown() {
 void SimService::StopAnswering() {
     m_answering = false;
     SIM_LOGI("answering stopped");
+    m_state.Changed();
 }
 
 unsigned SimService::ResumeAnswering() {
     m_answering = true;
+    m_state.Changed();
     unsigned answered = 0;
     while (m_answering && !m_held.empty()) {
         HeldCall call = m_held.front();

@@ -29,6 +29,7 @@ void SimState::SetResultCode(const std::string& subject, int code) {
     } else {
         m_scenario.resultCodes[subject] = code;
     }
+    Changed();
 }
 
 void SimState::SetDelayMs(const std::string& subject, unsigned delayMs) {
@@ -37,6 +38,7 @@ void SimState::SetDelayMs(const std::string& subject, unsigned delayMs) {
     } else {
         m_scenario.delaysMs[subject] = delayMs;
     }
+    Changed();
 }
 
 const Json::Value& SimState::Statistics(const std::string& subject) const {
@@ -48,6 +50,7 @@ const Json::Value& SimState::Statistics(const std::string& subject) const {
 void SimState::Subscribe(const std::string& subject, const std::string& client) {
     std::vector<std::string>& clients = m_subscribers[subject];
     if (std::find(clients.begin(), clients.end(), client) == clients.end()) clients.push_back(client);
+    Changed();
 }
 
 void SimState::Unsubscribe(const std::string& subject, const std::string& client) {
@@ -55,6 +58,7 @@ void SimState::Unsubscribe(const std::string& subject, const std::string& client
     if (it == m_subscribers.end()) return;
     it->second.erase(std::remove(it->second.begin(), it->second.end(), client), it->second.end());
     if (it->second.empty()) m_subscribers.erase(it);
+    Changed();
 }
 
 void SimState::DropClient(const std::string& client) {
@@ -62,6 +66,7 @@ void SimState::DropClient(const std::string& client) {
         it->second.erase(std::remove(it->second.begin(), it->second.end(), client), it->second.end());
         it = it->second.empty() ? m_subscribers.erase(it) : std::next(it);
     }
+    Changed();
 }
 
 std::vector<std::string> SimState::Subscribers(const std::string& subject) const {
@@ -75,6 +80,7 @@ void SimState::RecordChannelRemoval(const std::string& subject, const Json::Valu
     record["request"] = request;
     record["removed"] = removed;
     m_channelRemovals.append(record);
+    Changed();
 }
 
 Json::Value SimState::ToJson() const {
@@ -126,6 +132,7 @@ void SimState::RecordCall(const std::string& sender, const std::string& method, 
         for (Json::ArrayIndex i = m_calls.size() - kKept; i < m_calls.size(); ++i) kept.append(m_calls[i]);
         m_calls = kept;
     }
+    Changed();
 }
 
 }  // namespace lumora::sim

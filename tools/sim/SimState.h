@@ -6,6 +6,7 @@
 #include <glib.h>
 #include <json/json.h>
 
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -19,15 +20,27 @@ public:
     explicit SimState(Scenario scenario) : m_scenario(std::move(scenario)) {}
 
     bool Enabled() const { return m_scenario.enabled; }
-    void SetEnabled(bool enabled) { m_scenario.enabled = enabled; }
+    void SetEnabled(bool enabled) {
+        m_scenario.enabled = enabled;
+        Changed();
+    }
     bool BroadcastResponses() const { return m_scenario.broadcastResponses; }
     std::string WhiteList() const { return WhiteListJson(m_scenario.whiteList); }
-    void SetWhiteList(std::vector<std::string> names) { m_scenario.whiteList = std::move(names); }
+    void SetWhiteList(std::vector<std::string> names) {
+        m_scenario.whiteList = std::move(names);
+        Changed();
+    }
 
     /// The subject's value, or "{}" (the service's "no data") when it has none.
     std::string Value(const std::string& subject) const;
-    void SetValue(const std::string& subject, const std::string& text) { m_scenario.values[subject] = text; }
-    void ClearValue(const std::string& subject) { m_scenario.values.erase(subject); }
+    void SetValue(const std::string& subject, const std::string& text) {
+        m_scenario.values[subject] = text;
+        Changed();
+    }
+    void ClearValue(const std::string& subject) {
+        m_scenario.values.erase(subject);
+        Changed();
+    }
 
     int ResultCode(const std::string& subject) const { return Lookup(m_scenario.resultCodes, subject, 0); }
     void SetResultCode(const std::string& subject, int code);
@@ -38,6 +51,7 @@ public:
     const Json::Value& Statistics(const std::string& subject) const;
     void SetStatistics(const std::string& subject, const Json::Value& tuples) {
         m_scenario.statistics[subject] = tuples;
+        Changed();
     }
 
     /// Subscriptions are per client (its unique bus name) and subject; a
@@ -45,7 +59,10 @@ public:
     void Subscribe(const std::string& subject, const std::string& client);
     void Unsubscribe(const std::string& subject, const std::string& client);
     void DropClient(const std::string& client);
-    void DropAllSubscriptions() { m_subscribers.clear(); }
+    void DropAllSubscriptions() {
+        m_subscribers.clear();
+        Changed();
+    }
     std::vector<std::string> Subscribers(const std::string& subject) const;
 
     /// Channel removals as they arrived: what was written to which removal
@@ -60,10 +77,21 @@ public:
     const Json::Value& RecentCalls() const { return m_calls; }
 
     /// Where a replay stands (null when none runs), shown as "replay".
-    void SetReplayStatus(Json::Value status) { m_replay = std::move(status); }
+    void SetReplayStatus(Json::Value status) {
+        m_replay = std::move(status);
+        Changed();
+    }
 
     /// Everything above as one JSON object, for the control interface.
     Json::Value ToJson() const;
+
+    /// Called after every change of the state (the control panel tells its
+    /// pages); one listener, null for none. It must not change the state.
+    void SetChangeListener(std::function<void()> listener) { m_onChange = std::move(listener); }
+    /// For changes the service makes beside the state (answering stopped).
+    void Changed() const {
+        if (m_onChange) m_onChange();
+    }
 
 private:
     template <typename T>
@@ -78,6 +106,7 @@ private:
     Json::Value m_replay;
     Json::Value m_calls{Json::arrayValue};
     unsigned m_callCount = 0;
+    std::function<void()> m_onChange;
 };
 
 }  // namespace lumora::sim
