@@ -22,7 +22,6 @@ namespace lumora::internal {
 namespace {
 
 constexpr const char* kDeliverCurrentValue = "DeliverCurrentValue";
-constexpr const char* kErrorJson = "{\"Status\":\"Error\"}";
 
 // One followed subscription. told is what its callback heard last, from an
 // answer or a notification (hasTold false until then).
@@ -86,6 +85,22 @@ void DropPendingOf(uint64_t follower) {
     }
 }
 
+// Stops following every follower for which gone holds, and forgets the
+// answers they were waiting for.
+template <typename Predicate>
+void EraseFollowers(Predicate gone) {
+    ContextAutoLock lock(&g_mutex);
+    for (auto it = g_followers.begin(); it != g_followers.end();) {
+        if (!gone(*it)) {
+            ++it;
+            continue;
+        }
+        DropPendingOf(it->id);
+        it = g_followers.erase(it);
+    }
+    Recount();
+}
+
 gboolean DeliverCurrentValue(gpointer data);
 
 // The reply handler's callback: the bus client's mutex is held here, so the
@@ -112,7 +127,7 @@ bool TakeAnswer(const Answer& answer, LumoraSubjectCb& callback, void*& userData
                     follower->subject.c_str());
         return false;
     }
-    if (answer.data == kErrorJson && !request.first) {
+    if (answer.data == contract::kErrorJson && !request.first) {
         LMF_LOGE_IN(kDeliverCurrentValue, "no current value of %s after the service came back; keeping %s",
                     follower->subject.c_str(), follower->hasTold ? "the last one" : "none");
         return false;
@@ -203,31 +218,13 @@ void FollowCurrentValue(LogSite site, EventOwner owner, DBusClient& client, cons
 }
 
 void ForgetCurrentValue(EventOwner owner, const std::string& subject, LumoraSubjectCb callback, void* userData) {
-    ContextAutoLock lock(&g_mutex);
-    for (auto it = g_followers.begin(); it != g_followers.end();) {
-        bool same =
-            it->owner == owner && it->subject == subject && it->callback == callback && it->userData == userData;
-        if (!same) {
-            ++it;
-            continue;
-        }
-        DropPendingOf(it->id);
-        it = g_followers.erase(it);
-    }
-    Recount();
+    EraseFollowers([&](const Follower& f) {
+        return f.owner == owner && f.subject == subject && f.callback == callback && f.userData == userData;
+    });
 }
 
 void DropCurrentValues(EventOwner owner) {
-    ContextAutoLock lock(&g_mutex);
-    for (auto it = g_followers.begin(); it != g_followers.end();) {
-        if (it->owner != owner) {
-            ++it;
-            continue;
-        }
-        DropPendingOf(it->id);
-        it = g_followers.erase(it);
-    }
-    Recount();
+    EraseFollowers([owner](const Follower& f) { return f.owner == owner; });
 }
 
 uint64_t FollowersMark() {

@@ -40,6 +40,9 @@ enum RequestType : int {
 // Input of subscribe and unsubscribe; also the no-data answer of a read.
 constexpr const char* kEmptyJson = "{}";
 
+// What a request's callback gets when its answer failed.
+constexpr const char* kErrorJson = "{\"Status\":\"Error\"}";
+
 // Time-outs in milliseconds (-1: GIO's default).
 constexpr int kServiceEnableTimeoutMs = 300;
 constexpr int kRequestSyncTimeoutMs = 1000;

@@ -338,10 +338,9 @@ private:
         Json::Value call = Base(us, "call");
         call["sender"] = sender;
         call["serial"] = g_dbus_message_get_serial(message);
-        int pid = 0;
+        int pid = 0;  // none in a ServiceEnable
         if (member == contract::kMethodServiceEnable && (body == nullptr || g_variant_n_children(body) == 0)) {
             call["type"] = "enable";
-            pid = static_cast<int>(CallerPid(sender));
         } else if (body != nullptr && g_variant_is_of_type(body, G_VARIANT_TYPE(contract::kRequestTuple))) {
             gint32 tuplePid = 0, type = 0, id = 0;
             const gchar *subject = nullptr, *input = nullptr;
@@ -351,16 +350,21 @@ private:
             call["subject"] = subject;
             call["input"] = input;
             pid = tuplePid;
-            // The tuple's pid is the caller's word; the bus knows better.
-            if (pid <= 0 || ProcessName(pid).empty()) pid = static_cast<int>(CallerPid(sender));
         } else {
             return Undecodable(us, message);
         }
-        call["pid"] = pid;
+        // The tuple's pid is the caller's word; when it names no process, the
+        // bus's credentials of the caller.
         std::string name = ProcessName(pid);
+        if (name.empty()) {
+            pid = static_cast<int>(CallerPid(sender));
+            name = ProcessName(pid);
+        }
+        call["pid"] = pid;
         call["process"] = name;
         if (!name.empty()) m_names[sender] = name;
         if (call["type"].asString() != "write") m_pending[{sender, g_dbus_message_get_serial(message)}] = {us, call};
+        Record(call);
         if (!Shown(call)) return;
         Count(call, "call");
         Emit(call);
@@ -541,7 +545,6 @@ private:
     }
 
     void Emit(const Json::Value& recorded) {
-        if (recorded["event"] == "call") Record(recorded);
         // "text", the data exactly as it went, is for the timeline alone.
         Json::Value event = recorded;
         event.removeMember("text");

@@ -34,10 +34,6 @@ bool IsServiceAnnouncement(const std::string& subject) {
     return subject == contract::kHello || subject == contract::kBye;
 }
 
-constexpr const char* kErrorJson = "{\"Status\":\"Error\"}";
-// What the service answers for a subject that has no value.
-constexpr const char* kNoData = "{}";
-
 void OnNotification(const char* subject, char* data, void*) { PrintEvent(subject, data != nullptr ? data : ""); }
 
 // With --initial: the current value first, and again whenever it changed
@@ -47,11 +43,11 @@ void OnValue(const char* subject, char* data, void* told) {
     auto* valueTold = static_cast<bool*>(told);
     bool first = !*valueTold;
     *valueTold = true;
-    if (first && data != nullptr && strcmp(data, kNoData) == 0) {
+    if (first && data != nullptr && strcmp(data, contract::kEmptyJson) == 0) {
         Warn(std::string("the service has no data for ") + subject);
         return;
     }
-    if (first && data != nullptr && strcmp(data, kErrorJson) == 0) {
+    if (first && data != nullptr && strcmp(data, contract::kErrorJson) == 0) {
         Warn(std::string("the service answered ") + subject + " with an error");
         return;
     }

@@ -35,12 +35,8 @@ void Replay::PlayDue() {
     double nowMs = static_cast<double>(g_get_monotonic_time() - m_startUs) / 1000.0 * m_speed;
     while (m_next < m_events.size() && m_events[m_next].tMs <= nowMs) {
         const TimelineEvent& event = m_events[m_next++];
-        if (event.kind == TimelineEvent::Kind::kValue) {
-            m_service.State().SetValue(event.subject, event.data);
-        } else {
-            m_service.State().SetValue(event.subject, event.data);
-            m_service.EmitResponse(event.subject, event.data);
-        }
+        m_service.State().SetValue(event.subject, event.data);
+        if (event.kind == TimelineEvent::Kind::kSignal) m_service.EmitResponse(event.subject, event.data);
     }
     if (m_next == m_events.size() && m_loop && !m_events.empty()) {
         ++m_rounds;

@@ -18,13 +18,6 @@ namespace {
 
 constexpr const char* kResourceRoot = "/org/verdin/tv/lumora-sim/panel";
 
-std::string Compact(const Json::Value& value) {
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    builder["emitUTF8"] = true;
-    return Json::writeString(builder, value);
-}
-
 void Reply(SoupServerMessage* message, guint status, const std::string& type, const std::string& body) {
     soup_server_message_set_status(message, status, nullptr);
     soup_server_message_set_response(message, type.c_str(), SOUP_MEMORY_COPY, body.data(), body.size());
@@ -34,7 +27,7 @@ void Reply(SoupServerMessage* message, guint status, const std::string& type, co
 void ReplyError(SoupServerMessage* message, guint status, const std::string& error) {
     Json::Value body;
     body["error"] = error;
-    Reply(message, status, "application/json", Compact(body));
+    Reply(message, status, "application/json", ValueText(body));
 }
 
 bool IsLoopback(const std::string& address) {
@@ -168,7 +161,8 @@ void SimHttp::OnRequest(SoupServer*, SoupServerMessage* message, const char* pat
     std::string method = soup_server_message_get_method(message);
     std::string route = path;
     if (method == "GET" || method == "HEAD") {
-        if (route == "/api/state") return Reply(message, SOUP_STATUS_OK, "application/json", Compact(http->Snapshot()));
+        if (route == "/api/state")
+            return Reply(message, SOUP_STATUS_OK, "application/json", ValueText(http->Snapshot()));
         return http->ServeFile(message, route == "/" ? "/index.html" : route);
     }
     if (method == "POST") return http->Post(message, route);
@@ -280,7 +274,7 @@ Json::Value SimHttp::Snapshot() const {
 }
 
 void SimHttp::SendSnapshot(bool onlyWhenChanged) {
-    std::string text = Compact(Snapshot());
+    std::string text = ValueText(Snapshot());
     if (onlyWhenChanged && text == m_lastSnapshot) return;
     m_lastSnapshot = text;
     for (SoupWebsocketConnection* socket : m_sockets) {
@@ -303,7 +297,7 @@ void SimHttp::OnWebSocket(SoupServer*, SoupServerMessage*, const char*, SoupWebs
     g_signal_connect(connection, "closed", G_CALLBACK(&SimHttp::OnSocketClosed), http);
     g_signal_connect(connection, "message", G_CALLBACK(&SimHttp::OnSocketMessage), http);
     // The page starts from the whole state.
-    soup_websocket_connection_send_text(connection, Compact(http->Snapshot()).c_str());
+    soup_websocket_connection_send_text(connection, ValueText(http->Snapshot()).c_str());
 }
 
 // The page only listens: anything it sends is dropped with a line.

@@ -72,7 +72,7 @@ public:
 
     /// The calls served lately (the last 100), for the control panel: time,
     /// caller, process, method, request type, subject, the answer's code and
-    /// delay as the state gives them.
+    /// delay as the state gives them. Kept only while a change listener is set.
     void RecordCall(const std::string& sender, const std::string& method, GVariant* parameters);
     const Json::Value& RecentCalls() const { return m_calls; }
 

@@ -15,14 +15,6 @@ namespace {
 // Kinds a timeline holds for reference only: checked, never played.
 const std::set<std::string> kReferenceKinds = {"call", "error", "timeout", "unanswered", "undecodable", "hello", "bye"};
 
-std::string TextOf(const Json::Value& data) {
-    if (data.isString()) return data.asString();
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    builder["emitUTF8"] = true;
-    return Json::writeString(builder, data);
-}
-
 // The event of one line, or false with the reason.
 bool ParseEvent(const Json::Value& line, double previousMs, TimelineEvent& event, bool& played, std::string& why) {
     if (!line.isObject()) return why = "not a JSON object", false;
@@ -54,7 +46,7 @@ bool ParseEvent(const Json::Value& line, double previousMs, TimelineEvent& event
     }
     event.kind = name == "signal" ? TimelineEvent::Kind::kSignal : TimelineEvent::Kind::kValue;
     event.subject = subject.asString();
-    event.data = text.isString() ? text.asString() : TextOf(line["data"]);
+    event.data = text.isString() ? text.asString() : ValueText(line["data"]);
     played = true;
     return true;
 }
@@ -66,7 +58,8 @@ bool CheckHeader(const Json::Value& header, std::string& why) {
         return false;
     }
     if (!header["version"].isInt() || header["version"].asInt() != kTimelineVersion) {
-        why = "timeline version " + (header["version"].isNull() ? std::string("missing") : TextOf(header["version"])) +
+        why = "timeline version " +
+              (header["version"].isNull() ? std::string("missing") : ValueText(header["version"])) +
               " is not the one this simulator plays (" + std::to_string(kTimelineVersion) + ")";
         return false;
     }
