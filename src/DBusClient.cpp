@@ -25,7 +25,6 @@ namespace {
 
 constexpr guint kInitCallbackDelaySeconds = 1;
 constexpr guint kRecheckIntervalSeconds = 3;
-constexpr guint kReconnectIntervalSeconds = DBusClientInternal::kReconnectIntervalSeconds;
 constexpr int kRecheckLimit = 10;
 
 gboolean InitTimeoutThunk(gpointer data) {
