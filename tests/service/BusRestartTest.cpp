@@ -432,5 +432,21 @@ TEST_F(BusRestartTest, TheApplicationIsToldTheBusClosedThenReconnectedAndHearsTh
     EXPECT_EQ(2u, DeliveriesTo(2).size());
 }
 
+TEST_F(BusRestartTest, ASubscriptionWithTheValueMadeDuringTheOutageGetsTheValueOnceTheBusIsBackAndNoErrorFirst) {
+    ASSERT_TRUE(Lumora_InitService());
+    m_log.Mark();
+    CloseToApplication();
+    BusDown();
+    ASSERT_TRUE(Lumora_SubscribeWithValue(kVolume, Recorded<2>, nullptr));
+    g_usleep(300 * 1000);
+    EXPECT_TRUE(DeliveriesTo(2).empty()) << DeliveriesTo(2)[0].data;
+    BusUp();
+    ASSERT_TRUE(WaitUntil([&] { return !DeliveriesTo(2).empty(); }, 10000)) << m_log.Dump();
+    g_usleep(300 * 1000);
+    ASSERT_EQ(1u, DeliveriesTo(2).size());
+    EXPECT_EQ(ServiceValue(m_control, kVolume), DeliveriesTo(2)[0].data);
+    EXPECT_EQ(1u, SimSubscribers(kVolume));
+}
+
 }  // namespace
 }  // namespace lumora::test
