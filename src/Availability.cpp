@@ -1,13 +1,19 @@
 // Availability callbacks: the state of the service as the bus client learns
 // it, told to the application once per change, from the main loop.
 #include <lumora/ContextAutoLock.h>
+#include <lumora/DBusClient.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <vector>
 
+#include "DBusClientInternal.h"
+#include "internal/AvailabilityLog.h"
 #include "internal/Boundary.h"
+#include "internal/CallbackGate.h"
+#include "internal/DefaultContext.h"
 #include "internal/Events.h"
 #include "internal/Log.h"
 #include "internal/ServiceContract.h"
@@ -17,36 +23,38 @@ namespace {
 
 constexpr const char* kDispatch = "DispatchAvailability";
 constexpr const char* kOnNameOwnerChanged = "OnNameOwnerChanged";
-constexpr int kUnknown = -1;
 
 struct Listener {
     uint64_t id;
     EventOwner owner;
     LumoraAvailabilityCb callback;
     void* userData;
-    int told;  // the state last told to it (1, 0), or kUnknown
+    int told;  // the state last told to it (1, 0), or AvailabilityLog::kUnknown
 };
 
-struct Change {
-    int available;
-    const char* reason;  // one of the static reason texts
-    uint64_t followers;  // FollowersMark() when it was recorded
+// One call to make, admitted at the gate while the listener was found.
+struct Telling {
+    EventOwner owner;
+    LumoraAvailabilityCb callback;
+    void* userData;
+    CallbackGate::Ticket ticket;
 };
 
 // Everything below is guarded by g_mutex: it is taken under the bus client's
-// locks, and nothing but the current values' own lock (for a mark) is taken
-// while it is held.
+// locks, and nothing but the current values' own lock (for a mark) and the
+// gate's is taken while it is held.
 GMutex g_mutex;
 std::vector<Listener> g_listeners;
 uint64_t g_nextId = 1;
-std::deque<Change> g_changes;
-Change g_current = {kUnknown, nullptr, 0};
+AvailabilityLog g_log;
 guint g_dispatchSource = 0;
 // The connection whose NameOwnerChanged of the service's name is watched
 // while there are listeners (a crash says nothing else), and the watch.
 GDBusConnection* g_connection = nullptr;
 GDBusConnection* g_watchedConnection = nullptr;
 guint g_nameWatch = 0;
+// The number of listeners, read without the lock by the bus client.
+std::atomic<size_t> g_listenerCount{0};
 
 gboolean DispatchAvailability(gpointer);
 
@@ -100,19 +108,20 @@ void UpdateNameWatch() {
     g_nameWatch = 0;
     g_watchedConnection = wanted;
     if (wanted == nullptr) return;
+    OnDefaultContext onDefault;
     g_nameWatch = g_dbus_connection_signal_subscribe(wanted, "org.freedesktop.DBus", "org.freedesktop.DBus",
                                                      "NameOwnerChanged", "/org/freedesktop/DBus", contract::kBusName,
                                                      G_DBUS_SIGNAL_FLAGS_NONE, OnNameOwnerChanged, nullptr, nullptr);
 }
 
+void CountListeners() { g_listenerCount.store(g_listeners.size()); }
+
 void Record(int available, const char* reason) {
     ContextAutoLock lock(&g_mutex);
-    // A service still away is no news (a recheck says so every 3 s); every
-    // return of it is, for the current values that may have changed.
-    if (available == 0 && g_current.available == 0) return;
-    g_current = {available, reason, FollowersMark()};
-    g_changes.push_back(g_current);
-    ScheduleDispatch();
+    // An application that uses neither feature has nothing to be told and
+    // nothing to catch up: the state is kept, and no line is written.
+    bool heard = !g_listeners.empty() || FollowerCount() != 0;
+    if (g_log.Record(available, reason, FollowersMark(), heard) && heard) ScheduleDispatch();
 }
 
 std::vector<Listener>::iterator FindListener(EventOwner owner, LumoraAvailabilityCb callback, void* userData) {
@@ -122,50 +131,50 @@ std::vector<Listener>::iterator FindListener(EventOwner owner, LumoraAvailabilit
 }
 
 // The listeners to tell change, marked as told under the lock so that each
-// hears a state once, however the dispatches interleave.
-std::vector<uint64_t> TakeListenersToTell(const Change& change) {
-    std::vector<uint64_t> ids;
+// hears a state once, however the dispatches interleave, and admitted at
+// the gate so that one removed meanwhile is not called.
+std::vector<Telling> TakeListenersToTell(const AvailabilityLog::Change& change) {
+    std::vector<Telling> tellings;
     for (Listener& listener : g_listeners) {
         if (listener.told == change.available) continue;
         listener.told = change.available;
-        ids.push_back(listener.id);
+        CallbackGate::Ticket ticket = CallbackGate::Admit(
+            {AvailabilityTable(listener.owner), std::string(), CallbackId(listener.callback), listener.userData});
+        tellings.push_back({listener.owner, listener.callback, listener.userData, ticket});
     }
-    return ids;
+    return tellings;
 }
 
-// Calls each listener still registered, with no lock held: one removed
-// meanwhile (by an earlier callback, or another thread) is not called.
-void Tell(const std::vector<uint64_t>& ids, const Change& change) {
-    for (uint64_t id : ids) {
-        LumoraAvailabilityCb callback = nullptr;
-        void* userData = nullptr;
-        {
-            ContextAutoLock lock(&g_mutex);
-            auto it = std::find_if(g_listeners.begin(), g_listeners.end(),
-                                   [id](const Listener& listener) { return listener.id == id; });
-            if (it == g_listeners.end()) continue;
-            callback = it->callback;
-            userData = it->userData;
-        }
-        callback(change.available, change.reason, userData);
+void LogTelling(const std::vector<Telling>& tellings, const AvailabilityLog::Change& change) {
+    for (EventOwner owner : {EventOwner::kServiceApi, EventOwner::kObjectInterface}) {
+        size_t count = static_cast<size_t>(std::count_if(tellings.begin(), tellings.end(),
+                                                         [owner](const Telling& t) { return t.owner == owner; }));
+        if (count == 0) continue;
+        LogSite site = OwnerSite(owner, kDispatch);
+        LMF_LOG_SITE(LUMORA_PRIO_INFO, site.unit, site.function, "service %s (%s): telling %zu callback(s)",
+                     change.available == 1 ? "available" : "unavailable", change.reason, count);
+    }
+}
+
+// Calls each listener still registered, with no lock held.
+void Tell(const std::vector<Telling>& tellings, const AvailabilityLog::Change& change) {
+    for (const Telling& telling : tellings) {
+        Deliver(telling.ticket, [&] { telling.callback(change.available, change.reason, telling.userData); });
     }
 }
 
 // Takes the next recorded change (recorded true), or else the current state
 // for listeners added since they were last told; false when nothing is left.
-bool NextChange(Change& change, std::vector<uint64_t>& ids, bool& recorded) {
+bool NextChange(AvailabilityLog::Change& change, std::vector<Telling>& tellings, bool& recorded) {
     ContextAutoLock lock(&g_mutex);
-    recorded = !g_changes.empty();
+    recorded = g_log.Next(change);
     if (recorded) {
-        change = g_changes.front();
-        g_changes.pop_front();
-        ids = TakeListenersToTell(change);
+        tellings = TakeListenersToTell(change);
         return true;
     }
-    if (g_current.available != kUnknown) {
-        change = g_current;
-        ids = TakeListenersToTell(change);
-        if (!ids.empty()) return true;
+    if (g_log.Current(change)) {
+        tellings = TakeListenersToTell(change);
+        if (!tellings.empty()) return true;
     }
     g_dispatchSource = 0;
     return false;
@@ -176,22 +185,30 @@ bool NextChange(Change& change, std::vector<uint64_t>& ids, bool& recorded) {
 // the listeners whose state differs are told.
 gboolean DispatchAvailability(gpointer) {
     GuardedVoid(kDispatch, [] {
-        Change change{};
-        std::vector<uint64_t> ids;
+        AvailabilityLog::Change change{};
+        std::vector<Telling> tellings;
         bool recorded = false;
-        while (NextChange(change, ids, recorded)) {
+        while (NextChange(change, tellings, recorded)) {
             // The current state told to listeners added since is no return of
             // the service: nothing to catch up then.
             if (recorded && change.available == 1) CatchUpCurrentValues(change.reason, change.followers);
-            LMF_LOGI_IN(kDispatch, "service %s (%s): telling %zu callback(s)",
-                        change.available == 1 ? "available" : "unavailable", change.reason, ids.size());
-            Tell(ids, change);
+            LogTelling(tellings, change);
+            Tell(tellings, change);
         }
     });
     return G_SOURCE_REMOVE;
 }
 
 }  // namespace
+
+LogSite OwnerSite(EventOwner owner, const char* function) {
+    return {owner == EventOwner::kServiceApi ? "LMFServiceAPI.cpp" : "LumoraAPI.cpp", function};
+}
+
+CallbackTable AvailabilityTable(EventOwner owner) {
+    return owner == EventOwner::kServiceApi ? CallbackTable::kServiceAvailability
+                                            : CallbackTable::kObjectAvailability;
+}
 
 void ReportServiceAvailable(const char* reason) { Record(1, reason); }
 
@@ -203,31 +220,52 @@ void ReportConnection(GDBusConnection* connection) {
     UpdateNameWatch();
 }
 
+bool AvailabilityWanted() { return g_listenerCount.load() != 0; }
+
+bool EventsInUse() { return AvailabilityWanted() || FollowerCount() != 0; }
+
+bool ServiceKnownUnavailable() {
+    ContextAutoLock lock(&g_mutex);
+    AvailabilityLog::Change change{};
+    return g_log.Current(change) && change.available == 0;
+}
+
 bool AddAvailabilityListener(LogSite site, EventOwner owner, LumoraAvailabilityCb callback, void* userData) {
     if (callback == nullptr) {
         LMF_LOGE_FOR(site, "callback is null");
         return false;
     }
-    ContextAutoLock lock(&g_mutex);
-    if (FindListener(owner, callback, userData) != g_listeners.end()) {
-        LMF_LOGE_FOR(site, "callback[%p] userData[%p] is already added", reinterpret_cast<void*>(callback), userData);
-        return false;
+    {
+        ContextAutoLock lock(&g_mutex);
+        if (FindListener(owner, callback, userData) != g_listeners.end()) {
+            LMF_LOGE_FOR(site, "callback[%p] userData[%p] is already added", reinterpret_cast<void*>(callback),
+                         userData);
+            return false;
+        }
+        g_listeners.push_back({g_nextId++, owner, callback, userData, AvailabilityLog::kUnknown});
+        CountListeners();
+        UpdateNameWatch();
+        AvailabilityLog::Change change{};
+        if (g_log.Current(change)) ScheduleDispatch();
     }
-    g_listeners.push_back({g_nextId++, owner, callback, userData, kUnknown});
-    UpdateNameWatch();
-    if (g_current.available != kUnknown) ScheduleDispatch();
+    if (DBusClient* client = DBusClient::m_pInstance) DBusClientInternal::WatchForEvents(*client);
     return true;
 }
 
 bool RemoveAvailabilityListener(LogSite site, EventOwner owner, LumoraAvailabilityCb callback, void* userData) {
-    ContextAutoLock lock(&g_mutex);
-    auto it = FindListener(owner, callback, userData);
-    if (it == g_listeners.end()) {
-        LMF_LOGE_FOR(site, "callback[%p] userData[%p] was not added", reinterpret_cast<void*>(callback), userData);
-        return false;
+    {
+        ContextAutoLock lock(&g_mutex);
+        auto it = FindListener(owner, callback, userData);
+        if (it == g_listeners.end()) {
+            LMF_LOGE_FOR(site, "callback[%p] userData[%p] was not added", reinterpret_cast<void*>(callback),
+                         userData);
+            return false;
+        }
+        g_listeners.erase(it);
+        CountListeners();
+        UpdateNameWatch();
     }
-    g_listeners.erase(it);
-    UpdateNameWatch();
+    CallbackGate::Retire({AvailabilityTable(owner), nullptr, CallbackId(callback), false, userData});
     return true;
 }
 
@@ -236,6 +274,7 @@ void DropAvailabilityListeners(EventOwner owner) {
     g_listeners.erase(std::remove_if(g_listeners.begin(), g_listeners.end(),
                                      [owner](const Listener& listener) { return listener.owner == owner; }),
                       g_listeners.end());
+    CountListeners();
     UpdateNameWatch();
 }
 

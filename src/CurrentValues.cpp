@@ -1,20 +1,26 @@
 // Subscriptions with the current value: the answer to one request first,
 // then the notifications; asked again after every return of the service, so
 // that a change made while it was away is not missed.
+//
+// The requests go out as a window: at most kAskWindow in flight, the next
+// as each is answered (or dropped unanswered), so that a thousand values
+// caught up at once never meet the bus's limit of replies pending per
+// connection (128 on a stock system bus), which would fail the rest.
 #include <lumora/ContextAutoLock.h>
 #include <lumora/DBusClient.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <cstring>
-#include <map>
+#include <deque>
+#include <set>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "internal/Boundary.h"
+#include "internal/CallbackGate.h"
 #include "internal/Events.h"
+#include "internal/FollowerTable.h"
 #include "internal/Log.h"
 #include "internal/ServiceContract.h"
 
@@ -22,176 +28,168 @@ namespace lumora::internal {
 namespace {
 
 constexpr const char* kDeliverCurrentValue = "DeliverCurrentValue";
-
-// One followed subscription. told is what its callback heard last, from an
-// answer or a notification (hasTold false until then).
-struct Follower {
-    uint64_t id;
-    EventOwner owner;
-    std::string subject;
-    LumoraSubjectCb callback;
-    void* userData;
-    bool hasTold;
-    std::string told;
-    uintptr_t pendingToken;  // the one request whose answer counts, 0 when none
-};
+constexpr const char* kCatchUpCurrentValues = "CatchUpCurrentValues";
+// Beside the registrations of a return of the service (a window of their
+// own), well under the bus's 128.
+constexpr size_t kAskWindow = 32;
 
 // An answer on its way from the reply handler (which runs with the bus
 // client's mutex held) to the main loop, where the callback runs without it.
 struct Answer {
     uintptr_t token;
     std::string data;
+    bool unanswered;  // the request was freed without an answer
 };
 
-// What a request's token stands for: the follower, the subject's count of
-// notifications when it was sent (a notification after that makes the
-// answer stale), and whether its callback had heard nothing yet then.
-struct Pending {
-    uint64_t follower;
-    uint64_t notificationsAtSend;
-    bool first;
+// A follower waiting for a place in the window, and the operation whose
+// lines its request writes.
+struct Waiting {
+    uint64_t id;
+    LogSite site;
 };
 
-// Guarded by g_mutex, a leaf lock never held while anything else is called.
+// Guarded by g_mutex, a leaf lock: only the gate's is taken while it is held.
 GMutex g_mutex;
-std::vector<Follower> g_followers;
-std::map<std::string, uint64_t, std::less<>> g_notifications;  // per followed subject
-std::map<uintptr_t, Pending> g_pending;
-uint64_t g_nextId = 1;
-uintptr_t g_nextToken = 1;
+FollowerTable g_table;
+std::deque<Waiting> g_waiting;
+std::set<uintptr_t> g_inFlight;  // tokens of requests sent and not yet answered
 // Read on every notification without the lock: zero costs nothing more.
 std::atomic<size_t> g_followerCount{0};
-
-Follower* FindFollower(uint64_t id) {
-    auto it = std::find_if(g_followers.begin(), g_followers.end(), [id](const Follower& f) { return f.id == id; });
-    return it != g_followers.end() ? &*it : nullptr;
-}
-
-// After followers left: the count, and the notification counters of the
-// subjects nobody follows any more.
-void Recount() {
-    g_followerCount.store(g_followers.size());
-    for (auto it = g_notifications.begin(); it != g_notifications.end();) {
-        bool followed = std::any_of(g_followers.begin(), g_followers.end(),
-                                    [&](const Follower& f) { return f.subject == it->first; });
-        it = followed ? std::next(it) : g_notifications.erase(it);
-    }
-}
-
-// Forgets what the removed followers were waiting for.
-void DropPendingOf(uint64_t follower) {
-    for (auto it = g_pending.begin(); it != g_pending.end();) {
-        it = it->second.follower == follower ? g_pending.erase(it) : std::next(it);
-    }
-}
-
-// Stops following every follower for which gone holds, and forgets the
-// answers they were waiting for.
-template <typename Predicate>
-void EraseFollowers(Predicate gone) {
-    ContextAutoLock lock(&g_mutex);
-    for (auto it = g_followers.begin(); it != g_followers.end();) {
-        if (!gone(*it)) {
-            ++it;
-            continue;
-        }
-        DropPendingOf(it->id);
-        it = g_followers.erase(it);
-    }
-    Recount();
-}
 
 gboolean DeliverCurrentValue(gpointer data);
 
 // The reply handler's callback: the bus client's mutex is held here, so the
 // answer goes on to the main loop.
 void OnCurrentValue(const char* /*subject*/, char* data, void* userData) {
-    auto* answer = new Answer{reinterpret_cast<uintptr_t>(userData), data != nullptr ? data : ""};
+    auto* answer = new Answer{reinterpret_cast<uintptr_t>(userData), data != nullptr ? data : "", false};
     g_idle_add(DeliverCurrentValue, answer);
 }
 
-// What the answer of token means now; false (after a line when it is worth
-// one) when it is not to be delivered. On true, callback, userData, subject
-// and the follower's told value are set.
-bool TakeAnswer(const Answer& answer, LumoraSubjectCb& callback, void*& userData, std::string& subject) {
+// Takes the next waiting follower into the window: its token and subject.
+// False when the window is full or nobody waits.
+bool TakeWaiting(Waiting& waiting, uintptr_t& token, std::string& subject) {
     ContextAutoLock lock(&g_mutex);
-    auto pending = g_pending.find(answer.token);
-    if (pending == g_pending.end()) return false;  // unsubscribed, or a newer request counts
-    Pending request = pending->second;
-    g_pending.erase(pending);
-    Follower* follower = FindFollower(request.follower);
-    if (follower == nullptr) return false;
-    follower->pendingToken = 0;
-    if (g_notifications[follower->subject] != request.notificationsAtSend) {
-        LMF_LOGE_IN(kDeliverCurrentValue, "stale answer for %s dropped: a notification came first",
-                    follower->subject.c_str());
-        return false;
+    while (g_inFlight.size() < kAskWindow && !g_waiting.empty()) {
+        waiting = g_waiting.front();
+        g_waiting.pop_front();
+        if (!g_table.Prepare(waiting.id, token, subject)) continue;  // unsubscribed meanwhile
+        g_inFlight.insert(token);
+        return true;
     }
-    if (answer.data == contract::kErrorJson && !request.first) {
-        LMF_LOGE_IN(kDeliverCurrentValue, "no current value of %s after the service came back; keeping %s",
-                    follower->subject.c_str(), follower->hasTold ? "the last one" : "none");
-        return false;
+    return false;
+}
+
+void GiveUp(uintptr_t token) {
+    ContextAutoLock lock(&g_mutex);
+    g_inFlight.erase(token);
+    g_table.Abandon(token);
+}
+
+// Sends requests while the window has room. A service known to be away is
+// not asked: the value is asked when it is back (a catch-up asks every
+// follower older than its return), so that a callback never hears an error
+// first only because the service was restarting. No library lock is held.
+void Pump() {
+    DBusClient* client = DBusClient::m_pInstance;
+    Waiting waiting{};
+    uintptr_t token = 0;
+    std::string subject;
+    while (client != nullptr && TakeWaiting(waiting, token, subject)) {
+        if (ServiceKnownUnavailable()) {
+            LMF_LOGE_FOR(waiting.site, "the current value of %s is asked when the service is back", subject.c_str());
+            GiveUp(token);
+            continue;
+        }
+        int result = client->Request(subject.c_str(), nullptr, OnCurrentValue, reinterpret_cast<void*>(token));
+        if (result == 0) continue;
+        LMF_LOGE_FOR(waiting.site, "the current value of %s is asked again when the service is available (%d)",
+                     subject.c_str(), result);
+        GiveUp(token);
     }
-    if (follower->hasTold && follower->told == answer.data) return false;  // nothing new
-    follower->hasTold = true;
-    follower->told = answer.data;
-    callback = follower->callback;
-    userData = follower->userData;
-    subject = follower->subject;
-    return true;
+}
+
+void LogOutcome(FollowerTable::Outcome outcome, const FollowerTable::Target& target) {
+    LogSite site = OwnerSite(target.owner, kDeliverCurrentValue);
+    switch (outcome) {
+        case FollowerTable::Outcome::kStale:
+            LMF_LOGE_FOR(site, "stale answer for %s dropped: a notification came first", target.subject.c_str());
+            break;
+        case FollowerTable::Outcome::kKeepLast:
+            LMF_LOGE_FOR(site, "no current value of %s after the service came back; keeping %s",
+                         target.subject.c_str(), target.hadValue ? "the last one" : "none");
+            break;
+        case FollowerTable::Outcome::kLater:
+            LMF_LOGE_FOR(site, "the current value of %s is asked when the service is back", target.subject.c_str());
+            break;
+        default:
+            break;
+    }
+}
+
+// What answer becomes, decided under the lock; a delivery is admitted at
+// the gate in the same section, so that an Unsubscribe that removed the
+// follower meanwhile either came first (nothing is delivered) or waits for
+// the callback.
+bool TakeAnswer(const Answer& answer, bool serviceAway, FollowerTable::Target& target, CallbackGate::Ticket& ticket) {
+    FollowerTable::Outcome outcome = FollowerTable::Outcome::kNotAwaited;
+    {
+        ContextAutoLock lock(&g_mutex);
+        g_inFlight.erase(answer.token);
+        if (answer.unanswered) {
+            g_table.Abandon(answer.token);
+            return false;
+        }
+        outcome = g_table.TakeAnswer(answer.token, answer.data, serviceAway, target);
+        if (outcome == FollowerTable::Outcome::kDeliver)
+            ticket = CallbackGate::Admit(
+                {ValuesTable(target.owner), target.subject, CallbackId(target.callback), target.userData});
+    }
+    LogOutcome(outcome, target);
+    return outcome == FollowerTable::Outcome::kDeliver;
 }
 
 gboolean DeliverCurrentValue(gpointer data) {
     auto* answer = static_cast<Answer*>(data);
     GuardedVoid(kDeliverCurrentValue, [answer] {
-        LumoraSubjectCb callback = nullptr;
-        void* userData = nullptr;
-        std::string subject;
-        if (!TakeAnswer(*answer, callback, userData, subject)) return;
-        if (callback != nullptr) callback(subject.c_str(), answer->data.data(), userData);
+        bool serviceAway = ServiceKnownUnavailable();
+        FollowerTable::Target target{};
+        CallbackGate::Ticket ticket = 0;
+        if (TakeAnswer(*answer, serviceAway, target, ticket)) {
+            Deliver(ticket, [&] {
+                if (target.callback != nullptr)
+                    target.callback(target.subject.c_str(), answer->data.data(), target.userData);
+            });
+        }
+        Pump();
     });
     delete answer;
     return G_SOURCE_REMOVE;
 }
 
-// Sends the request for follower id's current value; a newer one replaces
-// any that is still out. Lines are logged for site.
-void Ask(LogSite site, DBusClient& client, uint64_t id) {
-    std::string subject;
-    uintptr_t token = 0;
-    {
-        ContextAutoLock lock(&g_mutex);
-        Follower* follower = FindFollower(id);
-        if (follower == nullptr) return;
-        if (follower->pendingToken != 0) g_pending.erase(follower->pendingToken);
-        token = g_nextToken++;
-        follower->pendingToken = token;
-        // Until the callback heard something, a failed answer is news too.
-        g_pending[token] = {id, g_notifications[follower->subject], !follower->hasTold};
-        subject = follower->subject;
-    }
-    int result = client.Request(subject.c_str(), nullptr, OnCurrentValue, reinterpret_cast<void*>(token));
-    if (result == 0) return;
-    LMF_LOGE_FOR(site, "the current value of %s is asked again when the service is available (%d)", subject.c_str(),
-                 result);
+template <typename Predicate>
+void EraseFollowers(Predicate gone) {
     ContextAutoLock lock(&g_mutex);
-    g_pending.erase(token);
-    if (Follower* follower = FindFollower(id)) follower->pendingToken = 0;
+    g_table.Remove(gone);
+    g_followerCount.store(g_table.Size());
 }
 
 }  // namespace
 
+CallbackTable ValuesTable(EventOwner owner) {
+    return owner == EventOwner::kServiceApi ? CallbackTable::kServiceValues : CallbackTable::kObjectValues;
+}
+
 void ReportNotification(const char* subject, const char* data) {
     if (g_followerCount.load(std::memory_order_relaxed) == 0 || subject == nullptr) return;
     ContextAutoLock lock(&g_mutex);
-    auto counted = g_notifications.find(std::string_view(subject));
-    if (counted == g_notifications.end()) return;
-    ++counted->second;
-    for (Follower& follower : g_followers) {
-        if (follower.subject != subject) continue;
-        follower.hasTold = true;
-        follower.told = data != nullptr ? data : "";
-    }
+    g_table.Notify(subject, data);
+}
+
+// Called with the bus client's mutex held: the window's place is given back
+// from the main loop.
+void ReportUnansweredRequest(LumoraSubjectCb callback, void* userData) {
+    if (callback != OnCurrentValue) return;
+    g_idle_add(DeliverCurrentValue, new Answer{reinterpret_cast<uintptr_t>(userData), std::string(), true});
 }
 
 bool HasTextValue(LogSite site, const char* subject) {
@@ -204,46 +202,61 @@ bool HasTextValue(LogSite site, const char* subject) {
     return true;
 }
 
-void FollowCurrentValue(LogSite site, EventOwner owner, DBusClient& client, const std::string& subject,
-                        LumoraSubjectCb callback, void* userData) {
-    uint64_t id = 0;
+uint64_t FollowCurrentValue(EventOwner owner, const std::string& subject, LumoraSubjectCb callback, void* userData) {
+    ContextAutoLock lock(&g_mutex);
+    uint64_t id = g_table.Add(owner, subject, callback, userData);
+    g_followerCount.store(g_table.Size());
+    return id;
+}
+
+void AskCurrentValue(LogSite site, DBusClient& /*client*/, uint64_t id) {
     {
         ContextAutoLock lock(&g_mutex);
-        id = g_nextId++;
-        g_followers.push_back({id, owner, subject, callback, userData, false, std::string(), 0});
-        g_notifications.emplace(subject, 0);
-        Recount();
+        g_waiting.push_back({id, site});
     }
-    Ask(site, client, id);
+    Pump();
 }
 
 void ForgetCurrentValue(EventOwner owner, const std::string& subject, LumoraSubjectCb callback, void* userData) {
-    EraseFollowers([&](const Follower& f) {
-        return f.owner == owner && f.subject == subject && f.callback == callback && f.userData == userData;
+    EraseFollowers([&](EventOwner o, const std::string& s, LumoraSubjectCb c, void* u) {
+        return o == owner && s == subject && c == callback && u == userData;
     });
 }
 
 void DropCurrentValues(EventOwner owner) {
-    EraseFollowers([owner](const Follower& f) { return f.owner == owner; });
+    EraseFollowers([owner](EventOwner o, const std::string&, LumoraSubjectCb, void*) { return o == owner; });
+}
+
+bool IsFollowed(EventOwner owner, const std::string& subject, LumoraSubjectCb callback, void* userData) {
+    ContextAutoLock lock(&g_mutex);
+    return g_table.Has(owner, subject, callback, userData);
 }
 
 uint64_t FollowersMark() {
     ContextAutoLock lock(&g_mutex);
-    return g_nextId;
+    return g_table.Mark();
 }
 
+size_t FollowerCount() { return g_followerCount.load(); }
+
 void CatchUpCurrentValues(const char* reason, uint64_t mark) {
-    std::vector<uint64_t> ids;
+    size_t counts[2] = {0, 0};
     {
         ContextAutoLock lock(&g_mutex);
-        for (const Follower& follower : g_followers)
-            if (follower.id < mark) ids.push_back(follower.id);
+        for (const auto& [id, owner] : g_table.OlderThan(mark)) {
+            g_waiting.push_back({id, OwnerSite(owner, kCatchUpCurrentValues)});
+            ++counts[owner == EventOwner::kServiceApi ? 0 : 1];
+        }
     }
-    DBusClient* client = DBusClient::m_pInstance;
-    if (ids.empty() || client == nullptr) return;
-    LMF_LOGI_IN("CatchUpCurrentValues", "service %s: asking %zu current value(s) again", reason, ids.size());
-    // Each request only starts its call: they are all in flight together.
-    for (uint64_t id : ids) Ask(LMF_SITE("CatchUpCurrentValues"), *client, id);
+    if (counts[0] + counts[1] == 0) return;
+    for (EventOwner owner : {EventOwner::kServiceApi, EventOwner::kObjectInterface}) {
+        size_t count = counts[owner == EventOwner::kServiceApi ? 0 : 1];
+        if (count == 0) continue;
+        LogSite site = OwnerSite(owner, kCatchUpCurrentValues);
+        LMF_LOG_SITE(LUMORA_PRIO_INFO, site.unit, site.function, "service %s: asking %zu current value(s) again",
+                     reason, count);
+    }
+    Pump();
 }
 
 }  // namespace lumora::internal

@@ -5,9 +5,14 @@
 #include <lumora/DBusClient.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <vector>
+
 #include "DBusClientInternal.h"
 #include "internal/Atomic.h"
 #include "internal/Boundary.h"
+#include "internal/CallbackGate.h"
+#include "internal/DefaultContext.h"
 #include "internal/Events.h"
 #include "internal/Log.h"
 #include "internal/Reentry.h"
@@ -52,14 +57,44 @@ void SetResult(LMF_INIT_RESULT* result, LMF_INIT_RESULT value) {
 
 // How the last "ServiceEnable" went, for the reason an application is told
 // when the service is not there. Guarded by the client mutex.
-enum class EnableOutcome { kNotAsked, kFailed, kRefused, kEnabled };
+enum class EnableOutcome { kNotAsked, kFailed, kNoAnswer, kRefused, kEnabled };
 EnableOutcome g_enableOutcome = EnableOutcome::kNotAsked;
+
+// Every pending InitTimeoutCb source, the one m_nInitCbTimerId names and any
+// whose id a later one replaced. Guarded by the client mutex.
+std::vector<guint> g_initTimers;
+// Set when the service was found away; a check that finds it again while
+// the application uses the events features registers the table then, since
+// no "HELLO" or reconnection may come to do it. Guarded by the client mutex.
+bool g_bRegistrationOwed = false;
+
+// A service that holds its name but does not answer in time (it hangs, or is
+// stopped) is told apart from one whose name has no owner.
+EnableOutcome OutcomeOf(const GError* error) {
+    if (error != nullptr &&
+        (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT) ||
+         g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_NO_REPLY) ||
+         g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_TIMEOUT) ||
+         g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_TIMED_OUT)))
+        return EnableOutcome::kNoAnswer;
+    return EnableOutcome::kFailed;
+}
+
+void RemoveInitTimers() {
+    for (guint id : g_initTimers) g_source_remove(id);
+    g_initTimers.clear();
+}
+
+void ForgetInitTimer(guint id) { g_initTimers.erase(std::remove(g_initTimers.begin(), g_initTimers.end(), id), g_initTimers.end()); }
 
 }  // namespace
 
 // ---- helpers -----------------------------------------------------------------
 
+// The connection's "closed" signal reaches the default main context,
+// whatever thread opens it.
 GDBusConnection* DBusClientInternal::OpenConnection(GError** error) {
+    lumora::internal::OnDefaultContext onDefault;
     gchar* address = g_dbus_address_get_for_bus_sync(contract::kBusType, nullptr, error);
     if (address == nullptr) return nullptr;
     GDBusConnection* connection =
@@ -86,10 +121,14 @@ void DBusClientInternal::ServiceNotFound(DBusClient& client) {
     GDBusConnection* connection = client.m_connection;
     const char* reason = connection == nullptr || g_dbus_connection_is_closed(connection) ? "bus-closed"
                          : g_enableOutcome == EnableOutcome::kRefused                     ? "bye"
+                         : g_enableOutcome == EnableOutcome::kNoAnswer                    ? "no-answer"
                                                                                           : "name-lost";
     g_enableOutcome = EnableOutcome::kNotAsked;
+    g_bRegistrationOwed = true;
     lumora::internal::ReportServiceUnavailable(reason);
 }
+
+bool& DBusClientInternal::RegistrationOwed() { return g_bRegistrationOwed; }
 
 void DBusClientInternal::MarkBusConnected(DBusClient& client, bool connected) {
     AtomicStore(client.m_bBusConnected, connected);
@@ -97,6 +136,7 @@ void DBusClientInternal::MarkBusConnected(DBusClient& client, bool connected) {
 
 void DBusClientInternal::ScheduleInitCallback(DBusClient& client) {
     client.m_nInitCbTimerId = g_timeout_add_seconds(kInitCallbackDelaySeconds, InitTimeoutThunk, &client);
+    g_initTimers.push_back(client.m_nInitCbTimerId);
 }
 
 // One reconnect timer at a time: an earlier timer left running would open a
@@ -121,8 +161,12 @@ void DBusClientInternal::InitializeOnOpenConnection(DBusClient& client, LMF_INIT
     if (!client.__IsServiceEnable()) {
         ServiceNotFound(client);
         SetResult(result, LMF_INIT_SERVICE_NOT_READY);
+        // Callbacks of the object interface outlive a stop and start of the
+        // service API: they go on hearing the service.
+        WatchForEventsLocked(client);
         return;
     }
+    if (lumora::internal::EventsInUse()) Listen(client);
     ServiceFound(client, "ready");
     if (client.m_fnInitCb != nullptr) ScheduleInitCallback(client);
     SetResult(result, LMF_INIT_OK);
@@ -138,6 +182,7 @@ void DBusClientInternal::InitializeOnNewConnection(DBusClient& client, LMF_INIT_
         LMF_LOGE_IN("Initialize", "[%s] LMF service is available now ..", name);
         ServiceFound(client, "ready");
         if (client.m_fnInitCb != nullptr) {
+            ForgetInitTimer(client.m_nInitCbTimerId);
             RemoveSource(client.m_nInitCbTimerId);
             ScheduleInitCallback(client);
         }
@@ -148,6 +193,21 @@ void DBusClientInternal::InitializeOnNewConnection(DBusClient& client, LMF_INIT_
     ServiceNotFound(client);
     SetResult(result, LMF_INIT_SERVICE_NOT_READY);
     LMF_LOGE_IN("Initialize", "[%s] Set Timer ..", name);
+    ScheduleRecheck(client);
+}
+
+void DBusClientInternal::WatchForEvents(DBusClient& client) {
+    ContextAutoLock lock(Mutex());
+    WatchForEventsLocked(client);
+}
+
+void DBusClientInternal::WatchForEventsLocked(DBusClient& client) {
+    GDBusConnection* connection = client.m_connection;
+    if (!client.m_bBusConnected || connection == nullptr || g_dbus_connection_is_closed(connection) || Recovering())
+        return;
+    Listen(client);
+    if (client.m_bServiceAvailable || client.m_nRecheckTimerId != 0) return;
+    client.m_nRecheckCnt = 0;
     ScheduleRecheck(client);
 }
 
@@ -165,12 +225,24 @@ DBusClient* DBusClient::GetInstance() {
     return AtomicLoad(m_pInstance);
 }
 
+// The connection stays open, but nothing that would reach the deleted object
+// stays behind: its timers (every start-callback timer included) and its
+// "Response" signal subscription go, and the calls of a return of the
+// service still in flight find no client when they are answered.
 void DBusClient::DeleteInstance() {
     if (AtomicLoad(m_pInstance) == nullptr) return;
     if (LMF_REFUSED_IN_CALLBACK(lumora::internal::kClientMutex)) return;
     ContextAutoLock lock(&m_clientMutex);
-    delete m_pInstance;
+    DBusClient* client = m_pInstance;
+    if (client == nullptr) return;
+    RemoveInitTimers();
+    client->m_nInitCbTimerId = 0;
+    RemoveSource(client->m_nRecheckTimerId);
+    RemoveSource(client->m_nReConnectTimerId);
+    DBusClientInternal::StopListening(*client);
+    DBusClientInternal::ClearRegistrations();
     AtomicStore(m_pInstance, static_cast<DBusClient*>(nullptr));
+    delete client;
 }
 
 void DBusClient::SetProcessName(const char* name) {
@@ -195,6 +267,7 @@ bool DBusClient::__IsServiceEnable() {
         nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, contract::kServiceEnableTimeoutMs, nullptr, &error);
     if (reply == nullptr) {
         LMF_LOGE("Error : %s", error != nullptr ? error->message : "no reply");
+        g_enableOutcome = OutcomeOf(error);
         if (error != nullptr) g_error_free(error);
         return false;
     }
@@ -230,8 +303,11 @@ bool DBusClient::Initialize(LMF_INIT_RESULT* result, LumoraInitCb callback, void
     m_vWhiteList.clear();
     m_vSubscribeList.clear();
     m_subscribeIndex.clear();
+    for (DBusClientRequest* request : m_vRequestList)
+        if (request != nullptr) lumora::internal::ReportUnansweredRequest(request->callback, request->userData);
     m_vRequestList.clear();
     DBusClientInternal::CountSubscriptions(*this);
+    DBusClientInternal::CancelReturns();
     ++m_nInitCnt;
     if (callback != nullptr) {
         m_fnInitCb = callback;
@@ -266,28 +342,39 @@ bool DBusClient::Initialize(LMF_INIT_RESULT* result, LumoraInitCb callback, void
 
 bool DBusClient::Finalize() {
     if (LMF_REFUSED_IN_CALLBACK(lumora::internal::kClientMutex)) return false;
-    ContextAutoLock lock(&m_clientMutex);
-    if (!m_vSubscribeList.empty()) __DeleteAllSubscribes();
-    if (!m_vRequestList.empty()) __DeleteAllRequests();
-    m_vWhiteList.clear();
-    RemoveSource(m_nInitCbTimerId);
-    RemoveSource(m_nRecheckTimerId);
-    if (m_connection != nullptr && !g_dbus_connection_is_closed(m_connection)) {
-        DBusClientInternal::StopListening(*this);
-        g_dbus_connection_flush_sync(m_connection, nullptr, nullptr);
+    bool result = DBusClientInternal::FinalizeRecords(*this);
+    // Once this returns, no subscription callback runs anywhere, and none
+    // will start.
+    lumora::internal::CallbackGate::Retire({lumora::internal::CallbackTable::kBusClient});
+    return result;
+}
+
+// Finalize's steps.
+bool DBusClientInternal::FinalizeRecords(DBusClient& client) {
+    ContextAutoLock lock(Mutex());
+    if (!client.m_vSubscribeList.empty()) client.__DeleteAllSubscribes();
+    if (!client.m_vRequestList.empty()) client.__DeleteAllRequests();
+    client.m_vWhiteList.clear();
+    ForgetInitTimer(client.m_nInitCbTimerId);
+    RemoveSource(client.m_nInitCbTimerId);
+    RemoveSource(client.m_nRecheckTimerId);
+    GDBusConnection* connection = client.m_connection;
+    if (connection != nullptr && !g_dbus_connection_is_closed(connection)) {
+        StopListening(client);
+        g_dbus_connection_flush_sync(connection, nullptr, nullptr);
         // The connection stays open and owned, for the next Initialize; a
         // reconnect timer left from before keeps running.
     } else {
         // A bus lost under the client: the recovery ends with it.
-        if (m_connection != nullptr) DBusClientInternal::ForgetConnection(*this);
-        RemoveSource(m_nReConnectTimerId);
+        if (connection != nullptr) ForgetConnection(client);
+        RemoveSource(client.m_nReConnectTimerId);
     }
-    m_fnInitCb = nullptr;
-    m_pInitUserData = nullptr;
-    DBusClientInternal::StopRecovery();
-    DBusClientInternal::MarkServiceAvailable(*this, false);
-    DBusClientInternal::MarkBusConnected(*this, false);
-    m_nRecheckCnt = 0;
+    client.m_fnInitCb = nullptr;
+    client.m_pInitUserData = nullptr;
+    StopRecovery();
+    MarkServiceAvailable(client, false);
+    MarkBusConnected(client, false);
+    client.m_nRecheckCnt = 0;
     return true;
 }
 
@@ -307,6 +394,8 @@ gboolean DBusClient::InitTimeoutCb() {
     // that one cleared here too, and never called.
     if (callback != nullptr) callback(nullptr, userData);
     ContextAutoLock lock(&m_clientMutex);
+    if (GSource* source = g_main_current_source()) ForgetInitTimer(g_source_get_id(source));
+    if (m_pInstance != this) return FALSE;  // the callback deleted the instance
     m_fnInitCb = nullptr;
     m_pInitUserData = nullptr;
     // Cleared under the lock, before this source is destroyed on return, so
@@ -330,16 +419,26 @@ gboolean DBusClient::RecheckTimeoutCb() {
         LMF_LOGE("[%s] LMF service is available now ..", name);
         DBusClientInternal::MarkServiceAvailable(*this, true);
         if (m_fnInitCb != nullptr) DBusClientInternal::ScheduleInitCallback(*this);
-        bool recovering = DBusClientInternal::Recovering();
-        if (recovering) DBusClientInternal::FinishRecovery(*this, __func__);
-        lumora::internal::ReportServiceAvailable(recovering ? "reconnected" : "ready");
         m_nRecheckTimerId = 0;
+        if (DBusClientInternal::Recovering()) {
+            DBusClientInternal::FinishRecovery(*this, __func__);
+        } else if (DBusClientInternal::RegistrationOwed() && lumora::internal::EventsInUse()) {
+            // Found again without a "HELLO": whatever was subscribed while it
+            // was away has not reached it.
+            DBusClientInternal::RegisterAgain(*this, DBusClientInternal::Batch::kReady, __func__);
+        } else {
+            lumora::internal::ReportServiceAvailable("ready");
+        }
         return FALSE;
     }
     LMF_LOGE("[%s] LMF service isn't available yet ..", name);
+    // A service that holds its name but does not answer may answer again
+    // without a restart, and so without a "HELLO": an application that
+    // follows the service is kept checking for it.
+    bool keepChecking = g_enableOutcome == EnableOutcome::kNoAnswer && lumora::internal::EventsInUse();
     DBusClientInternal::ServiceNotFound(*this);
     // Stops after the eleventh check although the log names ten as the total.
-    if (m_nRecheckCnt > kRecheckLimit) {
+    if (m_nRecheckCnt > kRecheckLimit && !keepChecking) {
         LMF_LOGE("[%s] Stop Checking Service Availability", name);
         m_nRecheckTimerId = 0;
         return FALSE;
@@ -361,10 +460,11 @@ gboolean DBusClient::ReConnectTimeoutCb() {
     }
     AtomicStore(m_connection, connection);
     DBusClientInternal::WatchConnection(*this);
-    // Only a process with subscriptions listens and asks the service again
-    // here; any other keeps the new connection with its flags as they were,
-    // and is brought up by its next Initialize.
-    if (m_vSubscribeList.empty()) return FALSE;
+    // Only a process with subscriptions (or one that follows the service with
+    // the events features) listens and asks the service again here; any
+    // other keeps the new connection with its flags as they were, and is
+    // brought up by its next Initialize.
+    if (m_vSubscribeList.empty() && !lumora::internal::EventsInUse()) return FALSE;
     guint subscriberId = DBusClientInternal::Listen(*this);
     if (subscriberId == 0) return FALSE;  // listening already
     LMF_LOGE("m_subscriberID : %d", subscriberId);
@@ -376,8 +476,6 @@ gboolean DBusClient::ReConnectTimeoutCb() {
     }
     LMF_LOGE("[%s] LMF service is available now ..", m_strProcessName.c_str());
     DBusClientInternal::MarkServiceAvailable(*this, true);
-    DBusClientInternal::ResubscribeAll(*this, __func__);
-    DBusClientInternal::ResendPendingRequests(*this, __func__);
-    lumora::internal::ReportServiceAvailable("reconnected");
+    DBusClientInternal::RegisterAgain(*this, DBusClientInternal::Batch::kReconnected, __func__);
     return FALSE;
 }

@@ -4,6 +4,8 @@
 
 #include <lumora/DBusClient.h>
 
+#include <string>
+
 class DBusClientInternal {
 public:
     static constexpr guint kReconnectIntervalSeconds = 2;
@@ -15,6 +17,9 @@ public:
     static GDBusConnection* OpenConnection(GError** error);
     static void InitializeOnOpenConnection(DBusClient& client, LMF_INIT_RESULT* result);
     static void InitializeOnNewConnection(DBusClient& client, LMF_INIT_RESULT* result);
+    // Every 1 s start-callback timer is remembered until it fires, including
+    // one whose id the next replaced (a second Initialize keeps the first
+    // one's timer), so that DeleteInstance can remove them all. Caller's lock.
     static void ScheduleInitCallback(DBusClient& client);
     // The 2 s reconnect timer and the 3 s readiness recheck, each replacing
     // a pending one. Caller's lock.
@@ -40,17 +45,70 @@ public:
     // Listens for "Response" on the current connection unless the client
     // listens already; the new subscription's id, or 0 when nothing was done.
     static guint Listen(DBusClient& client);
-    // Listens as Listen does, but only while the subscription table is empty
-    // (Subscribe's first record).
-    static void ListenBeforeFirstSubscription(DBusClient& client);
-    // Stops listening, or only once the table is empty (Unsubscribe's last
-    // record).
     static void StopListening(DBusClient& client);
+    // The same two, with the signal mutex held.
+    static guint ListenLocked(DBusClient& client);
+    static void StopListeningLocked(DBusClient& client);
+    // Whether the client listens is decided under the signal mutex after
+    // every change of the table, so that it follows the table whatever the
+    // threads' interleaving: a Subscribe announces itself before its table
+    // step (and listens), and an Unsubscribe stops listening only when the
+    // table is empty, no Subscribe is under way and no availability callback
+    // wants the service's "HELLO" and "BYE".
+    static void BeginSubscribing(DBusClient& client);
+    static void EndSubscribing(DBusClient& client);
     static void StopListeningAfterLastSubscription(DBusClient& client);
     // The number of subscription records, for the steps above that run
     // without the client mutex; refreshed by every change of the table under
     // that mutex.
     static void CountSubscriptions(const DBusClient& client);
+    // Unsubscribe without the wait for a running callback of the pair: the
+    // service API calls it with its own mutex held, and waits afterwards.
+    static bool UnsubscribeRecord(DBusClient& client, const char* subject, LumoraSubjectCb callback);
+    // Finalize without that wait, for the same reason.
+    static bool FinalizeRecords(DBusClient& client);
+
+    // The availability callbacks and the subscriptions with the current value
+    // need the service's news even where the bus client alone would not
+    // listen: after a stop and start of the library, and after the last
+    // Unsubscribe. Called when one is added (takes the client mutex): listens,
+    // and when the service is not available starts the 3 s check, which then
+    // goes on until the service answers. Does nothing before the client is
+    // in use.
+    static void WatchForEvents(DBusClient& client);
+    // The same, with the client mutex held.
+    static void WatchForEventsLocked(DBusClient& client);
+
+    // ---- the whole table, sent as a window of calls in flight ----------------
+    // What a batch is for: a return of the service, told to the availability
+    // callbacks with its reason once every message was answered, or the
+    // unsubscriptions of Finalize.
+    enum class Batch { kHello, kReconnected, kReady, kFinalize };
+    // A type-3 "RequestSync" per record, in table order, then (once all went
+    // out) the unsent requests; lines are logged as caller. Replaces any
+    // return still under way. Caller's lock.
+    static void RegisterAgain(DBusClient& client, Batch batch, const char* caller);
+    // A type-4 per record, for Finalize. Caller's lock.
+    static void QueueUnsubscribeAll(DBusClient& client);
+    // Drops the queued unsubscriptions of subject, which is subscribed again
+    // now: they would reach the service after the new subscription. Caller's
+    // lock.
+    static void DropQueuedUnsubscribe(const std::string& subject);
+    // Forgets a return under way (the service left again, Finalize, a new
+    // start). Caller's lock.
+    static void CancelReturns();
+    // Forgets everything queued (DeleteInstance). Caller's lock.
+    static void ClearRegistrations();
+    // Calls of the batches in flight, for tests. Caller's lock.
+    static size_t RegistrationsInFlight();
+    // Answer of one of those calls (main-loop thread).
+    static void OnRegistrationAnswer(GObject* source, GAsyncResult* result, gpointer userData);
+
+    // Whether the service is to be registered again once a check finds it:
+    // it was found away while the application uses the events features, so
+    // nothing else (a "HELLO", a reconnection) may come to do it. Caller's
+    // lock.
+    static bool& RegistrationOwed();
 
     // Losing the bus. The client watches its connection's "closed" signal:
     // when the bus goes away under a client in use, the closed connection
@@ -74,10 +132,8 @@ public:
     static void OnConnectionClosed(GDBusConnection* connection, gboolean remotePeerVanished, GError* error,
                                    gpointer userData);
 
-    // What a reconnection or the service's "HELLO" sends again: a type-3
-    // subscribe per subscription record, then every unsent request. Their log
-    // lines belong to caller (SubscribeStateCheck or ReConnectTimeoutCb).
-    static void ResubscribeAll(DBusClient& client, const char* caller);
+    // Every unsent request, sent again after the subscriptions of a return
+    // of the service; lines belong to caller. Caller's lock.
     static void ResendPendingRequests(DBusClient& client, const char* caller);
 
     // Whether subject and input (either may be null) can go into a request

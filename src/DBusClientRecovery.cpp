@@ -52,8 +52,7 @@ void DBusClientInternal::FinishRecovery(DBusClient& client, const char* caller) 
     g_bRecovering = false;
     LMF_LOGE_IN(caller, "[%s] registering %zu subscription(s) again after the bus came back", ProcessName(client),
                 client.m_vSubscribeList.size());
-    ResubscribeAll(client, caller);
-    ResendPendingRequests(client, caller);
+    RegisterAgain(client, Batch::kReconnected, caller);
 }
 
 // The closed connection stays in place until now, so that reads, writes,
@@ -75,7 +74,6 @@ void DBusClientInternal::RecoverOn(DBusClient& client, GDBusConnection* connecti
         LMF_LOGE_IN(kReConnectTimeoutCb, "[%s] LMF service is available now ..", name);
         MarkServiceAvailable(client, true);
         FinishRecovery(client, kReConnectTimeoutCb);
-        lumora::internal::ReportServiceAvailable("reconnected");
         return;
     }
     LMF_LOGE_IN(kReConnectTimeoutCb, "[%s] LMF service isn't ready or available yet ..", name);

@@ -11,6 +11,8 @@
 
 #include "DBusClientInternal.h"
 #include "internal/Boundary.h"
+#include "internal/DefaultContext.h"
+#include "internal/Events.h"
 #include "internal/Log.h"
 #include "internal/Reentry.h"
 #include "internal/ServiceContract.h"
@@ -45,12 +47,20 @@ bool ReplyIsWanted(GObject* source, DBusClientRequest* request, DBusClient*& cli
     client = DBusClient::m_pInstance;
     if (client == nullptr) {
         LMF_LOGE_IN(kOnResponseAsync, "Memory Allocation Failed");
+        lumora::internal::ReportUnansweredRequest(request->callback, request->userData);
         return false;
     }
     return true;
 }
 
 void FreeRequest(DBusClientRequest* request) { delete request; }
+
+// A request freed without its callback: the library's own requests (the
+// current values) keep count of what they have in flight.
+void DropRequest(DBusClientRequest* request) {
+    lumora::internal::ReportUnansweredRequest(request->callback, request->userData);
+    FreeRequest(request);
+}
 
 // The application's callback, run with the client mutex held: the thread is
 // marked so that a callback calling back into a locked operation is refused
@@ -187,6 +197,8 @@ int DBusClient::__RequestAsync(int type, int reqId, const char* subject, const c
         g_variant_new(contract::kRequestTuple, static_cast<gint32>(getpid()), type, reqId, subject, input);
     LMF_LOGE("[%s] type:%d, reqId:%d, szSubject:%s, input:%s, pRequest:%p", m_strProcessName.c_str(), type, reqId,
              subject, input, static_cast<void*>(pRequest));
+    // The answer reaches the default main context, whatever thread asks.
+    lumora::internal::OnDefaultContext onDefault;
     g_dbus_connection_call(connection, contract::kBusName, contract::kObjectPath, contract::kInterface,
                            contract::kMethodRequestAsync, parameters, nullptr, G_DBUS_CALL_FLAGS_NONE,
                            contract::kDefaultTimeoutMs, nullptr, &DBusClient::OnResponseAsync, pRequest);
@@ -212,7 +224,9 @@ void DBusClient::EraseRequest(int reqId) {
 }
 
 void DBusClient::__DeleteAllRequests() {
-    for (DBusClientRequest* request : m_vRequestList) FreeRequest(request);
+    for (DBusClientRequest* request : m_vRequestList) {
+        if (request != nullptr) DropRequest(request);
+    }
     m_vRequestList.clear();
 }
 
@@ -252,14 +266,14 @@ void DBusClient::OnResponseAsync(GObject* source, GAsyncResult* result, gpointer
         // callback gets the error text below.
         if (!client->IsAvailable()) {
             LMF_LOGE_IN(kOnResponseAsync, "Service is not Available");
-            FreeRequest(request);
+            DropRequest(request);
             return;
         }
         LMF_LOGI_IN(kOnResponseAsync, "DbusClient AccessCnt is [%d] and pRequest AccessCnt is [%d]", client->m_nInitCnt,
                     request->initCount);
         if (client->m_nInitCnt != request->initCount) {
             LMF_LOGE_IN(kOnResponseAsync, "Callback of previous init encountered hence returned");
-            FreeRequest(request);
+            DropRequest(request);
             return;
         }
         GError* error = nullptr;

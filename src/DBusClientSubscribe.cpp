@@ -14,6 +14,8 @@
 #include "DBusClientInternal.h"
 #include "internal/Atomic.h"
 #include "internal/Boundary.h"
+#include "internal/CallbackGate.h"
+#include "internal/DefaultContext.h"
 #include "internal/Events.h"
 #include "internal/Log.h"
 #include "internal/Reentry.h"
@@ -21,6 +23,9 @@
 
 namespace contract = lumora::contract;
 using lumora::internal::AtomicLoad;
+using lumora::internal::CallbackGate;
+using lumora::internal::CallbackMatch;
+using lumora::internal::CallbackTable;
 using lumora::internal::kClientMutex;
 
 namespace {
@@ -37,6 +42,7 @@ bool SameSubject(const DBusClientSubscribe* record, const char* subject) {
 struct Delivery {
     LumoraSubjectCb callback;
     void* userData;
+    CallbackGate::Ticket ticket;
 };
 
 void SendToService(DBusClient& client, int type, const std::string& subject) {
@@ -47,8 +53,13 @@ GMutex g_signalMutex;
 // The size of the subscription table, for the steps that run without the
 // client mutex (written under it).
 std::atomic<size_t> g_nSubscriptions{0};
+// Subscribe calls past their listening step and before the end of their
+// table step. Guarded by g_signalMutex.
+int g_nSubscribing = 0;
 
 guint SubscribeResponseSignal(DBusClient& client, GDBusConnection* connection) {
+    // The signals reach the default main context, whatever thread listens.
+    lumora::internal::OnDefaultContext onDefault;
     return g_dbus_connection_signal_subscribe(connection, nullptr, contract::kInterface, contract::kSignalResponse,
                                               contract::kObjectPath, nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
                                               &DBusClient::OnSubscribe, &client, nullptr);
@@ -65,29 +76,52 @@ void DBusClientInternal::CountSubscriptions(const DBusClient& client) {
 }
 
 // A closed connection is not listened on: GIO would fail to send its match
-// rule with a critical. The reconnection listens on the new one.
-guint DBusClientInternal::Listen(DBusClient& client) {
-    ContextAutoLock lock(SignalMutex());
+// rule with a critical. The reconnection listens on the new one. Called with
+// the signal mutex held.
+guint DBusClientInternal::ListenLocked(DBusClient& client) {
     GDBusConnection* connection = Connection(client);
     if (connection == nullptr || g_dbus_connection_is_closed(connection) || client.m_subscriberID != 0) return 0;
     client.m_subscriberID = SubscribeResponseSignal(client, connection);
     return client.m_subscriberID;
 }
 
-void DBusClientInternal::ListenBeforeFirstSubscription(DBusClient& client) {
-    if (g_nSubscriptions.load() == 0) Listen(client);
-}
-
-void DBusClientInternal::StopListening(DBusClient& client) {
-    ContextAutoLock lock(SignalMutex());
+void DBusClientInternal::StopListeningLocked(DBusClient& client) {
     GDBusConnection* connection = Connection(client);
     if (connection == nullptr || client.m_subscriberID == 0) return;
     g_dbus_connection_signal_unsubscribe(connection, client.m_subscriberID);
     client.m_subscriberID = 0;
 }
 
+guint DBusClientInternal::Listen(DBusClient& client) {
+    ContextAutoLock lock(SignalMutex());
+    return ListenLocked(client);
+}
+
+void DBusClientInternal::StopListening(DBusClient& client) {
+    ContextAutoLock lock(SignalMutex());
+    StopListeningLocked(client);
+}
+
+// The first subscription listens before the service is told, so that no
+// notification that follows its subscribe message can be missed.
+void DBusClientInternal::BeginSubscribing(DBusClient& client) {
+    ContextAutoLock lock(SignalMutex());
+    ++g_nSubscribing;
+    ListenLocked(client);
+}
+
+// Whatever happened meanwhile on other threads, a table that holds a record
+// is listened for once its Subscribe ends.
+void DBusClientInternal::EndSubscribing(DBusClient& client) {
+    ContextAutoLock lock(SignalMutex());
+    --g_nSubscribing;
+    if (g_nSubscriptions.load() > 0) ListenLocked(client);
+}
+
 void DBusClientInternal::StopListeningAfterLastSubscription(DBusClient& client) {
-    if (g_nSubscriptions.load() == 0) StopListening(client);
+    ContextAutoLock lock(SignalMutex());
+    if (g_nSubscriptions.load() != 0 || g_nSubscribing != 0 || lumora::internal::AvailabilityWanted()) return;
+    StopListeningLocked(client);
 }
 
 // ---- the table -------------------------------------------------------------------
@@ -103,7 +137,11 @@ bool DBusClient::Subscribe(const char* subject, LumoraSubjectCb callback, void* 
         LMF_LOGE("[%s] Dbus is not connected", m_strProcessName.c_str());
         return true;
     }
-    DBusClientInternal::ListenBeforeFirstSubscription(*this);
+    DBusClientInternal::BeginSubscribing(*this);
+    struct Ending {
+        DBusClient& client;
+        ~Ending() { DBusClientInternal::EndSubscribing(client); }
+    } ending{*this};
     return __InsertSubscribe(subject, callback, userData);
 }
 
@@ -123,6 +161,9 @@ bool DBusClient::__InsertSubscribe(const char* subject, LumoraSubjectCb callback
     }
     if (m_bServiceAvailable) {
         if (FindSubscribe(subject) == nullptr) {
+            // An unsubscription of the subject still queued by a Finalize
+            // would reach the service after this subscription.
+            DBusClientInternal::DropQueuedUnsubscribe(subject);
             SendToService(*this, contract::kRequestSubscribe, subject);
             LMF_LOGI("It is first subscribing to LMF, call dbus to subscribe");
         } else {
@@ -156,13 +197,22 @@ bool DBusClient::__InsertSubscribe(const char* subject, LumoraSubjectCb callback
 
 bool DBusClient::Unsubscribe(const char* subject, LumoraSubjectCb callback) {
     if (LMF_REFUSED_IN_CALLBACK(kClientMutex)) return false;
-    if (!AtomicLoad(m_bBusConnected)) {
-        LMF_LOGE("[%s] Dbus is not connected", m_strProcessName.c_str());
+    bool removed = DBusClientInternal::UnsubscribeRecord(*this, subject, callback);
+    // Once this returns, the pair's callback runs nowhere and never again.
+    if (removed && subject != nullptr)
+        CallbackGate::Retire({CallbackTable::kBusClient, subject, lumora::internal::CallbackId(callback)});
+    return removed;
+}
+
+// Unsubscribe's steps. Its lines are Unsubscribe's.
+bool DBusClientInternal::UnsubscribeRecord(DBusClient& client, const char* subject, LumoraSubjectCb callback) {
+    if (!AtomicLoad(client.m_bBusConnected)) {
+        LMF_LOGE_IN("Unsubscribe", "[%s] Dbus is not connected", ProcessName(client));
         return true;
     }
-    if (!__DeleteSubscribe(subject, callback)) return false;
-    DBusClientInternal::StopListeningAfterLastSubscription(*this);
-    LMF_LOGI("Success to unsubscribe ..");
+    if (!client.__DeleteSubscribe(subject, callback)) return false;
+    StopListeningAfterLastSubscription(client);
+    LMF_LOGI_IN("Unsubscribe", "Success to unsubscribe ..");
     return true;
 }
 
@@ -222,26 +272,16 @@ bool DBusClient::FindSubscribesVector(const char* subject, std::vector<DBusClien
 }
 
 // Once per record, not per subject: a subject with several local subscribers
-// is unsubscribed as often, which the service tolerates.
+// is unsubscribed as often, which the service tolerates. The messages go out
+// as a window of calls in flight: a stopped service does not hold up the
+// application's last stop for a second per record.
 void DBusClient::__DeleteAllSubscribes() {
-    for (DBusClientSubscribe* record : m_vSubscribeList) {
-        if (record == nullptr) continue;
-        if (m_bServiceAvailable) SendToService(*this, contract::kRequestUnsubscribe, record->subject);
-        delete record;
-    }
+    DBusClientInternal::CancelReturns();
+    if (m_bServiceAvailable) DBusClientInternal::QueueUnsubscribeAll(*this);
+    for (DBusClientSubscribe* record : m_vSubscribeList) delete record;
     m_vSubscribeList.clear();
     m_subscribeIndex.clear();
     DBusClientInternal::CountSubscriptions(*this);
-}
-
-void DBusClientInternal::ResubscribeAll(DBusClient& client, const char* caller) {
-    for (DBusClientSubscribe* record : client.m_vSubscribeList) {
-        if (record == nullptr) {
-            LMF_LOGE_IN(caller, "vector item is NULL, abnormal state ..");
-            continue;
-        }
-        SendToService(client, contract::kRequestSubscribe, record->subject);
-    }
 }
 
 void DBusClient::OnSubscribe(GDBusConnection* /*connection*/, const gchar* /*sender*/, const gchar* /*objectPath*/,
@@ -265,8 +305,11 @@ void DBusClient::OnSubscribe(GDBusConnection* /*connection*/, const gchar* /*sen
             ContextAutoLock lock(DBusClientInternal::Mutex());
             std::vector<DBusClientSubscribe*> records;
             client->FindSubscribesVector(subject, records);
-            for (const DBusClientSubscribe* record : records)
-                deliveries.push_back({record->callback, record->userData});
+            for (const DBusClientSubscribe* record : records) {
+                CallbackGate::Ticket ticket = CallbackGate::Admit(
+                    {CallbackTable::kBusClient, subject, lumora::internal::CallbackId(record->callback), nullptr});
+                deliveries.push_back({record->callback, record->userData, ticket});
+            }
         }
         LMF_LOGD_IN(kOnSubscribe, "Subscribes size[%zu]", deliveries.size());
         if (deliveries.empty()) {
@@ -277,13 +320,17 @@ void DBusClient::OnSubscribe(GDBusConnection* /*connection*/, const gchar* /*sen
         // The callbacks run after the mutex is released, so that they may
         // subscribe and unsubscribe themselves; they get the data as char* but
         // must neither free nor keep it.
+        // A record removed meanwhile (by an earlier callback, or another
+        // thread) is not called.
         for (const Delivery& delivery : deliveries) {
-            if (delivery.callback == nullptr) {
-                // Skipped rather than called: a null callback would crash here.
-                LMF_LOGE_IN(kOnSubscribe, "null callback for subject %s skipped", subject);
-                continue;
-            }
-            delivery.callback(subject, const_cast<char*>(data), delivery.userData);
+            lumora::internal::Deliver(delivery.ticket, [&] {
+                if (delivery.callback == nullptr) {
+                    // Skipped rather than called: a null callback would crash here.
+                    LMF_LOGE_IN(kOnSubscribe, "null callback for subject %s skipped", subject);
+                    return;
+                }
+                delivery.callback(subject, const_cast<char*>(data), delivery.userData);
+            });
         }
     });
 }
@@ -313,6 +360,7 @@ void DBusClient::SubscribeStateCheck(const char* subject, const char* data) {
         return;
     }
     if (reqType == contract::kRequestUnsubscribe) {  // records and requests wait for "HELLO"
+        DBusClientInternal::CancelReturns();
         lumora::internal::ReportServiceUnavailable("bye");
         return;
     }
@@ -321,7 +369,7 @@ void DBusClient::SubscribeStateCheck(const char* subject, const char* data) {
         return;
     }
     DBusClientInternal::StopRecovery();  // "HELLO" registers everything again
-    DBusClientInternal::ResubscribeAll(*this, __func__);
-    DBusClientInternal::ResendPendingRequests(*this, __func__);
-    lumora::internal::ReportServiceAvailable("hello");
+    // The callbacks hear "hello" once the service answered every
+    // subscription, or failed to.
+    DBusClientInternal::RegisterAgain(*this, DBusClientInternal::Batch::kHello, __func__);
 }

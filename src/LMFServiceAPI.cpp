@@ -8,7 +8,9 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "DBusClientInternal.h"
 #include "LMFServiceAPIInternal.h"
+#include "internal/CallbackGate.h"
 #include "internal/Atomic.h"
 #include "internal/Events.h"
 #include "internal/Log.h"
@@ -22,6 +24,8 @@ GMutex LMFServiceAPI::m_mutex;
 std::vector<SubscribeDataNonType*> LMFServiceAPI::g_vSubscribeNonTypeList;
 std::vector<SubscribeData*> LMFServiceAPI::g_vSubscribeList;
 
+using lumora::internal::CallbackGate;
+using lumora::internal::CallbackTable;
 using lumora::internal::kClientMutex;
 using lumora::internal::kServiceMutex;
 
@@ -31,6 +35,8 @@ constexpr const char* kServiceFeatureKey = "com.kaldor/featureconf/lumora.servic
 
 LMF_SRC_TYPE g_eSourceType = LMF_SRC_ALL;
 LMF_MODEL_TYPE g_eModelType = LMF_MODEL_DEFAULT;
+
+bool FiniServiceLocked(bool& finalized);
 
 // An extra start while the service is in use only counts. Returns true when
 // that was the case; repairs a count left positive without a client. The
@@ -122,32 +128,56 @@ LMF_INIT_RESULT LMFServiceAPI::InitServiceWithResponse(LumoraInitCb callback, vo
 
 bool LMFServiceAPI::FiniService() {
     if (LMF_REFUSED_IN_CALLBACK(kServiceMutex | kClientMutex)) return false;
-    ContextAutoLock lock(&m_mutex);
-    if (m_pDbusClient == nullptr) {
-        LMF_LOGE("[%s] FiniService with (m_pDbusClient == NULL) case", _GetProcessName());
-        m_nRefCnt = 0;
-        LMF_LOGE("[%s] End LMF FiniService", _GetProcessName());
+    bool finalized = false;
+    bool result = FiniServiceLocked(finalized);
+    // Once the last stop returns, no callback of the service API runs
+    // anywhere, and none will start. The running ones are waited for after
+    // m_mutex is released: they may take it.
+    if (finalized) {
+        for (CallbackTable table : {CallbackTable::kBusClient, CallbackTable::kServiceSignals,
+                                    CallbackTable::kServiceSubjects, CallbackTable::kServiceValues,
+                                    CallbackTable::kServiceAvailability})
+            CallbackGate::Retire({table});
+    }
+    return result;
+}
+
+namespace {
+
+// FiniService's steps under m_mutex; its lines are FiniService's. finalized
+// says whether this was the last stop.
+bool FiniServiceLocked(bool& finalized) {
+    constexpr const char* kFiniService = "FiniService";
+    ContextAutoLock lock(&LMFServiceAPI::m_mutex);
+    const char* name = LMFServiceAPI::_GetProcessName();
+    if (LMFServiceAPI::m_pDbusClient == nullptr) {
+        LMF_LOGE_IN(kFiniService, "[%s] FiniService with (m_pDbusClient == NULL) case", name);
+        LMFServiceAPI::m_nRefCnt = 0;
+        LMF_LOGE_IN(kFiniService, "[%s] End LMF FiniService", LMFServiceAPI::_GetProcessName());
         return false;
     }
-    --m_nRefCnt;
-    if (m_nRefCnt > 0) {
-        LMF_LOGE("[%s] Finalize LMFServiceAPI : Still remain another threads .. RefCnt(%d)", _GetProcessName(),
-                 m_nRefCnt);
+    --LMFServiceAPI::m_nRefCnt;
+    if (LMFServiceAPI::m_nRefCnt > 0) {
+        LMF_LOGE_IN(kFiniService, "[%s] Finalize LMFServiceAPI : Still remain another threads .. RefCnt(%d)", name,
+                    LMFServiceAPI::m_nRefCnt);
         return true;
     }
     // The last stop, or one too many: finalise (again) and settle at 0. The
     // client itself is kept, with its open connection, for a later start.
-    bool result = m_pDbusClient->Finalize();
-    _RemoveAllSubscribeData();
-    _RemoveAllSubscribeDataNonType();
+    finalized = true;
+    bool result = DBusClientInternal::FinalizeRecords(*LMFServiceAPI::m_pDbusClient);
+    LMFServiceAPI::_RemoveAllSubscribeData();
+    LMFServiceAPI::_RemoveAllSubscribeDataNonType();
     lumora::internal::DropCurrentValues(lumora::internal::EventOwner::kServiceApi);
     lumora::internal::DropAvailabilityListeners(lumora::internal::EventOwner::kServiceApi);
-    m_nRefCnt = 0;
-    lumora::internal::AtomicStore(m_fnChannelCb, static_cast<LumoraChannelCb>(nullptr));
-    m_strProgName.clear();
-    LMF_LOGE("[%s] End LMF FiniService", _GetProcessName());
+    LMFServiceAPI::m_nRefCnt = 0;
+    lumora::internal::AtomicStore(LMFServiceAPI::m_fnChannelCb, static_cast<LumoraChannelCb>(nullptr));
+    LMFServiceAPI::m_strProgName.clear();
+    LMF_LOGE_IN(kFiniService, "[%s] End LMF FiniService", LMFServiceAPI::_GetProcessName());
     return result;
 }
+
+}  // namespace
 
 bool LMFServiceAPI::IsAvailable() {
     DBusClient* client = lumora::internal::ServiceClient(__func__);

@@ -20,6 +20,10 @@ namespace lumora::internal {
 // not valid UTF-8", before anything is built or sent.
 bool AreSendable(const char* function, std::initializer_list<NamedText> texts);
 
+// LMFServiceAPI::Subscribe's steps, with m_mutex held; its lines belong to
+// function.
+bool SubscribeLocked(const char* function, const char* subject, LumoraSubjectCb callback, void* userData);
+
 // The shared bus client, or null after "dbus not created!".
 DBusClient* ServiceClient(const char* function);
 

@@ -10,7 +10,9 @@
 #include <cstring>
 #include <new>
 
+#include "DBusClientInternal.h"
 #include "LMFServiceAPIInternal.h"
+#include "internal/CallbackGate.h"
 #include "internal/Atomic.h"
 #include "internal/Log.h"
 #include "internal/Reentry.h"
@@ -106,18 +108,26 @@ bool LMFServiceAPI::SubscribeSignal(ContextSignalType type, LumoraSignalCb callb
     return true;
 }
 
+// The typed callbacks of the subject are waited for once m_mutex is
+// released: a running one may take it.
 bool LMFServiceAPI::UnsubscribeSignal(ContextSignalType type) {
     if (LMF_REFUSED_IN_CALLBACK(kServiceMutex | kClientMutex)) return false;
-    ContextAutoLock lock(&m_mutex);
     std::string subject;
-    if (!SubjectOfType(__func__, type, subject)) return false;
-    // Every typed callback of the subject goes; there is no way to drop one.
-    _RemoveSubscribeData(subject);
-    if (_CheckSubscribeData(subject) != 0) {
-        LMF_LOGI("Success unsubscribe, but there are another callbacks");
-        return true;
+    bool result = false;
+    {
+        ContextAutoLock lock(&m_mutex);
+        if (!SubjectOfType(__func__, type, subject)) return false;
+        // Every typed callback of the subject goes; there is no way to drop one.
+        _RemoveSubscribeData(subject);
+        if (_CheckSubscribeData(subject) != 0) {
+            LMF_LOGI("Success unsubscribe, but there are another callbacks");
+            result = true;
+        } else {
+            result = DBusClientInternal::UnsubscribeRecord(*m_pDbusClient, subject.c_str(), _SubscribeCallback);
+        }
     }
-    return m_pDbusClient->Unsubscribe(subject.c_str(), _SubscribeCallback);
+    lumora::internal::CallbackGate::Retire({lumora::internal::CallbackTable::kServiceSignals, subject.c_str()});
+    return result;
 }
 
 bool LMFServiceAPI::_InsertSubscribeData(std::string subject, ContextSignalType type, LumoraSignalCb callback,

@@ -8,11 +8,16 @@
 #include <cstring>
 #include <new>
 
+#include "DBusClientInternal.h"
 #include "LMFServiceAPIInternal.h"
+#include "internal/CallbackGate.h"
 #include "internal/Events.h"
 #include "internal/Log.h"
 #include "internal/Reentry.h"
 
+using lumora::internal::CallbackGate;
+using lumora::internal::CallbackId;
+using lumora::internal::CallbackTable;
 using lumora::internal::kClientMutex;
 using lumora::internal::kServiceMutex;
 
@@ -49,11 +54,13 @@ struct TypedDelivery {
     ContextSignalType type;
     LumoraSignalCb callback;
     void* userData;
+    CallbackGate::Ticket ticket;
 };
 struct UntypedDelivery {
     std::string subject;
     LumoraSubjectCb callback;
     void* userData;
+    CallbackGate::Ticket ticket;
 };
 
 }  // namespace
@@ -72,40 +79,55 @@ bool LMFServiceAPI::Request(const char* subject, const char* input, LumoraSubjec
 bool LMFServiceAPI::Subscribe(const char* subject, LumoraSubjectCb callback, void* user_data) {
     if (LMF_REFUSED_IN_CALLBACK(kServiceMutex | kClientMutex)) return false;
     ContextAutoLock lock(&m_mutex);
-    if (!MaySubscribe(__func__, subject)) return false;
-    if (_FindSubscribeDataNonType(subject, callback, user_data) != nullptr) {
-        LMF_LOGE("already subscribed subject[%s]cb[%p], ", subject, reinterpret_cast<void*>(callback));
+    return lumora::internal::SubscribeLocked(__func__, subject, callback, user_data);
+}
+
+bool lumora::internal::SubscribeLocked(const char* function, const char* subject, LumoraSubjectCb callback,
+                                       void* userData) {
+    if (!MaySubscribe(function, subject)) return false;
+    if (LMFServiceAPI::_FindSubscribeDataNonType(subject, callback, userData) != nullptr) {
+        LMF_LOGE_IN(function, "already subscribed subject[%s]cb[%p], ", subject, reinterpret_cast<void*>(callback));
         return false;
     }
-    if (!_InsertSubscribeDataNonType(subject, callback, user_data)) {
-        LMF_LOGE("insert fail!");
+    if (!LMFServiceAPI::_InsertSubscribeDataNonType(subject, callback, userData)) {
+        LMF_LOGE_IN(function, "insert fail!");
         return false;
     }
-    if (_CheckSubscribeDataNonType(subject) == 1) {
-        LMF_LOGI("It is first callbacks for subject[%s]", subject);
+    if (LMFServiceAPI::_CheckSubscribeDataNonType(subject) == 1) {
+        LMF_LOGI_IN(function, "It is first callbacks for subject[%s]", subject);
     } else {
-        LMF_LOGI("Already registered subject, but it has different callback");
+        LMF_LOGI_IN(function, "Already registered subject, but it has different callback");
     }
     // Every new triple goes to the bus client, not only a subject's first: it
     // keeps one record per (subject, callback) and tells the service once. A
     // refusal there leaves this list's record in place.
-    return m_pDbusClient->Subscribe(subject, callback, user_data);
+    return LMFServiceAPI::m_pDbusClient->Subscribe(subject, callback, userData);
 }
 
+// The callbacks of what was removed are waited for once m_mutex is released:
+// a running one may take it.
 bool LMFServiceAPI::Unsubscribe(const char* subject, LumoraSubjectCb callback, void* user_data) {
     if (LMF_REFUSED_IN_CALLBACK(kServiceMutex | kClientMutex)) return false;
-    ContextAutoLock lock(&m_mutex);
-    if (!MaySubscribe(__func__, subject)) return false;
-    // A triple that was never subscribed is not an error here; the bus client
-    // decides the result.
-    _RemoveSubscribeDataNonType(subject, callback, user_data);
-    lumora::internal::ForgetCurrentValue(lumora::internal::EventOwner::kServiceApi, subject, callback, user_data);
-    if (_CheckSubscribeDataNonType(subject) != 0) {
-        LMF_LOGI("There are another callbacks for subject[%s]", subject);
-    } else {
-        LMF_LOGI("It was last callbacks for subject[%s]", subject);
+    bool result = false;
+    {
+        ContextAutoLock lock(&m_mutex);
+        if (!MaySubscribe(__func__, subject)) return false;
+        // A triple that was never subscribed is not an error here; the bus
+        // client decides the result.
+        _RemoveSubscribeDataNonType(subject, callback, user_data);
+        lumora::internal::ForgetCurrentValue(lumora::internal::EventOwner::kServiceApi, subject, callback, user_data);
+        if (_CheckSubscribeDataNonType(subject) != 0) {
+            LMF_LOGI("There are another callbacks for subject[%s]", subject);
+        } else {
+            LMF_LOGI("It was last callbacks for subject[%s]", subject);
+        }
+        result = DBusClientInternal::UnsubscribeRecord(*m_pDbusClient, subject, callback);
     }
-    return m_pDbusClient->Unsubscribe(subject, callback);
+    const void* id = CallbackId(callback);
+    CallbackGate::Retire({CallbackTable::kServiceSubjects, subject, id, false, user_data});
+    CallbackGate::Retire({CallbackTable::kServiceValues, subject, id, false, user_data});
+    if (result) CallbackGate::Retire({CallbackTable::kBusClient, subject, id});
+    return result;
 }
 
 // The lists are copied under m_mutex and the callbacks called after it is
@@ -118,20 +140,29 @@ void LMFServiceAPI::_SubscribeCallback(const char* subject, char* data, void* /*
     {
         ContextAutoLock lock(&m_mutex);
         for (const SubscribeData* record : g_vSubscribeList) {
-            if (record != nullptr && record->subject == subject)
-                typed.push_back({record->type, record->callback, record->user_data});
+            if (record == nullptr || record->subject != subject) continue;
+            CallbackGate::Ticket ticket = CallbackGate::Admit(
+                {CallbackTable::kServiceSignals, record->subject, CallbackId(record->callback), record->user_data});
+            typed.push_back({record->type, record->callback, record->user_data, ticket});
         }
         for (const SubscribeDataNonType* record : g_vSubscribeNonTypeList) {
-            if (record != nullptr && record->subject == subject)
-                untyped.push_back({record->subject, record->callback, record->user_data});
+            if (record == nullptr || record->subject != subject) continue;
+            CallbackGate::Ticket ticket = CallbackGate::Admit(
+                {CallbackTable::kServiceSubjects, record->subject, CallbackId(record->callback), record->user_data});
+            untyped.push_back({record->subject, record->callback, record->user_data, ticket});
         }
     }
-    // Typed records first, then untyped ones, each in insertion order.
+    // Typed records first, then untyped ones, each in insertion order; one
+    // removed meanwhile is not called.
     for (const TypedDelivery& delivery : typed) {
-        if (delivery.callback != nullptr) delivery.callback(delivery.type, data, delivery.userData);
+        lumora::internal::Deliver(delivery.ticket, [&] {
+            if (delivery.callback != nullptr) delivery.callback(delivery.type, data, delivery.userData);
+        });
     }
     for (const UntypedDelivery& delivery : untyped) {
-        if (delivery.callback != nullptr) delivery.callback(delivery.subject.c_str(), data, delivery.userData);
+        lumora::internal::Deliver(delivery.ticket, [&] {
+            if (delivery.callback != nullptr) delivery.callback(delivery.subject.c_str(), data, delivery.userData);
+        });
     }
 }
 

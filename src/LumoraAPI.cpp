@@ -9,7 +9,9 @@
 #include <string>
 #include <vector>
 
+#include "DBusClientInternal.h"
 #include "LMFServiceAPIInternal.h"
+#include "internal/CallbackGate.h"
 #include "internal/Atomic.h"
 #include "internal/Events.h"
 #include "internal/Log.h"
@@ -18,6 +20,9 @@
 
 using lumora::internal::AtomicLoad;
 using lumora::internal::AtomicStore;
+using lumora::internal::CallbackGate;
+using lumora::internal::CallbackId;
+using lumora::internal::CallbackTable;
 using lumora::internal::EventOwner;
 using lumora::internal::kClientMutex;
 
@@ -36,22 +41,23 @@ struct LumoraAPISubscribe {
 };
 
 // The callback table, in subscription order. It owns its records, so that
-// those still subscribed at unload are freed with it.
-struct CallbackTable {
+// those still subscribed at unload are freed with it. Guarded by
+// g_tableMutex: Subscribe, UnSubscribe and the dispatcher may run on any
+// threads at once. The mutex is a leaf but for the current values' and the
+// gate's locks; the bus client is called after it is released.
+struct SubscriberTable {
     std::vector<LumoraAPISubscribe*> records;
-    // Advanced by every change, so that a notification being delivered can
-    // tell whether a callback changed the table under it.
-    uint64_t version = 0;
 
-    CallbackTable() = default;
-    CallbackTable(const CallbackTable&) = delete;
-    CallbackTable& operator=(const CallbackTable&) = delete;
-    ~CallbackTable() {
+    SubscriberTable() = default;
+    SubscriberTable(const SubscriberTable&) = delete;
+    SubscriberTable& operator=(const SubscriberTable&) = delete;
+    ~SubscriberTable() {
         for (LumoraAPISubscribe* record : records) delete record;
     }
 };
 
-CallbackTable g_table;
+GMutex g_tableMutex;
+SubscriberTable g_table;
 
 // Guards the creation and deletion of the instance only.
 GMutex g_instanceMutex;
@@ -60,6 +66,7 @@ bool Holds(const LumoraAPISubscribe* record, const std::string& subject, LumoraS
     return record->subject == subject && record->callback == callback && record->userData == userData;
 }
 
+// The table helpers below expect g_tableMutex held.
 bool IsSubscribed(const std::string& subject, LumoraSubjectCb callback, void* userData) {
     for (const LumoraAPISubscribe* record : g_table.records) {
         if (Holds(record, subject, callback, userData)) return true;
@@ -77,32 +84,70 @@ size_t CountSubject(const std::string& subject) {
 
 // The callback that the bus client holds for each subject of the table: it
 // hands the notification to every callback of the subject, in subscription
-// order, each with its own user data. It takes no lock.
+// order, each with its own user data, with no lock held.
 //
 // The callbacks may subscribe and unsubscribe: the deliveries are taken from
-// the table first, and once a callback has changed the table, each remaining
-// delivery is made only if its triple is still subscribed. A callback added
-// meanwhile hears the next notification, not this one.
+// the table first and admitted at the gate, so that one unsubscribed
+// meanwhile (by an earlier callback or another thread) is not made. A
+// callback added meanwhile hears the next notification, not this one.
 void SubscribeDispatcher(const char* subject, char* data, void* /*userData*/) {
     if (subject == nullptr) return;
     struct Delivery {
         LumoraSubjectCb callback;
         void* userData;
+        CallbackGate::Ticket ticket;
     };
     std::vector<Delivery> deliveries;
-    for (const LumoraAPISubscribe* record : g_table.records) {
-        if (record->subject == subject) deliveries.push_back({record->callback, record->userData});
-    }
-    const uint64_t version = g_table.version;
-    for (const Delivery& delivery : deliveries) {
-        if (g_table.version != version && !IsSubscribed(subject, delivery.callback, delivery.userData)) continue;
-        if (delivery.callback == nullptr) {
-            // Skipped rather than called: a null callback would crash here.
-            LMF_LOGE("null callback for subject %s skipped", subject);
-            continue;
+    {
+        ContextAutoLock lock(&g_tableMutex);
+        for (const LumoraAPISubscribe* record : g_table.records) {
+            if (record->subject != subject) continue;
+            CallbackGate::Ticket ticket = CallbackGate::Admit(
+                {CallbackTable::kObjectSubjects, record->subject, CallbackId(record->callback), record->userData});
+            deliveries.push_back({record->callback, record->userData, ticket});
         }
-        delivery.callback(subject, data, delivery.userData);
     }
+    for (const Delivery& delivery : deliveries) {
+        lumora::internal::Deliver(delivery.ticket, [&] {
+            if (delivery.callback == nullptr) {
+                // Skipped rather than called: a null callback would crash here.
+                LMF_LOGE_IN("SubscribeDispatcher", "null callback for subject %s skipped", subject);
+                return;
+            }
+            delivery.callback(subject, data, delivery.userData);
+        });
+    }
+}
+
+// Subscribe's table step (g_tableMutex held): false after its lines for a
+// triple already there or a failed allocation; first says whether it is the
+// subject's first callback.
+bool InsertRecord(const std::string& subject, LumoraSubjectCb callback, void* userData, bool& first) {
+    if (IsSubscribed(subject, callback, userData)) {
+        LMF_LOGE_IN("Subscribe", "already subscribed subject[%s]cb[%p]UserData[%p], ", subject.c_str(),
+                    reinterpret_cast<void*>(callback), userData);
+        return false;
+    }
+    LumoraAPISubscribe* record = new (std::nothrow) LumoraAPISubscribe;
+    if (record == nullptr) {
+        LMF_LOGE_IN("Subscribe", "Memory Allocation Failed");
+        LMF_LOGE_IN("Subscribe", "insert fail!");
+        return false;
+    }
+    record->subject = subject;
+    record->callback = callback;
+    record->userData = userData;
+    g_table.records.push_back(record);
+    first = CountSubject(subject) == 1;
+    return true;
+}
+
+// The last step of Subscribe, after g_tableMutex is released: the bus client
+// is asked for the subject's first callback only.
+bool SubscribeClient(DBusClient& client, const std::string& subject, bool first, void* userData) {
+    if (first) return client.Subscribe(subject.c_str(), SubscribeDispatcher, userData);
+    LMF_LOGI_IN("Subscribe", "Already registered subject, but it has different callback");
+    return true;
 }
 
 // The bus client that InitializeService took, or null after the line saying
@@ -170,9 +215,20 @@ bool LumoraAPI::FinalizeService() {
         return false;
     }
     if (LMF_REFUSED_IN_CALLBACK(kClientMutex)) return false;
+    // The availability callbacks and the current values added here end with
+    // it: they would otherwise hear the client that the service API starts
+    // again. The callback table is kept, as it always was.
+    lumora::internal::DropAvailabilityListeners(EventOwner::kObjectInterface);
+    {
+        ContextAutoLock lock(&g_tableMutex);
+        lumora::internal::DropCurrentValues(EventOwner::kObjectInterface);
+    }
     // The client is kept: a later InitializeService finds it and does not
     // initialise it again.
-    return client->Finalize();
+    bool result = client->Finalize();
+    CallbackGate::Retire({CallbackTable::kObjectAvailability});
+    CallbackGate::Retire({CallbackTable::kObjectValues});
+    return result;
 }
 
 bool LumoraAPI::Subscribe(std::string subject, LumoraSubjectCb callback, void* userData) {
@@ -186,46 +242,40 @@ bool LumoraAPI::Subscribe(std::string subject, LumoraSubjectCb callback, void* u
     }
     LMF_LOGE("Subscribe [%s][%p][%p]", subject.c_str(), reinterpret_cast<void*>(callback), userData);
     if (LMF_REFUSED_IN_CALLBACK(kClientMutex)) return false;
-    if (IsSubscribed(subject, callback, userData)) {
-        LMF_LOGE("already subscribed subject[%s]cb[%p]UserData[%p], ", subject.c_str(),
-                 reinterpret_cast<void*>(callback), userData);
-        return false;
+    bool first = false;
+    {
+        ContextAutoLock lock(&g_tableMutex);
+        if (!InsertRecord(subject, callback, userData, first)) return false;
     }
-    LumoraAPISubscribe* record = new (std::nothrow) LumoraAPISubscribe;
-    if (record == nullptr) {
-        LMF_LOGE("Memory Allocation Failed");
-        LMF_LOGE("insert fail!");
-        return false;
-    }
-    record->subject = subject;
-    record->callback = callback;
-    record->userData = userData;
-    g_table.records.push_back(record);
-    ++g_table.version;
-    if (CountSubject(subject) == 1) return client->Subscribe(subject.c_str(), SubscribeDispatcher, userData);
-    LMF_LOGI("Already registered subject, but it has different callback");
-    return true;
+    return SubscribeClient(*client, subject, first, userData);
 }
 
+// The callbacks of the removed triple are waited for once the table's mutex
+// is released: a running one may subscribe.
 bool LumoraAPI::UnSubscribe(std::string subject, LumoraSubjectCb callback, void* userData) {
     DBusClient* client = CreatedClient(__func__);
     if (client == nullptr) return false;
     if (LMF_REFUSED_IN_CALLBACK(kClientMutex)) return false;
-    std::vector<LumoraAPISubscribe*>& records = g_table.records;
-    size_t kept = 0;
-    for (LumoraAPISubscribe* record : records) {
-        if (Holds(record, subject, callback, userData)) {
-            delete record;
-        } else {
-            records[kept++] = record;
+    size_t left = 0;
+    {
+        ContextAutoLock lock(&g_tableMutex);
+        std::vector<LumoraAPISubscribe*>& records = g_table.records;
+        size_t kept = 0;
+        for (LumoraAPISubscribe* record : records) {
+            if (Holds(record, subject, callback, userData)) {
+                delete record;
+            } else {
+                records[kept++] = record;
+            }
         }
-    }
-    if (kept != records.size()) {
         records.resize(kept);
-        ++g_table.version;
+        lumora::internal::ForgetCurrentValue(EventOwner::kObjectInterface, subject, callback, userData);
+        left = CountSubject(subject);
     }
-    lumora::internal::ForgetCurrentValue(EventOwner::kObjectInterface, subject, callback, userData);
-    if (CountSubject(subject) > 0) {
+    const void* id = CallbackId(callback);
+    CallbackGate::Retire({CallbackTable::kObjectSubjects, subject.c_str(), id, false, userData});
+    CallbackGate::Retire({CallbackTable::kObjectValues, subject.c_str(), id, false, userData});
+    if (left > 0) {
         LMF_LOGI("Success unsubscribe, but there are another callbacks");
         return true;
     }
@@ -254,6 +304,9 @@ bool LumoraAPI::IsAvailable() {
     return client->IsAvailable();
 }
 
+// The record and its follower are made in one section under the table's
+// mutex, so that an UnSubscribe on another thread finds both or neither;
+// the value is asked once the subscription reached the bus client.
 bool LumoraAPI::SubscribeWithValue(std::string subject, LumoraSubjectCb callback, void* userData) {
     DBusClient* client = CreatedClient(__func__);
     if (client == nullptr) return false;
@@ -262,14 +315,30 @@ bool LumoraAPI::SubscribeWithValue(std::string subject, LumoraSubjectCb callback
         return false;
     }
     if (!lumora::internal::HasTextValue(LMF_SITE(__func__), subject.c_str())) return false;
-    if (!Subscribe(subject, callback, userData)) return false;
-    lumora::internal::FollowCurrentValue(LMF_SITE(__func__), EventOwner::kObjectInterface, *client, subject, callback,
-                                         userData);
+    if (!g_utf8_validate(subject.c_str(), static_cast<gssize>(subject.size()), nullptr)) {
+        LMF_LOGE("subject is not valid UTF-8");
+        return false;
+    }
+    LMF_LOGE_IN("Subscribe", "Subscribe [%s][%p][%p]", subject.c_str(), reinterpret_cast<void*>(callback), userData);
+    if (LMF_REFUSED_IN_CALLBACK(kClientMutex)) return false;
+    bool first = false;
+    uint64_t follower = 0;
+    {
+        ContextAutoLock lock(&g_tableMutex);
+        if (!InsertRecord(subject, callback, userData, first)) return false;
+        follower = lumora::internal::FollowCurrentValue(EventOwner::kObjectInterface, subject, callback, userData);
+    }
+    if (!SubscribeClient(*client, subject, first, userData)) return false;
+    DBusClientInternal::WatchForEvents(*client);
+    lumora::internal::AskCurrentValue(LMF_SITE(__func__), *client, follower);
     return true;
 }
 
+// Adding one listens for the service's news, which takes the client mutex:
+// refused inside a request's callback.
 bool LumoraAPI::AddAvailabilityCallback(LumoraAvailabilityCb callback, void* userData) {
     if (CreatedClient(__func__) == nullptr) return false;
+    if (LMF_REFUSED_IN_CALLBACK(kClientMutex)) return false;
     return lumora::internal::AddAvailabilityListener(LMF_SITE(__func__), EventOwner::kObjectInterface, callback,
                                                      userData);
 }

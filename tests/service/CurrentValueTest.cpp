@@ -83,7 +83,7 @@ TEST_F(CurrentValueTest, AChangeThatComesBeforeTheAnswerWinsAndTheStaleAnswerIsD
     auto dropped = m_log.Find(line);
     ASSERT_EQ(1u, dropped.size()) << m_log.Dump();
     EXPECT_EQ("DeliverCurrentValue", dropped[0].function);
-    EXPECT_EQ("CurrentValues.cpp", dropped[0].file);
+    EXPECT_EQ("LMFServiceAPI.cpp", dropped[0].file);
 }
 
 TEST_F(CurrentValueTest, AFailedAnswerIsTheErrorTextAndTheSubscriptionStays) {

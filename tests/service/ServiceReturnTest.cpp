@@ -204,11 +204,11 @@ TEST_F(ServiceReturnTest, AnApplicationWithoutAvailabilityCallbacksOrValuesLogsO
     Start();
     ASSERT_TRUE(Lumora_Subscribe(kVolume, Recorded<1>, nullptr));
     ASSERT_TRUE(Restart());
-    ASSERT_TRUE(WaitUntil([&] { return SubscriptionTraffic().size() == 1; }, 5000));
+    ASSERT_TRUE(WaitUntil([&] { return SubscriptionTraffic().size() == 2; }, 5000));
     ASSERT_EQ(0, kill(m_sim.Pid(), SIGKILL));
     EXPECT_EQ(-1, m_sim.WaitForExit(5000));
     ASSERT_TRUE(m_sim.Start());
-    ASSERT_TRUE(WaitUntil([&] { return SubscriptionTraffic().size() == 2; }, 5000));
+    ASSERT_TRUE(WaitUntil([&] { return SubscriptionTraffic().size() == 3; }, 5000));
     ASSERT_TRUE(Lumora_Unsubscribe(kVolume, Recorded<1>, nullptr));
     ASSERT_TRUE(Lumora_FiniService());
     g_usleep(300 * 1000);
