@@ -352,6 +352,7 @@ bool DBusClient::Finalize() {
 // Finalize's steps.
 bool DBusClientInternal::FinalizeRecords(DBusClient& client) {
     ContextAutoLock lock(Mutex());
+    CancelReturns();  // a return under way is told to nobody now
     if (!client.m_vSubscribeList.empty()) client.__DeleteAllSubscribes();
     if (!client.m_vRequestList.empty()) client.__DeleteAllRequests();
     client.m_vWhiteList.clear();
