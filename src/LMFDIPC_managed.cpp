@@ -7,7 +7,6 @@
 #include <cstring>
 #include <exception>
 
-#include "internal/DefaultContext.h"
 #include "internal/Log.h"
 
 // The handle's layout is part of the publisher's format: the path is the first
@@ -198,9 +197,6 @@ LumoraDIPCHandle* Lumora_DIPC_Start(const char* processName, int systemBus, cons
         LMF_LOGE("memory allocation failed!!!");
         return nullptr;
     }
-    // The name's callbacks (and the object's calls, registered from them)
-    // reach the default main context, whatever thread starts the publisher.
-    lumora::internal::OnDefaultContext onDefault;
     guint ownerId =
         g_bus_own_name(systemBus != 0 ? G_BUS_TYPE_SYSTEM : G_BUS_TYPE_SESSION, busName, G_BUS_NAME_OWNER_FLAGS_NONE,
                        __OnBusAcquired, __OnNameAcquired, __OnNameLost, handle, nullptr);
