@@ -55,6 +55,23 @@ GDBusConnection* g_watchedConnection = nullptr;
 guint g_nameWatch = 0;
 // The number of listeners, read without the lock by the bus client.
 std::atomic<size_t> g_listenerCount{0};
+// The followers' mark when the current return of the service began asking
+// the current values (0: none began); the return's change, once recorded,
+// asks only those followed since.
+uint64_t g_returnMark = 0;
+
+// The catch-up that a return of the service starts before it is told.
+struct Return {
+    const char* reason;
+    uint64_t mark;
+};
+
+gboolean CatchUpOnReturn(gpointer data) {
+    auto* ret = static_cast<Return*>(data);
+    GuardedVoid(kDispatch, [ret] { CatchUpCurrentValues(ret->reason, 0, ret->mark); });
+    delete ret;
+    return G_SOURCE_REMOVE;
+}
 
 gboolean DispatchAvailability(gpointer);
 
@@ -121,7 +138,9 @@ void Record(int available, const char* reason) {
     // An application that uses neither feature has nothing to be told and
     // nothing to catch up: the state is kept, and no line is written.
     bool heard = !g_listeners.empty() || FollowerCount() != 0;
-    if (g_log.Record(available, reason, FollowersMark(), heard) && heard) ScheduleDispatch();
+    uint64_t asked = available == 1 ? g_returnMark : 0;
+    g_returnMark = 0;
+    if (g_log.Record(available, reason, FollowersMark(), heard, asked) && heard) ScheduleDispatch();
 }
 
 std::vector<Listener>::iterator FindListener(EventOwner owner, LumoraAvailabilityCb callback, void* userData) {
@@ -191,7 +210,8 @@ gboolean DispatchAvailability(gpointer) {
         while (NextChange(change, tellings, recorded)) {
             // The current state told to listeners added since is no return of
             // the service: nothing to catch up then.
-            if (recorded && change.available == 1) CatchUpCurrentValues(change.reason, change.followers);
+            if (recorded && change.available == 1)
+                CatchUpCurrentValues(change.reason, change.asked, change.followers);
             LogTelling(tellings, change);
             Tell(tellings, change);
         }
@@ -214,6 +234,15 @@ void ReportServiceAvailable(const char* reason) { Record(1, reason); }
 
 void ReportServiceUnavailable(const char* reason) { Record(0, reason); }
 
+// The values are asked from the main loop, with no library lock held (the
+// bus client's is held here).
+void ReportServiceReturning(const char* reason) {
+    ContextAutoLock lock(&g_mutex);
+    if (FollowerCount() == 0) return;
+    g_returnMark = FollowersMark();
+    g_idle_add(CatchUpOnReturn, new Return{reason, g_returnMark});
+}
+
 void ReportConnection(GDBusConnection* connection) {
     ContextAutoLock lock(&g_mutex);
     g_connection = connection;
@@ -224,10 +253,12 @@ bool AvailabilityWanted() { return g_listenerCount.load() != 0; }
 
 bool EventsInUse() { return AvailabilityWanted() || FollowerCount() != 0; }
 
+// Away, and not coming back yet: a return whose subscriptions went out
+// already takes requests.
 bool ServiceKnownUnavailable() {
     ContextAutoLock lock(&g_mutex);
     AvailabilityLog::Change change{};
-    return g_log.Current(change) && change.available == 0;
+    return g_log.Current(change) && change.available == 0 && g_returnMark == 0;
 }
 
 bool AddAvailabilityListener(LogSite site, EventOwner owner, LumoraAvailabilityCb callback, void* userData) {

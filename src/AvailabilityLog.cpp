@@ -5,10 +5,10 @@
 
 namespace lumora::internal {
 
-bool AvailabilityLog::Record(int available, const char* reason, uint64_t followers, bool queue) {
+bool AvailabilityLog::Record(int available, const char* reason, uint64_t followers, bool queue, uint64_t asked) {
     if (available == 0 && m_current.available == 0) return false;
     if (available == 1 && m_current.available == 1 && reason != nullptr && strcmp(reason, "ready") == 0) return false;
-    m_current = {available, reason, followers};
+    m_current = {available, reason, followers, asked};
     if (queue) m_changes.push_back(m_current);
     return true;
 }

@@ -239,11 +239,11 @@ uint64_t FollowersMark() {
 
 size_t FollowerCount() { return g_followerCount.load(); }
 
-void CatchUpCurrentValues(const char* reason, uint64_t mark) {
+void CatchUpCurrentValues(const char* reason, uint64_t from, uint64_t to) {
     size_t counts[2] = {0, 0};
     {
         ContextAutoLock lock(&g_mutex);
-        for (const auto& [id, owner] : g_table.OlderThan(mark)) {
+        for (const auto& [id, owner] : g_table.Between(from, to)) {
             g_waiting.push_back({id, OwnerSite(owner, kCatchUpCurrentValues)});
             ++counts[owner == EventOwner::kServiceApi ? 0 : 1];
         }

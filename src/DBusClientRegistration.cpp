@@ -110,9 +110,13 @@ void Send(DBusClient& client, const Message& message) {
 }
 
 // What is left to do once every message of a batch went out: the unsent
-// requests follow the subscriptions, as they always did.
+// requests follow the subscriptions, as they always did; and the current
+// values can be asked, since the service takes a connection's calls in
+// order: each answer is the value of a subject it has registered.
 void AllSent(DBusClient& client, const Job& job) {
-    if (IsReturn(job.batch)) DBusClientInternal::ResendPendingRequests(client, job.caller);
+    if (!IsReturn(job.batch)) return;
+    DBusClientInternal::ResendPendingRequests(client, job.caller);
+    lumora::internal::ReportServiceReturning(ReasonOf(job.batch));
 }
 
 // Once every message of a return was answered, the application hears that

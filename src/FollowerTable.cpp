@@ -39,11 +39,11 @@ bool FollowerTable::Has(EventOwner owner, const std::string& subject, LumoraSubj
     });
 }
 
-std::vector<std::pair<uint64_t, EventOwner>> FollowerTable::OlderThan(uint64_t mark) const {
-    std::vector<std::pair<uint64_t, EventOwner>> older;
+std::vector<std::pair<uint64_t, EventOwner>> FollowerTable::Between(uint64_t from, uint64_t to) const {
+    std::vector<std::pair<uint64_t, EventOwner>> found;
     for (const Follower& follower : m_followers)
-        if (follower.id < mark) older.emplace_back(follower.id, follower.owner);
-    return older;
+        if (follower.id >= from && follower.id < to) found.emplace_back(follower.id, follower.owner);
+    return found;
 }
 
 bool FollowerTable::Prepare(uint64_t id, uintptr_t& token, std::string& subject) {

@@ -18,6 +18,7 @@ public:
         int available;       // 1, 0, or kUnknown
         const char* reason;  // one of the static reason texts
         uint64_t followers;  // the followers' mark when it was recorded
+        uint64_t asked;      // followers below this mark were asked already, as the return began
     };
 
     // Takes a reported state. A service still away is no news (a check says
@@ -26,7 +27,7 @@ public:
     // current values may have changed meanwhile. News becomes the current
     // state, and is queued for the dispatch when queue is set. Returns
     // whether it was news.
-    bool Record(int available, const char* reason, uint64_t followers, bool queue);
+    bool Record(int available, const char* reason, uint64_t followers, bool queue, uint64_t asked = 0);
     // The oldest queued change; false when none is left.
     bool Next(Change& out);
     // The current state; false while none was reported.
@@ -34,7 +35,7 @@ public:
 
 private:
     std::deque<Change> m_changes;
-    Change m_current = {kUnknown, nullptr, 0};
+    Change m_current = {kUnknown, nullptr, 0, 0};
 };
 
 }  // namespace lumora::internal

@@ -31,6 +31,11 @@ namespace lumora::internal {
 // "hello" (its "HELLO" was taken up; the subscriptions are registered again)
 // or "reconnected" (after a new bus connection).
 void ReportServiceAvailable(const char* reason);
+// The service is coming back (reason as for ReportServiceAvailable) and has
+// been sent every subscription: the current values may be asked from now on,
+// while the availability callbacks are told once the subscriptions were
+// answered (ReportServiceAvailable).
+void ReportServiceReturning(const char* reason);
 // The service cannot be used: reason "bye", "name-lost", "no-answer" or
 // "bus-closed".
 void ReportServiceUnavailable(const char* reason);
@@ -106,13 +111,13 @@ bool IsFollowed(EventOwner owner, const std::string& subject, LumoraSubjectCb ca
 uint64_t FollowersMark();
 // The number of followers; read without the lock.
 size_t FollowerCount();
-// Asks again for the current value of every subject followed before mark,
-// a window of requests in flight at a time; each callback hears the answer
-// only when it differs from what it was told last. Run by the main loop when
-// the service became available (reason as reported), with no library lock
-// held. A subscription made after the service came back asked the new
-// service already.
-void CatchUpCurrentValues(const char* reason, uint64_t mark);
+// Asks again for the current value of every subject followed from mark from
+// up to (not including) mark to, a window of requests in flight at a time;
+// each callback hears the answer only when it differs from what it was told
+// last. Run by the main loop when the service came back (reason as
+// reported), with no library lock held. A subscription made after the
+// service came back asked the new service already.
+void CatchUpCurrentValues(const char* reason, uint64_t from, uint64_t to);
 
 }  // namespace lumora::internal
 

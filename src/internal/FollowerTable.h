@@ -48,8 +48,9 @@ public:
     size_t Size() const { return m_followers.size(); }
     // Followers added from now on have ids from the mark up.
     uint64_t Mark() const { return m_nextId; }
-    // The followers older than mark, with their owners, in table order.
-    std::vector<std::pair<uint64_t, EventOwner>> OlderThan(uint64_t mark) const;
+    // The followers from mark from up to (not including) mark to, with their
+    // owners, in table order.
+    std::vector<std::pair<uint64_t, EventOwner>> Between(uint64_t from, uint64_t to) const;
 
     // A request for follower id's value: its token and subject; a newer
     // request replaces one still awaited. False when id is not followed.

@@ -119,11 +119,15 @@ TEST_F(FollowerTableTest, AnAbandonedRequestIsNoLongerAwaited) {
 TEST_F(FollowerTableTest, TheMarkSeparatesFollowersOlderThanAnEventFromNewerOnes) {
     uint64_t old = m_table.Add(EventOwner::kServiceApi, kVolume, Callback, nullptr);
     uint64_t mark = m_table.Mark();
-    m_table.Add(EventOwner::kObjectInterface, kVolume, Other, nullptr);
-    auto older = m_table.OlderThan(mark);
+    uint64_t newer = m_table.Add(EventOwner::kObjectInterface, kVolume, Other, nullptr);
+    auto older = m_table.Between(0, mark);
     ASSERT_EQ(1u, older.size());
     EXPECT_EQ(old, older[0].first);
     EXPECT_EQ(EventOwner::kServiceApi, older[0].second);
+    auto since = m_table.Between(mark, m_table.Mark());
+    ASSERT_EQ(1u, since.size());
+    EXPECT_EQ(newer, since[0].first);
+    EXPECT_EQ(EventOwner::kObjectInterface, since[0].second);
 }
 
 // ---- availability: which states are news -------------------------------------------
