@@ -44,8 +44,9 @@ struct DBusClientRequest {
  * non-zero value is the service's own code, passed through.
  *
  * Threads: operations may be called from any thread; timers, replies and
- * signals run on the thread that iterates the default GLib main context, which
- * the application must run. Operations marked "client mutex" hold it for their
+ * signals run on the thread that iterates the global default GLib main
+ * context, which the application must run, whatever thread made the call
+ * (also one that pushed a thread-default context of its own). Operations marked "client mutex" hold it for their
  * whole run, blocking bus calls included. The mutex is not recursive, and an
  * asynchronous-request callback runs with it held: called from such a
  * callback, Initialize, Finalize, Read, Request, Subscribe, Unsubscribe and
@@ -78,10 +79,12 @@ public:
     /// mutex). A failed allocation throws std::bad_alloc.
     static DBusClient* GetInstance();
     /// Destroys the instance, if any (client mutex; nothing is done when refused
-    /// inside a request's callback). The connection is not closed, its timers are
-    /// not removed and the records of the two tables are not freed (Finalize does
-    /// that). LMFServiceAPI and LumoraAPI keep pointers of their own to the
-    /// instance, which this does not clear.
+    /// inside a request's callback). The connection is not closed and the
+    /// records of the two tables are not freed (Finalize does that), but
+    /// nothing that points at the instance stays behind: its timers (every
+    /// pending start-callback timer included) and its subscription to the
+    /// service's signal are removed. LMFServiceAPI and LumoraAPI keep pointers
+    /// of their own to the instance, which this does not clear.
     static void DeleteInstance();
 
     /// Connects, listens for the service's signal and asks whether the service
@@ -97,10 +100,13 @@ public:
     /// them).
     bool Initialize(LMF_INIT_RESULT* result, LumoraInitCb callback, void* userData);
     /// Drops subscriptions (telling the service once per record while it is
-    /// available), pending requests, the whitelist, the stored start callback and
-    /// the timers (client mutex); answers still in flight are then dropped. The
-    /// connection stays open for a later Initialize. True, except when refused
-    /// inside a request's callback (false).
+    /// available, without waiting for its answers: the messages go out as a
+    /// window of calls in flight), pending requests, the whitelist, the stored
+    /// start callback and the timers (client mutex); answers still in flight
+    /// are then dropped. Once it returns, no subscription callback runs on
+    /// another thread or will start. The connection stays open for a later
+    /// Initialize. True, except when refused inside a request's callback
+    /// (false).
     bool Finalize();
     /// Copies name (null as "") as this process's name, used in log lines and by
     /// the whitelist. Takes no lock.
@@ -146,7 +152,10 @@ public:
     /// Removes (subject, callback); the service is told when the subject loses
     /// its last local subscriber while the service is available. True when
     /// removed or the bus is not connected; false when the pair is unknown, or
-    /// when refused. Only the table step takes the client mutex.
+    /// when refused. Only the table step takes the client mutex. Once it
+    /// returns, the pair's callback is not running on another thread (a call
+    /// in progress is waited for, with no library lock held) and will not be
+    /// called again; from inside that callback it returns at once.
     bool Unsubscribe(const char* subject, LumoraSubjectCb callback);
 
     /// Adds the names of a whitelist text {"WhiteList":[...]} to the list.
@@ -216,12 +225,16 @@ public:
     /// Appends the records of subject to out, in table order. Always true.
     /// Caller's lock.
     bool FindSubscribesVector(const char* subject, std::vector<DBusClientSubscribe*>& out);
-    /// Tells the service (type 4) once per record while it is available, frees
-    /// every record and empties the table. Caller's lock.
+    /// Tells the service (type 4) once per record while it is available, as a
+    /// window of calls in flight that goes on from the main loop, frees every
+    /// record and empties the table. Caller's lock.
     void __DeleteAllSubscribes();
     /// Handles a signal that no record wanted (client mutex): "HELLO" marks the
     /// service available, adds the whitelist in data, schedules the start
-    /// callback, subscribes every record again and sends every pending request;
+    /// callback, subscribes every record again and then sends every pending
+    /// request (the subscribe messages go out as a window of calls in flight,
+    /// the next as each is answered, so that neither the main loop nor the
+    /// client mutex waits for the service);
     /// "BYE" marks the service not available (records and requests wait for
     /// "HELLO"); anything else is only logged.
     void SubscribeStateCheck(const char* subject, const char* data);

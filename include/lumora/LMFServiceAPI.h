@@ -91,9 +91,12 @@ public:
     /// LMF_INIT_CONNECTION_FAILED.
     static LMF_INIT_RESULT InitServiceWithResponse(LumoraInitCb callback, void* userData);
     /// Counts a stop; the last one finalises the bus client (which is kept for a
-    /// later start), drops every typed and untyped subscription, clears the
-    /// channel callback and forgets the cached process name. False when never
-    /// started, or when refused.
+    /// later start), drops every typed and untyped subscription, the
+    /// availability callbacks and the subscriptions with the current value,
+    /// clears the channel callback and forgets the cached process name. Once
+    /// the last stop returns, none of those callbacks runs on another thread
+    /// (a call in progress is waited for, after m_mutex is released) or will
+    /// run again. False when never started, or when refused.
     static bool FiniService();
     /// Whether the service can be used now; false when never started. Takes no
     /// lock.
@@ -154,7 +157,10 @@ public:
     /// callback), whatever user_data was given. The result is the bus client's:
     /// true when it removed the pair or the bus is not connected, false when it
     /// did not know the pair. False as Subscribe for an invalid or refused
-    /// subject, and when refused inside a callback.
+    /// subject, and when refused inside a callback. Once it returns, the
+    /// triple's callback is not running on another thread (a call in progress
+    /// is waited for, after m_mutex is released) and will not be called again;
+    /// from inside that callback it returns at once.
     static bool Unsubscribe(const char* subject, LumoraSubjectCb callback, void* user_data);
     /// As Subscribe, then asks for subject's current value without blocking:
     /// the callback hears the current value first and then every change, each
@@ -173,11 +179,14 @@ public:
     /// every change, on the main-loop thread with no library lock held (see
     /// LumoraAvailabilityCb). False, with one line, before InitService() or
     /// after the last FiniService() (which removes every callback added here),
-    /// for a null callback or a pair already added. Takes m_mutex.
+    /// for a null callback or a pair already added. Takes m_mutex, then the
+    /// client mutex (to listen for the service's news).
     static bool AddAvailabilityCallback(LumoraAvailabilityCb callback, void* user_data);
-    /// Removes the pair; no call of it starts afterwards. False, with one line,
-    /// when it was not added, and before InitService() or after the last
-    /// FiniService(). Takes m_mutex.
+    /// Removes the pair; once it returns, the callback is not running on
+    /// another thread (a call in progress is waited for) and will not be
+    /// called again. False, with one line, when it was not added, and before
+    /// InitService() or after the last FiniService(). Takes m_mutex for the
+    /// check only.
     static bool RemoveAvailabilityCallback(LumoraAvailabilityCb callback, void* user_data);
     /// @}
 

@@ -52,14 +52,16 @@ public:
  * this class hands each notification to every callback of the subject in the
  * order they subscribed, each with its own user data.
  *
- * Threads and locks: only GetInstance() and DeleteInstance() take a lock (the
- * instance mutex). Read() waits for the bus client's mutex like every read.
- * Subscription callbacks run on the thread that iterates the default GLib
- * main context, with no library lock held, so they may call any operation.
- * Subscribe(), UnSubscribe() and the delivery of notifications change and
- * walk the callback table without a lock: call Subscribe() and UnSubscribe()
- * on the main-loop thread (from a callback too), or make sure yourself that
- * no notification is being delivered meanwhile.
+ * Threads and locks: operations may be called from any thread. GetInstance()
+ * and DeleteInstance() take the instance mutex; Subscribe(), UnSubscribe()
+ * and the delivery of notifications take the callback table's own mutex for
+ * the table step only. Read() waits for the bus client's mutex like every
+ * read. Subscription callbacks run on the thread that iterates the default
+ * GLib main context, with no library lock held, so they may call any
+ * operation. Once UnSubscribe(), RemoveAvailabilityCallback() or
+ * FinalizeService() returns, the callbacks it removed are not running on
+ * another thread (a call in progress is waited for) and will not be called
+ * again; from inside such a callback they return at once.
  *
  * Texts: subjects and inputs must be valid UTF-8 (they travel as D-Bus
  * strings); any other text is refused as a bad argument.
@@ -88,10 +90,12 @@ public:
     /// could not be allocated.
     bool InitializeService() override;
     /// Finalises the shared bus client: its subscriptions, pending requests
-    /// and timers are dropped, for LMFServiceAPI's users as well. True when
-    /// done; false, with "already destroyed dbus", before InitializeService().
-    /// The callback table is kept, and a later InitializeService() does not
-    /// start the client again (see there).
+    /// and timers are dropped, for LMFServiceAPI's users as well; so are the
+    /// availability callbacks and the subscriptions with the current value
+    /// added through this class. True when done; false, with "already
+    /// destroyed dbus", before InitializeService(). The callback table is kept,
+    /// and a later InitializeService() does not start the client again (see
+    /// there).
     bool FinalizeService() override;
     /**
      * Subscribes callback with userData to subject's change notifications.
@@ -158,9 +162,12 @@ public:
     /// Adds an availability callback, told the current state at once and then
     /// every change, on the main-loop thread with no library lock held (see
     /// LumoraAvailabilityCb). False, with one line, before InitializeService(),
-    /// for a null callback or a pair already added. Takes no library lock.
+    /// for a null callback or a pair already added, and inside a request's
+    /// callback (it takes the bus client's mutex to listen for the service's
+    /// news).
     bool AddAvailabilityCallback(LumoraAvailabilityCb callback, void* userData);
-    /// Removes the pair; no call of it starts afterwards. False, with one line,
+    /// Removes the pair; once it returns, the callback is not running on
+    /// another thread and will not be called again. False, with one line,
     /// when it was not added or before InitializeService().
     bool RemoveAvailabilityCallback(LumoraAvailabilityCb callback, void* userData);
     /// @}

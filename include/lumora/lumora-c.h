@@ -13,11 +13,18 @@
  *
  * @par Threads
  * The functions may be called from any thread. Callbacks run on the thread
- * that iterates the default GLib main context; the application must run a
- * GLib main loop there for them to fire. (GIO delivers a bus reply or signal
- * to the thread-default main context of the thread that started the service
- * or made the request; for a thread that never pushed one with
- * g_main_context_push_thread_default(), that is the default context.)
+ * that iterates the global default GLib main context; the application must
+ * run a GLib main loop there for them to fire. This holds whatever thread
+ * starts the service, subscribes or requests, also a thread that pushed a
+ * main context of its own with g_main_context_push_thread_default().
+ *
+ * @par Removing a callback
+ * When Lumora_Unsubscribe(), Lumora_RemoveAvailabilityCallback() or the
+ * last Lumora_FiniService() returns, the callbacks it removed are not
+ * running on any other thread (a call in progress is waited for) and will
+ * not be called again: the user data may be freed at once. Called from
+ * inside the removed callback itself, they return at once. So do not call
+ * them while holding a lock of your own that the callback takes.
  *
  * @par Locks held while a callback runs
  * - A request's callback (the LumoraSubjectCb of the Lumora_Request...
@@ -30,9 +37,12 @@
  *   LMFServiceAPI::m_mutex. From inside it, start, stop, subscribe and
  *   unsubscribe are refused the same way; reads, writes, requests and the
  *   channel functions may be called.
- * - Subscription callbacks, typed-signal callbacks and the start callback of
- *   Lumora_InitServiceWithResponse(): no library lock; they may call any
- *   function, subscribe and unsubscribe included.
+ * - Subscription callbacks, typed-signal callbacks, availability callbacks
+ *   and the start callback of Lumora_InitServiceWithResponse(): no library
+ *   lock; they may call any function, subscribe and unsubscribe included.
+ * - Lumora_AddAvailabilityCallback() and Lumora_SubscribeWithValue() take the
+ *   client mutex (to listen for the service's news): they are refused inside
+ *   a request's callback like the other functions that take it.
  *
  * Do not iterate the main context from inside a callback.
  *
@@ -261,7 +271,8 @@ typedef void (*LumoraInitCb)(char* data, void* userData);
  *  callback(available, reason, userData). available is 1 when the service can
  *  be used and 0 when it cannot; reason says why, as a static text:
  *  - "ready": the service answered that it is enabled (at the start, or at a
- *    later check);
+ *    later check; after a check, what was subscribed while it was away is
+ *    registered with it by the time the callback runs);
  *  - "hello": the service announced itself ("HELLO", after a restart); the
  *    subscriptions are registered with it again by the time the callback
  *    runs, so a read from the callback reaches the new service;
@@ -271,6 +282,10 @@ typedef void (*LumoraInitCb)(char* data, void* userData);
  *    not enabled;
  *  - "name-lost": the service's bus name has no owner any more (it crashed or
  *    was killed), or it had not started;
+ *  - "no-answer": the service holds its name but did not answer in time (it
+ *    hangs, or is stopped); the library keeps checking every 3 s and tells
+ *    "ready" once it answers again, with the subscriptions registered with
+ *    it by then;
  *  - "bus-closed": the library's bus connection closed (the bus daemon went
  *    away) or could not be opened.
  *  Runs on the main-loop thread with no library lock held. */
@@ -321,10 +336,13 @@ LUMORA_EXPORT bool CS_InitService(void); /**< The same as Lumora_InitService(). 
  *  refused: LMF_INIT_CONNECTION_FAILED. */
 LUMORA_EXPORT LMF_INIT_RESULT Lumora_InitServiceWithResponse(LumoraInitCb callback, void* userData);
 /** Stops using the service (counts a stop). The last stop drops every
- *  subscription (the service is told), the pending requests and the typed
- *  signals, and clears the channel callback; answers still in flight are then
- *  dropped without a callback. The bus connection stays open for a later
- *  start. false when the service was never started, or when refused. */
+ *  subscription (the service is told, without waiting for its answers), the
+ *  pending requests, the typed signals, the availability callbacks and the
+ *  subscriptions with the current value, and clears the channel callback;
+ *  answers still in flight are then dropped without a callback. Once it
+ *  returns, none of those callbacks runs or will run (see "Removing a
+ *  callback"). The bus connection stays open for a later start. false when
+ *  the service was never started, or when refused. */
 LUMORA_EXPORT bool Lumora_FiniService(void);
 LUMORA_EXPORT bool CS_FiniService(void); /**< The same as Lumora_FiniService(). */
 /** @} */
@@ -486,7 +504,9 @@ LUMORA_EXPORT bool Lumora_RequestWeatherInfo(const char* input, LumoraSubjectCb 
 
 /** Subscribes callback with userData to subject. */
 LUMORA_EXPORT bool Lumora_Subscribe(const char* subject, LumoraSubjectCb callback, void* userData);
-/** Unsubscribes callback with userData from subject. */
+/** Unsubscribes callback with userData from subject. Once it returns, the
+ *  callback runs nowhere for this subscription and will not be called for it
+ *  again (see "Removing a callback"). */
 LUMORA_EXPORT bool Lumora_Unsubscribe(const char* subject, LumoraSubjectCb callback, void* userData);
 /**
  * Subscribes callback with userData to subject and asks for its current value:
@@ -494,15 +514,21 @@ LUMORA_EXPORT bool Lumora_Unsubscribe(const char* subject, LumoraSubjectCb callb
  * once, in order. It is subscribed first; the value is then asked without
  * blocking, and its answer is dropped (with a log line) when a notification
  * of the subject came before it, since that notification is newer. An answer
- * that fails (a service error, the bus time-out) reaches the callback as
- * {"Status":"Error"}, as a failed request does, and the subscription stays.
- * While the service is not available the value is asked as soon as it is.
+ * that fails while the service is there (a service error, the bus time-out)
+ * reaches the callback as {"Status":"Error"}, as a failed request does, and
+ * the subscription stays. While the service is not available (it left, does
+ * not answer, or the bus itself is away) the value is not asked: it is asked
+ * as soon as the service is back, and the callback never hears an error only
+ * because the service was away.
  *
  * After every return of the service ("HELLO", a new bus connection, a
- * service found ready) the library asks again for the current value of every
- * subscription made this way, all requests in flight together, and calls the
- * callback when the value differs from the last one it was given: a change
- * made while the service was away is not missed.
+ * service found answering again) the library asks again for the current
+ * value of every subscription made this way, as soon as the subscriptions
+ * went out to it, a window of requests in flight at a time (so that a bus's
+ * limit of pending replies is never met), and calls the callback when the
+ * value differs from the last one it was given: a change made while the
+ * service was away is not missed. Refused inside a request's callback (it
+ * takes the client mutex).
  *
  * Remove it with Lumora_Unsubscribe(). Returns false as Lumora_Subscribe()
  * does (the same subjects, the whitelist, duplicates), and for a NULL
@@ -575,14 +601,18 @@ LUMORA_EXPORT bool Lumora_UnsubscribeBrightnessLevelEx(LumoraSubjectCb callback,
 /** @{ */
 
 /** Adds callback with userData. The current state reaches it at once from the
- *  main loop (when the library has learnt one), then every change. Returns
- *  false, with one log line, before Lumora_InitService() or after the last
- *  Lumora_FiniService(), for a NULL callback, or for a (callback, userData)
- *  already added. The last Lumora_FiniService() removes every callback added
- *  here. */
+ *  main loop (when the library has learnt one), then every change. While an
+ *  availability callback exists, the library hears the service's going and
+ *  coming back whether or not the application holds subscriptions, and
+ *  checks every 3 s for a service that does not answer. Returns false, with
+ *  one log line, before Lumora_InitService() or after the last
+ *  Lumora_FiniService(), for a NULL callback, for a (callback, userData)
+ *  already added, or inside a request's callback. The last
+ *  Lumora_FiniService() removes every callback added here. */
 LUMORA_EXPORT bool Lumora_AddAvailabilityCallback(LumoraAvailabilityCb callback, void* userData);
-/** Removes (callback, userData); no call of it starts once this returns (one
- *  running on another thread at that moment is not waited for). Returns
+/** Removes (callback, userData). Once it returns, the callback is not running
+ *  on any other thread (a call in progress is waited for) and will not be
+ *  called again; from inside the callback itself it returns at once. Returns
  *  false, with one log line, when the pair was not added, and before
  *  Lumora_InitService() or after the last Lumora_FiniService(). */
 LUMORA_EXPORT bool Lumora_RemoveAvailabilityCallback(LumoraAvailabilityCb callback, void* userData);
