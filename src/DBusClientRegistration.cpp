@@ -230,11 +230,14 @@ void DBusClientInternal::ClearRegistrations() {
 
 size_t DBusClientInternal::RegistrationsInFlight() { return g_inFlight; }
 
+// The call's record was made under the client mutex on the thread that sent
+// it: it is read here under the same mutex.
 void DBusClientInternal::OnRegistrationAnswer(GObject* source, GAsyncResult* result, gpointer userData) {
     auto* call = static_cast<Call*>(userData);
     lumora::internal::GuardedVoid(kOnAnswer, [&] {
         GError* error = nullptr;
         GVariant* reply = g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, &error);
+        ContextAutoLock lock(Mutex());
         // The lines of a failed blocking call; the result itself is ignored,
         // as it always was.
         if (reply == nullptr) {
@@ -245,10 +248,9 @@ void DBusClientInternal::OnRegistrationAnswer(GObject* source, GAsyncResult* res
         }
         if (reply != nullptr) g_variant_unref(reply);
         if (error != nullptr) g_error_free(error);
-        ContextAutoLock lock(Mutex());
         if (g_inFlight > 0) --g_inFlight;
         CountAnswered(call->job);
         if (DBusClient* client = DBusClient::m_pInstance) Pump(*client);
+        delete call;
     });
-    delete call;
 }

@@ -4,6 +4,7 @@
 // SIGKILL (it says nothing) and started again under the running application.
 #include <signal.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <string>
@@ -130,7 +131,7 @@ TEST_F(AvailabilityTest, AServiceThatSaysItIsNotEnabledIsToldAsByeAndItsReturnAs
 
 // ---- callbacks that call the library -------------------------------------------
 
-int g_removals = 0;
+std::atomic<int> g_removals{0};
 
 void RemovesItself(int available, const char* reason, void* userData) {
     RecordedAvailability<3>(available, reason, userData);
@@ -153,13 +154,13 @@ TEST_F(AvailabilityTest, ACallbackMayRemoveItselfAndSubscribeAndReadFromInside) 
     ASSERT_TRUE(Lumora_AddAvailabilityCallback(RemovesItself, nullptr));
     ASSERT_TRUE(Lumora_AddAvailabilityCallback(SubscribesOnHello, nullptr));
     ASSERT_TRUE(WaitUntil([&] { return Heard(3).size() == 1 && Heard(4).size() == 1; }, 5000));
-    EXPECT_EQ(1, g_removals);
+    EXPECT_EQ(1, g_removals.load());
     ASSERT_TRUE(Control(lumora::sim::kCtlRestart, g_variant_new("(u)", 300u)).Ok());
     ASSERT_TRUE(WaitUntil([&] { return Heard(4).size() == 3; }, 5000)) << m_log.Dump();
     // The read from the callback reached the new service; the subscription
     // made there gets its current value, then the changes.
     ASSERT_TRUE(WaitUntil([&] { return !Heard(5).empty(); }, 5000)) << m_log.Dump();
-    EXPECT_EQ(2, g_removals);
+    EXPECT_EQ(2, g_removals.load());
     auto all = Recorder().All();
     std::vector<Delivery> read, subscribed;
     for (const Delivery& delivery : all) {
