@@ -155,8 +155,16 @@ TEST_F(CallbackRemovalTest, ASubscriptionWithTheValueRemovedMeanwhileLeavesNoFol
     // An answer held a while, so that the subscription's request is still out
     // when the other thread removes it.
     ASSERT_TRUE(Control(lumora::sim::kCtlSetDelay, g_variant_new("(su)", kVolume, 20u)).Ok());
+    // Other threads keep the cores busy, so that either thread may be
+    // preempted anywhere in its call.
+    std::atomic<bool> busy{true};
+    std::vector<std::thread> spinners;
+    for (int i = 0; i < 2; ++i)
+        spinners.emplace_back([&busy] {
+            while (busy) std::this_thread::yield();
+        });
     int orphans = 0;
-    for (int round = 0; round < 60; ++round) {
+    for (int round = 0; round < 100; ++round) {
         Watched watched;
         std::atomic<bool> go{false};
         std::atomic<bool> subscribed{false};
@@ -182,6 +190,8 @@ TEST_F(CallbackRemovalTest, ASubscriptionWithTheValueRemovedMeanwhileLeavesNoFol
         g_usleep(60 * 1000);  // the held answer comes back
         if (watched.afterRemoval.load() != 0) ++orphans;
     }
+    busy = false;
+    for (std::thread& spinner : spinners) spinner.join();
     EXPECT_EQ(0, orphans);
 }
 
