@@ -166,8 +166,8 @@ std::vector<Telling> TakeListenersToTell(const AvailabilityLog::Change& change) 
 
 void LogTelling(const std::vector<Telling>& tellings, const AvailabilityLog::Change& change) {
     for (EventOwner owner : {EventOwner::kServiceApi, EventOwner::kObjectInterface}) {
-        size_t count = static_cast<size_t>(std::count_if(tellings.begin(), tellings.end(),
-                                                         [owner](const Telling& t) { return t.owner == owner; }));
+        size_t count = static_cast<size_t>(
+            std::count_if(tellings.begin(), tellings.end(), [owner](const Telling& t) { return t.owner == owner; }));
         if (count == 0) continue;
         LogSite site = OwnerSite(owner, kDispatch);
         LMF_LOG_SITE(LUMORA_PRIO_INFO, site.unit, site.function, "service %s (%s): telling %zu callback(s)",
@@ -210,8 +210,7 @@ gboolean DispatchAvailability(gpointer) {
         while (NextChange(change, tellings, recorded)) {
             // The current state told to listeners added since is no return of
             // the service: nothing to catch up then.
-            if (recorded && change.available == 1)
-                CatchUpCurrentValues(change.reason, change.asked, change.followers);
+            if (recorded && change.available == 1) CatchUpCurrentValues(change.reason, change.asked, change.followers);
             LogTelling(tellings, change);
             Tell(tellings, change);
         }
@@ -226,8 +225,7 @@ LogSite OwnerSite(EventOwner owner, const char* function) {
 }
 
 CallbackTable AvailabilityTable(EventOwner owner) {
-    return owner == EventOwner::kServiceApi ? CallbackTable::kServiceAvailability
-                                            : CallbackTable::kObjectAvailability;
+    return owner == EventOwner::kServiceApi ? CallbackTable::kServiceAvailability : CallbackTable::kObjectAvailability;
 }
 
 void ReportServiceAvailable(const char* reason) { Record(1, reason); }
@@ -288,8 +286,7 @@ bool RemoveAvailabilityListener(LogSite site, EventOwner owner, LumoraAvailabili
         ContextAutoLock lock(&g_mutex);
         auto it = FindListener(owner, callback, userData);
         if (it == g_listeners.end()) {
-            LMF_LOGE_FOR(site, "callback[%p] userData[%p] was not added", reinterpret_cast<void*>(callback),
-                         userData);
+            LMF_LOGE_FOR(site, "callback[%p] userData[%p] was not added", reinterpret_cast<void*>(callback), userData);
             return false;
         }
         g_listeners.erase(it);

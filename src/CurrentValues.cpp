@@ -115,8 +115,8 @@ void LogOutcome(FollowerTable::Outcome outcome, const FollowerTable::Target& tar
             LMF_LOGE_FOR(site, "stale answer for %s dropped: a notification came first", target.subject.c_str());
             break;
         case FollowerTable::Outcome::kKeepLast:
-            LMF_LOGE_FOR(site, "no current value of %s after the service came back; keeping %s",
-                         target.subject.c_str(), target.hadValue ? "the last one" : "none");
+            LMF_LOGE_FOR(site, "no current value of %s after the service came back; keeping %s", target.subject.c_str(),
+                         target.hadValue ? "the last one" : "none");
             break;
         case FollowerTable::Outcome::kLater:
             LMF_LOGE_FOR(site, "the current value of %s is asked when the service is back", target.subject.c_str());

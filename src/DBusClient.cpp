@@ -71,11 +71,10 @@ bool g_bRegistrationOwed = false;
 // A service that holds its name but does not answer in time (it hangs, or is
 // stopped) is told apart from one whose name has no owner.
 EnableOutcome OutcomeOf(const GError* error) {
-    if (error != nullptr &&
-        (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT) ||
-         g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_NO_REPLY) ||
-         g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_TIMEOUT) ||
-         g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_TIMED_OUT)))
+    if (error != nullptr && (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT) ||
+                             g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_NO_REPLY) ||
+                             g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_TIMEOUT) ||
+                             g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_TIMED_OUT)))
         return EnableOutcome::kNoAnswer;
     return EnableOutcome::kFailed;
 }
@@ -85,7 +84,9 @@ void RemoveInitTimers() {
     g_initTimers.clear();
 }
 
-void ForgetInitTimer(guint id) { g_initTimers.erase(std::remove(g_initTimers.begin(), g_initTimers.end(), id), g_initTimers.end()); }
+void ForgetInitTimer(guint id) {
+    g_initTimers.erase(std::remove(g_initTimers.begin(), g_initTimers.end(), id), g_initTimers.end());
+}
 
 }  // namespace
 

@@ -32,8 +32,7 @@ size_t FollowerTable::Remove(const std::function<bool(EventOwner, const std::str
     return removed;
 }
 
-bool FollowerTable::Has(EventOwner owner, const std::string& subject, LumoraSubjectCb callback,
-                        void* userData) const {
+bool FollowerTable::Has(EventOwner owner, const std::string& subject, LumoraSubjectCb callback, void* userData) const {
     return std::any_of(m_followers.begin(), m_followers.end(), [&](const Follower& f) {
         return f.owner == owner && f.subject == subject && f.callback == callback && f.userData == userData;
     });

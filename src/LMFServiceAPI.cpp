@@ -10,8 +10,8 @@
 
 #include "DBusClientInternal.h"
 #include "LMFServiceAPIInternal.h"
-#include "internal/CallbackGate.h"
 #include "internal/Atomic.h"
+#include "internal/CallbackGate.h"
 #include "internal/Events.h"
 #include "internal/Log.h"
 #include "internal/Reentry.h"
@@ -134,9 +134,9 @@ bool LMFServiceAPI::FiniService() {
     // anywhere, and none will start. The running ones are waited for after
     // m_mutex is released: they may take it.
     if (finalized) {
-        for (CallbackTable table : {CallbackTable::kBusClient, CallbackTable::kServiceSignals,
-                                    CallbackTable::kServiceSubjects, CallbackTable::kServiceValues,
-                                    CallbackTable::kServiceAvailability})
+        for (CallbackTable table :
+             {CallbackTable::kBusClient, CallbackTable::kServiceSignals, CallbackTable::kServiceSubjects,
+              CallbackTable::kServiceValues, CallbackTable::kServiceAvailability})
             CallbackGate::Retire({table});
     }
     return result;

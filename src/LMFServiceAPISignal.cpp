@@ -12,8 +12,8 @@
 
 #include "DBusClientInternal.h"
 #include "LMFServiceAPIInternal.h"
-#include "internal/CallbackGate.h"
 #include "internal/Atomic.h"
+#include "internal/CallbackGate.h"
 #include "internal/Log.h"
 #include "internal/Reentry.h"
 #include "internal/ServiceContract.h"

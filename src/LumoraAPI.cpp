@@ -11,8 +11,8 @@
 
 #include "DBusClientInternal.h"
 #include "LMFServiceAPIInternal.h"
-#include "internal/CallbackGate.h"
 #include "internal/Atomic.h"
+#include "internal/CallbackGate.h"
 #include "internal/Events.h"
 #include "internal/Log.h"
 #include "internal/Reentry.h"

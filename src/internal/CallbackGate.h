@@ -25,14 +25,14 @@ namespace lumora::internal {
 
 // The tables whose deliveries pass the gate.
 enum class CallbackTable : uint8_t {
-    kBusClient,           // DBusClient's subscriptions: (subject, callback)
-    kServiceSignals,      // LMFServiceAPI's typed signals: (subject, callback, userData)
-    kServiceSubjects,     // LMFServiceAPI's untyped list: (subject, callback, userData)
-    kObjectSubjects,      // LumoraAPI's callback table: (subject, callback, userData)
-    kServiceAvailability, // availability callbacks added through the service API
-    kObjectAvailability,  // availability callbacks added through LumoraAPI
-    kServiceValues,       // subscriptions with the current value of the service API
-    kObjectValues,        // subscriptions with the current value of LumoraAPI
+    kBusClient,            // DBusClient's subscriptions: (subject, callback)
+    kServiceSignals,       // LMFServiceAPI's typed signals: (subject, callback, userData)
+    kServiceSubjects,      // LMFServiceAPI's untyped list: (subject, callback, userData)
+    kObjectSubjects,       // LumoraAPI's callback table: (subject, callback, userData)
+    kServiceAvailability,  // availability callbacks added through the service API
+    kObjectAvailability,   // availability callbacks added through LumoraAPI
+    kServiceValues,        // subscriptions with the current value of the service API
+    kObjectValues,         // subscriptions with the current value of LumoraAPI
 };
 
 // One registration, as a delivery names it. A table without subjects leaves

@@ -11,8 +11,8 @@
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <utility>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "internal/Events.h"
@@ -23,12 +23,12 @@ class FollowerTable {
 public:
     // What an answer is to become.
     enum class Outcome {
-        kDeliver,    // new for the callback: deliver it
-        kNotAwaited, // unsubscribed meanwhile, or a newer request counts
-        kStale,      // a notification came after the request: it is newer
-        kKeepLast,   // a failed answer after the first: the last value stays
-        kLater,      // a failed first answer while the service is away: asked again when it is back
-        kUnchanged,  // what the callback was told last
+        kDeliver,     // new for the callback: deliver it
+        kNotAwaited,  // unsubscribed meanwhile, or a newer request counts
+        kStale,       // a notification came after the request: it is newer
+        kKeepLast,    // a failed answer after the first: the last value stays
+        kLater,       // a failed first answer while the service is away: asked again when it is back
+        kUnchanged,   // what the callback was told last
     };
 
     // Where a delivery goes.

@@ -81,7 +81,8 @@ TEST_F(CallbackRemovalTest, RemovingAnAvailabilityCallbackWaitsForItsRunningCall
     Start();
     Watched watched;
     ASSERT_TRUE(Lumora_AddAvailabilityCallback(SlowAvailability, &watched));
-    EXPECT_FALSE(RunningWhenRemoved(watched, [&] { return Lumora_RemoveAvailabilityCallback(SlowAvailability, &watched); }));
+    EXPECT_FALSE(
+        RunningWhenRemoved(watched, [&] { return Lumora_RemoveAvailabilityCallback(SlowAvailability, &watched); }));
     ASSERT_TRUE(Control(lumora::sim::kCtlRestart, g_variant_new("(u)", 100u)).Ok());
     Settle();
     EXPECT_EQ(1, watched.calls.load());
@@ -132,8 +133,8 @@ TEST_F(CallbackRemovalTest, TheObjectInterfaceWaitsForItsRunningCallbacksToo) {
     EXPECT_FALSE(RunningWhenRemoved(value, [&] { return api->UnSubscribe(kVolume, SlowValue, &value) || true; }));
     Watched availability;
     ASSERT_TRUE(api->AddAvailabilityCallback(SlowAvailability, &availability));
-    EXPECT_FALSE(RunningWhenRemoved(
-        availability, [&] { return api->RemoveAvailabilityCallback(SlowAvailability, &availability); }));
+    EXPECT_FALSE(RunningWhenRemoved(availability,
+                                    [&] { return api->RemoveAvailabilityCallback(SlowAvailability, &availability); }));
     ASSERT_TRUE(Control(lumora::sim::kCtlRestart, g_variant_new("(u)", 100u)).Ok());
     Settle();
     EXPECT_EQ(0, value.afterRemoval.load());

@@ -116,9 +116,10 @@ TEST_F(ServiceReturnTest, HelloRegistersHeldSubscriptionsWithoutFreezingTheMainL
     ASSERT_TRUE(WaitUntil([&] { return Heard(2).size() == 3; }, 5000)) << m_log.Dump();
     double helloMs = MsSince(restarted);
     m_loop.Invoke([&] { watch.Stop(); });
-    printf("timing: registrations out %.0f ms after the restart; another read took %.0f ms; \"hello\" told after "
-           "%.0f ms; the main loop was blocked at most %.1f ms\n",
-           allSentMs, readMs, helloMs, watch.LongestMs());
+    printf(
+        "timing: registrations out %.0f ms after the restart; another read took %.0f ms; \"hello\" told after "
+        "%.0f ms; the main loop was blocked at most %.1f ms\n",
+        allSentMs, readMs, helloMs, watch.LongestMs());
     EXPECT_EQ((std::vector<std::string>{"ready=1", "bye=0", "hello=1"}), Heard(2));
     EXPECT_LT(allSentMs, 550);
     EXPECT_LT(readMs, 400);
@@ -212,8 +213,8 @@ TEST_F(ServiceReturnTest, AnApplicationWithoutAvailabilityCallbacksOrValuesLogsO
     ASSERT_TRUE(Lumora_Unsubscribe(kVolume, Recorded<1>, nullptr));
     ASSERT_TRUE(Lumora_FiniService());
     g_usleep(300 * 1000);
-    const std::set<std::string> units = {"DBusClient.cpp",  "LMFServiceAPI.cpp",   "LMFServiceAPI_managed.cpp",
-                                         "CS_LMFServiceAPI.cpp", "LumoraAPI.cpp", "LMFDIPC_managed.cpp"};
+    const std::set<std::string> units = {"DBusClient.cpp",       "LMFServiceAPI.cpp", "LMFServiceAPI_managed.cpp",
+                                         "CS_LMFServiceAPI.cpp", "LumoraAPI.cpp",     "LMFDIPC_managed.cpp"};
     for (const LogRecord& record : OwnRecords()) {
         EXPECT_EQ(1u, units.count(record.file)) << record.raw;
         EXPECT_EQ(std::string::npos, record.text.find("callback(s)")) << record.raw;
