@@ -57,10 +57,7 @@ void Busy(int microseconds) {
 class ReproductionTest : public testing::Test {
 protected:
     void SetUp() override {
-        WatchGLibMessages();
-        program_invocation_short_name = const_cast<char*>("myapp");
-        m_seed = StressSeed();
-        Violations::Instance().SetSeed(m_seed);
+        m_seed = BeginSeededTest();
         printf("seed %llu\n", static_cast<unsigned long long>(m_seed));
         ASSERT_TRUE(m_bed.Start()) << SeedText();
     }

@@ -123,10 +123,7 @@ private:
 class StressTest : public testing::Test {
 protected:
     void SetUp() override {
-        WatchGLibMessages();
-        program_invocation_short_name = const_cast<char*>("myapp");
-        m_seed = StressSeed();
-        Violations::Instance().SetSeed(m_seed);
+        m_seed = BeginSeededTest();
         printf(
             "stress seed %llu (LUMORA_STRESS_SEED makes the same choices again; the interleaving still varies), %d s\n",
             static_cast<unsigned long long>(m_seed), StressSeconds());

@@ -1,9 +1,12 @@
 #include "Violations.h"
 
+#include <errno.h>
 #include <glib.h>
 
 #include <cstdio>
 #include <sstream>
+
+#include "StressBed.h"
 
 namespace lumora::test {
 
@@ -129,6 +132,14 @@ void WatchGLibMessages() {
     if (installed) return;
     installed = true;
     g_log_set_writer_func(WriteGLibMessage, nullptr, nullptr);
+}
+
+uint64_t BeginSeededTest() {
+    WatchGLibMessages();
+    program_invocation_short_name = const_cast<char*>("myapp");
+    uint64_t seed = StressSeed();
+    Violations::Instance().SetSeed(seed);
+    return seed;
 }
 
 }  // namespace lumora::test

@@ -67,6 +67,11 @@ std::string SeedText();
 /// once per process; later calls do nothing.
 void WatchGLibMessages();
 
+/// The start of a seeded test: GLib's messages watched, the process named
+/// "myapp", the seed chosen (StressSeed) and given to the violations, which
+/// print it with every failure. Returns the seed.
+uint64_t BeginSeededTest();
+
 }  // namespace lumora::test
 
 #endif
