@@ -73,6 +73,11 @@ gboolean CatchUpOnReturn(gpointer data) {
     return G_SOURCE_REMOVE;
 }
 
+// Advanced by every change of the service name's owner: the answer to the
+// question asked when the name lost its owner tells "name-lost" only when no
+// new owner came meanwhile (a new service may have said "HELLO" already).
+std::atomic<uintptr_t> g_ownerChanges{0};
+
 gboolean DispatchAvailability(gpointer);
 
 void ScheduleDispatch() {
@@ -84,7 +89,7 @@ void ScheduleDispatch() {
 // alone went; no answer on a closed connection means the daemon itself is
 // going (it drops its clients' names as it stops), which the connection's
 // close reports as "bus-closed".
-void OnBusStillThere(GObject* source, GAsyncResult* result, gpointer) {
+void OnBusStillThere(GObject* source, GAsyncResult* result, gpointer asked) {
     GuardedVoid(kOnNameOwnerChanged, [&] {
         auto* connection = G_DBUS_CONNECTION(source);
         GError* error = nullptr;
@@ -92,6 +97,7 @@ void OnBusStillThere(GObject* source, GAsyncResult* result, gpointer) {
         if (reply != nullptr) g_variant_unref(reply);
         if (error != nullptr) g_error_free(error);
         if (reply == nullptr && g_dbus_connection_is_closed(connection)) return;
+        if (g_ownerChanges.load() != reinterpret_cast<uintptr_t>(asked)) return;  // a new owner came since
         ReportServiceUnavailable("name-lost");
     });
 }
@@ -106,10 +112,11 @@ void OnNameOwnerChanged(GDBusConnection* connection, const gchar*, const gchar*,
         }
         const gchar* newOwner = nullptr;
         g_variant_get(parameters, "(&s&s&s)", nullptr, nullptr, &newOwner);
+        uintptr_t changes = ++g_ownerChanges;
         if (newOwner[0] != '\0') return;
         g_dbus_connection_call(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
                                "GetId", nullptr, G_VARIANT_TYPE("(s)"), G_DBUS_CALL_FLAGS_NONE, -1, nullptr,
-                               OnBusStillThere, nullptr);
+                               OnBusStillThere, reinterpret_cast<gpointer>(changes));
     });
 }
 
