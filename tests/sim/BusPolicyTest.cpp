@@ -23,6 +23,7 @@
 #include "SimProcess.h"
 #include "TempDir.h"
 #include "TestBus.h"
+#include "internal/HandOff.h"
 
 namespace lumora::test {
 namespace {
@@ -156,6 +157,7 @@ void OnAvailability(int available, const char* reason, void*) {
 // Every signal on the service's object path, as a raw subscriber sees it.
 void OnRawSignal(GDBusConnection*, const gchar*, const gchar*, const gchar* interface, const gchar* member,
                  GVariant* parameters, gpointer heard) {
+    lumora::internal::HandOffReceive(heard);
     gchar* printed = g_variant_print(parameters, FALSE);
     static_cast<Heard*>(heard)->Add(std::string(interface) + "." + member + " " + printed);
     g_free(printed);
@@ -165,10 +167,6 @@ TEST_F(BusPolicyTest, AnotherUsersForgedResponseByeAndHelloReachNoSubscriber) {
     if (std::string(LUMORA_SERVICE_USER) != "root") GTEST_SKIP() << "the service user is " << LUMORA_SERVICE_USER;
     ASSERT_TRUE(StartBus(true));
     ASSERT_TRUE(m_sim.Start());
-    // Made before the loop thread that fills it starts: GLib's own locks,
-    // which order the subscription before its first callback, are invisible
-    // to ThreadSanitizer.
-    Heard rawHeard;
     MainLoopThread loop;
     // An application of the library, and a raw subscriber to every signal of
     // the service's object path on a connection of its own.
@@ -178,6 +176,9 @@ TEST_F(BusPolicyTest, AnotherUsersForgedResponseByeAndHelloReachNoSubscriber) {
     ASSERT_TRUE(WaitUntil([] { return g_library.Has("available ready"); }, 5000));
     GDBusConnection* raw = ConnectToBus(m_bus.Address());
     ASSERT_NE(nullptr, raw);
+    // Filled by OnRawSignal on the loop's thread: the subscription hands it over.
+    Heard rawHeard;
+    lumora::internal::HandOffSend(&rawHeard);
     guint id = g_dbus_connection_signal_subscribe(raw, nullptr, nullptr, nullptr, "/org/verdin/tv/lumora2", nullptr,
                                                   G_DBUS_SIGNAL_FLAGS_NONE, OnRawSignal, &rawHeard, nullptr);
     ASSERT_TRUE(CallControl(raw, lumora::sim::kCtlGetStatus).Ok());  // the match rule is in place

@@ -79,9 +79,8 @@ private:
     guint m_subscription = 0;
     mutable std::mutex m_mutex;
     std::vector<ReceivedSignal> m_signals;
-    // Last: the thread starts once the members it uses exist. Work handed to
-    // it later passes through GLib's own lock, which ThreadSanitizer cannot
-    // see, so only the thread's start orders those constructions before it.
+    // Last: the thread starts once the members it uses exist, and stops
+    // (in the destructor) before they go.
     MainLoopThread m_thread{true};
 };
 

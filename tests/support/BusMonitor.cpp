@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "BusCalls.h"
+#include "internal/HandOff.h"
 
 namespace lumora::test {
 
@@ -61,11 +62,9 @@ BusMonitor::BusMonitor(const std::string& address) {
     m_connection = ConnectToBus(address);
     if (m_connection == nullptr) return;
     // The filter runs on GDBus's worker thread, which may be running already
-    // (another connection of the process started it). GLib hands the filter
-    // over under a lock of its own that ThreadSanitizer cannot see; this
-    // release, acquired first thing in the filter, orders the members'
-    // construction before their use there.
-    m_published.store(true, std::memory_order_release);
+    // (another connection of the process started it): the members built so
+    // far reach it through GLib.
+    internal::HandOffSend(this);
     g_dbus_connection_add_filter(m_connection, Filter, this, nullptr);
     std::string toService = std::string("type='method_call',destination='") + kService + "'";
     std::string signals = std::string("type='signal',interface='") + kInterface + "'";
@@ -105,8 +104,8 @@ BusMonitor::~BusMonitor() {
 GDBusMessage* BusMonitor::Filter(GDBusConnection*, GDBusMessage* message, gboolean incoming, gpointer self) {
     GDBusMessageType type = g_dbus_message_get_message_type(message);
     if (!incoming || type == G_DBUS_MESSAGE_TYPE_METHOD_RETURN || type == G_DBUS_MESSAGE_TYPE_INVALID) return message;
+    internal::HandOffReceive(self);
     auto* monitor = static_cast<BusMonitor*>(self);
-    if (!monitor->m_published.load(std::memory_order_acquire)) return message;
     // Held for every path from here, so that the destructor's lock orders
     // this run before the members go.
     std::lock_guard<std::mutex> lock(monitor->m_mutex);

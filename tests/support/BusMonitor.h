@@ -66,7 +66,6 @@ private:
     static GDBusMessage* Filter(GDBusConnection*, GDBusMessage* message, gboolean incoming, gpointer self);
 
     GDBusConnection* m_connection = nullptr;
-    std::atomic<bool> m_published{false};
     std::atomic<bool> m_monitoring{false};
     mutable std::mutex m_mutex;
     mutable std::condition_variable m_changed;

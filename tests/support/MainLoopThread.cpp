@@ -3,6 +3,8 @@
 #include <condition_variable>
 #include <mutex>
 
+#include "internal/HandOff.h"
+
 namespace lumora::test {
 
 MainLoopThread::MainLoopThread(bool ownContext)
@@ -34,9 +36,14 @@ void MainLoopThread::Invoke(const std::function<void()>& fn) {
         std::condition_variable done;
         bool finished = false;
     } call{&fn, {}, {}, false};
+    // What the caller did before, fn and everything it captures included,
+    // reaches the loop's thread through the context's lock; the way back is
+    // the mutex below.
+    internal::HandOffSend(&call);
     g_main_context_invoke(
         m_context,
         [](gpointer data) -> gboolean {
+            internal::HandOffReceive(data);
             auto* c = static_cast<Call*>(data);
             (*c->fn)();
             std::lock_guard<std::mutex> lock(c->mutex);

@@ -6,6 +6,7 @@
 #include <fstream>
 
 #include "BusCalls.h"
+#include "internal/HandOff.h"
 
 namespace lumora::test {
 
@@ -16,6 +17,8 @@ constexpr const char* kMarker = "/tmp/lmf_service_ready";
 MisbehavingService::MisbehavingService(const std::string& address) {
     m_connection = ConnectToBus(address);
     if (m_connection == nullptr) return;
+    // The filter runs on GDBus's worker thread: the members reach it through GLib.
+    internal::HandOffSend(this);
     g_dbus_connection_add_filter(m_connection, Filter, this, nullptr);
     CallResult owned = CallMethod(m_connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
                                   "RequestName", g_variant_new("(su)", "org.verdin.tv.lumora2", 0u));
@@ -55,6 +58,7 @@ GDBusMessage* MisbehavingService::Filter(GDBusConnection* connection, GDBusMessa
     if (!incoming || g_dbus_message_get_message_type(message) != G_DBUS_MESSAGE_TYPE_METHOD_CALL ||
         g_strcmp0(g_dbus_message_get_path(message), "/org/verdin/tv/lumora2") != 0)
         return message;
+    internal::HandOffReceive(self);
     auto* service = static_cast<MisbehavingService*>(self);
     std::string body;
     {

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "Cli.h"
+#include "internal/HandOff.h"
 #include "internal/ServiceContract.h"
 
 namespace lumora::cli {
@@ -271,12 +272,14 @@ private:
             return message;
         }
         auto* seen = new Seen{g_get_monotonic_time(), message};  // takes the filter's reference
-        g_main_context_invoke_full(nullptr, G_PRIORITY_DEFAULT, &Monitor::Handle,
-                                   new std::pair<Monitor*, Seen*>(self, seen), nullptr);
+        auto* pair = new std::pair<Monitor*, Seen*>(self, seen);
+        lumora::internal::HandOffSend(pair);  // the main context's lock orders it; Handle receives it
+        g_main_context_invoke_full(nullptr, G_PRIORITY_DEFAULT, &Monitor::Handle, pair, nullptr);
         return nullptr;
     }
 
     static gboolean Handle(gpointer data) {
+        lumora::internal::HandOffReceive(data);
         std::unique_ptr<std::pair<Monitor*, Seen*>> pair(static_cast<std::pair<Monitor*, Seen*>*>(data));
         std::unique_ptr<Seen> seen(pair->second);
         pair->first->Take(seen->us, seen->message);
