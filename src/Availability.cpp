@@ -15,6 +15,7 @@
 #include "internal/CallbackGate.h"
 #include "internal/DefaultContext.h"
 #include "internal/Events.h"
+#include "internal/HandOff.h"
 #include "internal/Log.h"
 #include "internal/ServiceContract.h"
 
@@ -68,6 +69,7 @@ struct Return {
 
 gboolean CatchUpOnReturn(gpointer data) {
     auto* ret = static_cast<Return*>(data);
+    HandOffReceive(ret);
     GuardedVoid(kDispatch, [ret] { CatchUpCurrentValues(ret->reason, 0, ret->mark); });
     delete ret;
     return G_SOURCE_REMOVE;
@@ -245,7 +247,9 @@ void ReportServiceReturning(const char* reason) {
     ContextAutoLock lock(&g_mutex);
     if (FollowerCount() == 0) return;
     g_returnMark = FollowersMark();
-    g_idle_add(CatchUpOnReturn, new Return{reason, g_returnMark});
+    auto* ret = new Return{reason, g_returnMark};
+    HandOffSend(ret);
+    g_idle_add(CatchUpOnReturn, ret);
 }
 
 void ReportConnection(GDBusConnection* connection) {

@@ -21,6 +21,7 @@
 #include "internal/CallbackGate.h"
 #include "internal/Events.h"
 #include "internal/FollowerTable.h"
+#include "internal/HandOff.h"
 #include "internal/Log.h"
 #include "internal/ServiceContract.h"
 
@@ -60,9 +61,13 @@ gboolean DeliverCurrentValue(gpointer data);
 
 // The reply handler's callback: the bus client's mutex is held here, so the
 // answer goes on to the main loop.
-void OnCurrentValue(const char* /*subject*/, char* data, void* userData) {
-    auto* answer = new Answer{reinterpret_cast<uintptr_t>(userData), data != nullptr ? data : "", false};
+void PostAnswer(Answer* answer) {
+    HandOffSend(answer);
     g_idle_add(DeliverCurrentValue, answer);
+}
+
+void OnCurrentValue(const char* /*subject*/, char* data, void* userData) {
+    PostAnswer(new Answer{reinterpret_cast<uintptr_t>(userData), data != nullptr ? data : "", false});
 }
 
 // Takes the next waiting follower into the window: its token and subject.
@@ -150,6 +155,7 @@ bool TakeAnswer(const Answer& answer, bool serviceAway, FollowerTable::Target& t
 
 gboolean DeliverCurrentValue(gpointer data) {
     auto* answer = static_cast<Answer*>(data);
+    HandOffReceive(answer);
     GuardedVoid(kDeliverCurrentValue, [answer] {
         bool serviceAway = ServiceKnownUnavailable();
         FollowerTable::Target target{};
@@ -189,7 +195,7 @@ void ReportNotification(const char* subject, const char* data) {
 // from the main loop.
 void ReportUnansweredRequest(LumoraSubjectCb callback, void* userData) {
     if (callback != OnCurrentValue) return;
-    g_idle_add(DeliverCurrentValue, new Answer{reinterpret_cast<uintptr_t>(userData), std::string(), true});
+    PostAnswer(new Answer{reinterpret_cast<uintptr_t>(userData), std::string(), true});
 }
 
 bool HasTextValue(LogSite site, const char* subject) {
