@@ -167,6 +167,8 @@ TEST_F(BusPolicyTest, AnotherUsersForgedResponseByeAndHelloReachNoSubscriber) {
     if (std::string(LUMORA_SERVICE_USER) != "root") GTEST_SKIP() << "the service user is " << LUMORA_SERVICE_USER;
     ASSERT_TRUE(StartBus(true));
     ASSERT_TRUE(m_sim.Start());
+    // Outlives the loop thread, which fills it until it stops, on every way out.
+    Heard rawHeard;
     MainLoopThread loop;
     // An application of the library, and a raw subscriber to every signal of
     // the service's object path on a connection of its own.
@@ -177,7 +179,6 @@ TEST_F(BusPolicyTest, AnotherUsersForgedResponseByeAndHelloReachNoSubscriber) {
     GDBusConnection* raw = ConnectToBus(m_bus.Address());
     ASSERT_NE(nullptr, raw);
     // Filled by OnRawSignal on the loop's thread: the subscription hands it over.
-    Heard rawHeard;
     lumora::internal::HandOffSend(&rawHeard);
     guint id = g_dbus_connection_signal_subscribe(raw, nullptr, nullptr, nullptr, "/org/verdin/tv/lumora2", nullptr,
                                                   G_DBUS_SIGNAL_FLAGS_NONE, OnRawSignal, &rawHeard, nullptr);
