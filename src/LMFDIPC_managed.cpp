@@ -7,6 +7,7 @@
 #include <cstring>
 #include <exception>
 
+#include "internal/HandOff.h"
 #include "internal/Log.h"
 
 // The handle's layout is part of the publisher's format: the path is the first
@@ -130,6 +131,7 @@ void CallNameCallback(const char* caller, LumoraDIPCNameCb callback, const gchar
 
 void __OnBusAcquired(GDBusConnection* /*connection*/, const gchar* name, gpointer userData) {
     auto* handle = static_cast<LumoraDIPCHandle*>(userData);
+    lumora::internal::HandOffReceive(handle);
     if (handle == nullptr) {
         LMF_LOGE("user_data is NULL!!!");
         return;
@@ -140,6 +142,7 @@ void __OnBusAcquired(GDBusConnection* /*connection*/, const gchar* name, gpointe
 
 void __OnNameAcquired(GDBusConnection* connection, const gchar* name, gpointer userData) {
     auto* handle = static_cast<LumoraDIPCHandle*>(userData);
+    lumora::internal::HandOffReceive(handle);
     if (handle == nullptr) {
         LMF_LOGE("user_data is NULL!!!");
         return;
@@ -157,6 +160,7 @@ void __OnNameAcquired(GDBusConnection* connection, const gchar* name, gpointer u
 
 void __OnNameLost(GDBusConnection* /*connection*/, const gchar* name, gpointer userData) {
     auto* handle = static_cast<LumoraDIPCHandle*>(userData);
+    lumora::internal::HandOffReceive(handle);
     if (handle == nullptr) {
         LMF_LOGE("user_data is NULL!!!");
         return;
@@ -197,6 +201,14 @@ LumoraDIPCHandle* Lumora_DIPC_Start(const char* processName, int systemBus, cons
         LMF_LOGE("memory allocation failed!!!");
         return nullptr;
     }
+    // Filled before the name is asked for: the name's handlers may run on
+    // another thread (the one that iterates this thread's main context) as
+    // soon as it is, and read the handle without the mutex.
+    g_strlcpy(handle->objectPath, objectPath != nullptr ? objectPath : "", sizeof handle->objectPath);
+    handle->nodeInfo = nodeInfo;
+    handle->callbacks = callbacks;
+    handle->userData = userData;
+    lumora::internal::HandOffSend(handle);
     guint ownerId =
         g_bus_own_name(systemBus != 0 ? G_BUS_TYPE_SYSTEM : G_BUS_TYPE_SESSION, busName, G_BUS_NAME_OWNER_FLAGS_NONE,
                        __OnBusAcquired, __OnNameAcquired, __OnNameLost, handle, nullptr);
@@ -206,11 +218,7 @@ LumoraDIPCHandle* Lumora_DIPC_Start(const char* processName, int systemBus, cons
         free(handle);
         return nullptr;
     }
-    g_strlcpy(handle->objectPath, objectPath != nullptr ? objectPath : "", sizeof handle->objectPath);
-    handle->ownerId = ownerId;
-    handle->nodeInfo = nodeInfo;
-    handle->callbacks = callbacks;
-    handle->userData = userData;
+    handle->ownerId = ownerId;  // read under the mutex only (Stop)
     return handle;
 }
 
