@@ -65,15 +65,6 @@ protected:
     void Start() {
         ASSERT_TRUE(Api()->InitializeService());
         ASSERT_TRUE(Api()->IsAvailable());
-        // The main loop tells the availability listeners of the start once it
-        // is idle, with a line of its own; waited for, so that a slow loop
-        // does not put it among the lines of the test.
-        auto told = [&] {
-            for (const LogRecord& record : m_log.Records())
-                if (record.function == "DispatchAvailability") return true;
-            return false;
-        };
-        ASSERT_TRUE(WaitUntil(told, 5000)) << m_log.Dump();
         m_log.Mark();
         m_monitor->Clear();
     }
