@@ -90,6 +90,17 @@ void OnRawAnswer(GObject* source, GAsyncResult* result, gpointer) {
     ++g_answered;
 }
 
+void OnRawRegistration(GObject* source, GAsyncResult* result, gpointer) {
+    GError* error = nullptr;
+    GVariant* reply = g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, &error);
+    if (reply != nullptr) g_variant_unref(reply);
+    if (error != nullptr) {
+        ++g_failed;
+        g_error_free(error);
+    }
+    ++g_answered;
+}
+
 void OnRawSignal(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GVariant* parameters,
                  gpointer) {
     const gchar* subject = nullptr;
@@ -185,6 +196,27 @@ void BM_RawCallsInFlight(benchmark::State& state) {
     if (g_failed != 0) state.SkipWithError("a call failed");
 }
 
+// What a return of the service sends before the values: one subscribe
+// "RequestSync" per subscription, here 1,000 issued together by hand.
+void BM_RawRegistrationsInFlight(benchmark::State& state) {
+    const std::vector<std::string> subjects = CatchUpSubjects();
+    lumora::bench::ProgressWatch watch(g_answered, kStallCheckMs);
+    g_failed = 0;
+    for (auto _ : state) {
+        gint64 start = g_get_monotonic_time();
+        long target = g_answered + kCatchUpSubjects;
+        for (const std::string& subject : subjects) {
+            g_dbus_connection_call(g_raw, contract::kBusName, contract::kObjectPath, contract::kInterface,
+                                   contract::kMethodRequestSync,
+                                   RequestTuple(contract::kRequestSubscribe, subject, contract::kEmptyJson), nullptr,
+                                   G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &OnRawRegistration, nullptr);
+        }
+        if (!watch.RunUntil(target)) return state.SkipWithError("answers stopped arriving");
+        state.SetIterationTime(static_cast<double>(g_get_monotonic_time() - start) / 1e6);
+    }
+    if (g_failed != 0) state.SkipWithError("a call failed");
+}
+
 void BM_LumoraCatchUp(benchmark::State& state) {
     const std::vector<std::string> subjects = CatchUpSubjects();
     lumora::bench::ProgressWatch values(g_values, kStallCheckMs);
@@ -238,6 +270,7 @@ void BM_LumoraCatchUp(benchmark::State& state) {
 BENCHMARK(BM_RawSubscribeThenCall)->MeasureProcessCPUTime()->UseRealTime();
 BENCHMARK(BM_LumoraSubscribeWithValue)->MeasureProcessCPUTime()->UseRealTime();
 BENCHMARK(BM_RawCallsInFlight)->Arg(kCatchUpSubjects)->Iterations(20)->UseManualTime();
+BENCHMARK(BM_RawRegistrationsInFlight)->Arg(kCatchUpSubjects)->Iterations(20)->UseManualTime();
 BENCHMARK(BM_LumoraCatchUp)->Arg(kCatchUpSubjects)->Iterations(20)->UseManualTime();
 
 }  // namespace

@@ -58,6 +58,9 @@ public:
     static void BeginSubscribing(DBusClient& client);
     static void EndSubscribing(DBusClient& client);
     static void StopListeningAfterLastSubscription(DBusClient& client);
+    // Whether subject has a record in the table, from the table's index.
+    // Caller's lock.
+    static bool HasSubscription(const DBusClient& client, const std::string& subject);
     // The number of subscription records, for the steps above that run
     // without the client mutex; refreshed by every change of the table under
     // that mutex.

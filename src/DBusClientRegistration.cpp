@@ -85,8 +85,8 @@ bool IsReturn(DBusClientInternal::Batch batch) { return batch != DBusClientInter
 // A subscribe message whose subject has no record left (removed since the
 // batch began) is not sent: the service would notify a subject that nobody
 // here holds. An unsubscribe always goes.
-bool StillWanted(DBusClient& client, const Message& message) {
-    return message.type != contract::kRequestSubscribe || client.FindSubscribe(message.subject.c_str()) != nullptr;
+bool StillWanted(const DBusClient& client, const Message& message) {
+    return message.type != contract::kRequestSubscribe || DBusClientInternal::HasSubscription(client, message.subject);
 }
 
 void Send(DBusClient& client, const Message& message) {

@@ -71,6 +71,10 @@ guint SubscribeResponseSignal(DBusClient& client, GDBusConnection* connection) {
 
 GMutex* DBusClientInternal::SignalMutex() { return &g_signalMutex; }
 
+bool DBusClientInternal::HasSubscription(const DBusClient& client, const std::string& subject) {
+    return client.m_subscribeIndex.count(subject) != 0;
+}
+
 void DBusClientInternal::CountSubscriptions(const DBusClient& client) {
     g_nSubscriptions.store(client.m_vSubscribeList.size());
 }

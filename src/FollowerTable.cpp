@@ -10,38 +10,52 @@ namespace lumora::internal {
 
 uint64_t FollowerTable::Add(EventOwner owner, const std::string& subject, LumoraSubjectCb callback, void* userData) {
     uint64_t id = m_nextId++;
-    m_followers.push_back({id, owner, subject, callback, userData, false, std::string(), 0});
-    m_notifications.emplace(subject, 0);
+    m_followers.emplace(id, Follower{owner, subject, callback, userData, false, std::string(), 0});
+    m_subjects[subject].followers.push_back(id);
     return id;
+}
+
+// A subject nobody follows any more forgets its count of notifications.
+void FollowerTable::Erase(std::map<uint64_t, Follower>::iterator it) {
+    const uint64_t id = it->first;
+    if (it->second.pendingToken != 0) m_pending.erase(it->second.pendingToken);
+    auto subject = m_subjects.find(it->second.subject);
+    if (subject != m_subjects.end()) {
+        std::vector<uint64_t>& ids = subject->second.followers;
+        ids.erase(std::remove(ids.begin(), ids.end(), id), ids.end());
+        if (ids.empty()) m_subjects.erase(subject);
+    }
+    m_followers.erase(it);
 }
 
 size_t FollowerTable::Remove(const std::function<bool(EventOwner, const std::string&, LumoraSubjectCb, void*)>& gone) {
     size_t removed = 0;
     for (auto it = m_followers.begin(); it != m_followers.end();) {
-        if (!gone(it->owner, it->subject, it->callback, it->userData)) {
+        const Follower& f = it->second;
+        if (!gone(f.owner, f.subject, f.callback, f.userData)) {
             ++it;
             continue;
         }
-        const uint64_t id = it->id;
-        for (auto pending = m_pending.begin(); pending != m_pending.end();)
-            pending = pending->second.follower == id ? m_pending.erase(pending) : std::next(pending);
-        it = m_followers.erase(it);
+        Erase(it++);
         ++removed;
     }
-    if (removed != 0) ForgetUnfollowedSubjects();
     return removed;
 }
 
-bool FollowerTable::Has(EventOwner owner, const std::string& subject, LumoraSubjectCb callback, void* userData) const {
-    return std::any_of(m_followers.begin(), m_followers.end(), [&](const Follower& f) {
-        return f.owner == owner && f.subject == subject && f.callback == callback && f.userData == userData;
+bool FollowerTable::Has(EventOwner owner, const std::string& subject, LumoraSubjectCb callback,
+                        void* userData) const {
+    auto followed = m_subjects.find(subject);
+    if (followed == m_subjects.end()) return false;
+    return std::any_of(followed->second.followers.begin(), followed->second.followers.end(), [&](uint64_t id) {
+        const Follower& f = m_followers.at(id);
+        return f.owner == owner && f.callback == callback && f.userData == userData;
     });
 }
 
 std::vector<std::pair<uint64_t, EventOwner>> FollowerTable::Between(uint64_t from, uint64_t to) const {
     std::vector<std::pair<uint64_t, EventOwner>> found;
-    for (const Follower& follower : m_followers)
-        if (follower.id >= from && follower.id < to) found.emplace_back(follower.id, follower.owner);
+    for (auto it = m_followers.lower_bound(from); it != m_followers.end() && it->first < to; ++it)
+        found.emplace_back(it->first, it->second.owner);
     return found;
 }
 
@@ -52,7 +66,7 @@ bool FollowerTable::Prepare(uint64_t id, uintptr_t& token, std::string& subject)
     token = m_nextToken++;
     follower->pendingToken = token;
     // Until the callback heard something, a failed answer is news too.
-    m_pending[token] = {id, m_notifications[follower->subject], !follower->hasTold};
+    m_pending[token] = {id, m_subjects[follower->subject].notifications, !follower->hasTold};
     subject = follower->subject;
     return true;
 }
@@ -66,11 +80,11 @@ void FollowerTable::Abandon(uintptr_t token) {
 }
 
 void FollowerTable::Notify(const char* subject, const char* data) {
-    auto counted = m_notifications.find(std::string_view(subject));
-    if (counted == m_notifications.end()) return;
-    ++counted->second;
-    for (Follower& follower : m_followers) {
-        if (follower.subject != subject) continue;
+    auto followed = m_subjects.find(std::string_view(subject));
+    if (followed == m_subjects.end()) return;
+    ++followed->second.notifications;
+    for (uint64_t id : followed->second.followers) {
+        Follower& follower = m_followers.at(id);
         follower.hasTold = true;
         follower.told = data != nullptr ? data : "";
     }
@@ -86,7 +100,7 @@ FollowerTable::Outcome FollowerTable::TakeAnswer(uintptr_t token, const std::str
     if (follower == nullptr) return Outcome::kNotAwaited;
     follower->pendingToken = 0;
     target = {follower->owner, follower->subject, follower->callback, follower->userData, follower->hasTold};
-    if (m_notifications[follower->subject] != request.notificationsAtSend) return Outcome::kStale;
+    if (m_subjects[follower->subject].notifications != request.notificationsAtSend) return Outcome::kStale;
     const bool failed = data == contract::kErrorJson;
     if (failed && !request.first) return Outcome::kKeepLast;
     if (failed && serviceAway) return Outcome::kLater;
@@ -97,17 +111,8 @@ FollowerTable::Outcome FollowerTable::TakeAnswer(uintptr_t token, const std::str
 }
 
 FollowerTable::Follower* FollowerTable::Find(uint64_t id) {
-    auto it = std::find_if(m_followers.begin(), m_followers.end(), [id](const Follower& f) { return f.id == id; });
-    return it != m_followers.end() ? &*it : nullptr;
-}
-
-// The notification counters of the subjects nobody follows any more.
-void FollowerTable::ForgetUnfollowedSubjects() {
-    for (auto it = m_notifications.begin(); it != m_notifications.end();) {
-        bool followed = std::any_of(m_followers.begin(), m_followers.end(),
-                                    [&](const Follower& f) { return f.subject == it->first; });
-        it = followed ? std::next(it) : m_notifications.erase(it);
-    }
+    auto it = m_followers.find(id);
+    return it != m_followers.end() ? &it->second : nullptr;
 }
 
 }  // namespace lumora::internal

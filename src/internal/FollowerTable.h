@@ -68,7 +68,6 @@ public:
 
 private:
     struct Follower {
-        uint64_t id;
         EventOwner owner;
         std::string subject;
         LumoraSubjectCb callback;
@@ -85,12 +84,18 @@ private:
         uint64_t notificationsAtSend;
         bool first;
     };
+    // Per followed subject: its notifications so far and its followers.
+    struct Subject {
+        uint64_t notifications = 0;
+        std::vector<uint64_t> followers;
+    };
 
     Follower* Find(uint64_t id);
-    void ForgetUnfollowedSubjects();
+    void Erase(std::map<uint64_t, Follower>::iterator it);
 
-    std::vector<Follower> m_followers;
-    std::map<std::string, uint64_t, std::less<>> m_notifications;  // per followed subject
+    // By id, which grows with every follower: in the order they were added.
+    std::map<uint64_t, Follower> m_followers;
+    std::map<std::string, Subject, std::less<>> m_subjects;
     std::map<uintptr_t, Pending> m_pending;
     uint64_t m_nextId = 1;
     uintptr_t m_nextToken = 1;
