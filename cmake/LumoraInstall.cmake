@@ -41,11 +41,30 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/LumoraApiConfigVersion.cm
 install(FILES ${PROJECT_BINARY_DIR}/LumoraApiConfig.cmake ${PROJECT_BINARY_DIR}/LumoraApiConfigVersion.cmake
   DESTINATION ${LUMORA_CMAKE_DIR} COMPONENT dev)
 
-# The .pc files find their prefix from where they lie, so that an installed
-# tree can be moved (or installed with --prefix) and still be found.
-file(RELATIVE_PATH LUMORA_PC_TO_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
-string(REGEX REPLACE "/$" "" LUMORA_PC_TO_PREFIX "${LUMORA_PC_TO_PREFIX}")
+# The .pc files name the prefix the tree is installed to, written when it is
+# installed (cmake --install --prefix P, or /usr for the Debian packages),
+# so that they give plain paths (-I/usr/include, the multiarch libdir) that
+# pkg-config drops as system paths and prefixes with PKG_CONFIG_SYSROOT_DIR
+# when cross-compiling. Everything else in them is filled in now; each install
+# writes its own copy straight to its destination (two installs of the same
+# build tree may run at once, as the tests do).
+if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
+  set(LUMORA_PC_LIBDIR "${CMAKE_INSTALL_LIBDIR}")
+else()
+  set(LUMORA_PC_LIBDIR "\${prefix}/${CMAKE_INSTALL_LIBDIR}")
+endif()
+if(IS_ABSOLUTE "${CMAKE_INSTALL_INCLUDEDIR}")
+  set(LUMORA_PC_INCLUDEDIR "${CMAKE_INSTALL_INCLUDEDIR}")
+else()
+  set(LUMORA_PC_INCLUDEDIR "\${prefix}/${CMAKE_INSTALL_INCLUDEDIR}")
+endif()
+# The build tree keeps its own copy of the install-time step.
+configure_file(${PROJECT_SOURCE_DIR}/cmake/LumoraInstallPc.cmake ${PROJECT_BINARY_DIR}/pkgconfig/LumoraInstallPc.cmake
+  COPYONLY)
 foreach(pc lumora-api lumora-common)
-  configure_file(${PROJECT_SOURCE_DIR}/cmake/${pc}.pc.in ${PROJECT_BINARY_DIR}/${pc}.pc @ONLY)
-  install(FILES ${PROJECT_BINARY_DIR}/${pc}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
+  configure_file(${PROJECT_SOURCE_DIR}/cmake/${pc}.pc.in ${PROJECT_BINARY_DIR}/pkgconfig/${pc}.pc.body @ONLY)
+  install(CODE "set(LUMORA_PC_BODY \"${PROJECT_BINARY_DIR}/pkgconfig/${pc}.pc.body\")
+    set(LUMORA_PC_NAME ${pc}.pc)
+    set(LUMORA_PC_LIBDIR \"${CMAKE_INSTALL_LIBDIR}\")
+    include(\"${PROJECT_BINARY_DIR}/pkgconfig/LumoraInstallPc.cmake\")" COMPONENT dev)
 endforeach()
