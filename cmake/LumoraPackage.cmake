@@ -1,11 +1,19 @@
 # Debian packages with CPack (scripts/package.sh builds them): one per install
-# component. Their dependencies on other packages are computed from the
+# component. The runtime package's dependencies are computed from the
 # binaries by dpkg-shlibdeps; those among themselves are the same version.
+# They follow Debian's multiarch layout: package.sh configures the tree with
+# the prefix /usr and the libdir lib/<multiarch> (dpkg-architecture), so that
+# the libraries, .pc files and CMake package of two architectures can be
+# installed side by side; cmake/LumoraDebFinish.cmake checks that and adds
+# what CPack cannot say.
 set(LUMORA_DEB_VERSION ${PROJECT_VERSION})
 set(LUMORA_MAINTAINER "liblumora-api maintainers <maintainers@users.noreply.c-seed-8f5723fc.example>")
 
 # What Debian wants beside the files of every package: its copyright and a
-# compressed changelog under /usr/share/doc/PACKAGE.
+# compressed changelog under /usr/share/doc/PACKAGE. These files lie outside
+# the multiarch libdir, so the packages of every architecture must hold the
+# same bytes: the date is SOURCE_DATE_EPOCH when set (package.sh sets it to
+# the last commit's), and gzip -n stores no name or time.
 string(TIMESTAMP LUMORA_CHANGELOG_DATE "%a, %d %b %Y %H:%M:%S +0000" UTC)
 set(LUMORA_PACKAGES runtime liblumora-api1 dev liblumora-api-dev tools lumora-tools)
 set(LUMORA_DEB_DIR ${PROJECT_BINARY_DIR}/debian)
@@ -26,6 +34,9 @@ while(LUMORA_PACKAGES)
       DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package} COMPONENT ${component} EXCLUDE_FROM_ALL)
   endif()
 endwhile()
+# What lintian is told to accept, and why, in the file itself.
+install(FILES ${PROJECT_SOURCE_DIR}/cmake/debian/liblumora-api1.lintian-overrides
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides RENAME liblumora-api1 COMPONENT runtime EXCLUDE_FROM_ALL)
 
 set(CPACK_PACKAGE_NAME liblumora-api)
 set(CPACK_PACKAGE_VENDOR "liblumora-api")
@@ -37,6 +48,10 @@ set(CPACK_PACKAGE_CONTACT ${LUMORA_MAINTAINER})
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${CMAKE_PROJECT_NAME} built using CMake")
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+# Staged with DESTDIR and the prefix /usr, so that what is written at install
+# time (the .pc files' prefix) names /usr and not the staging folder.
+set(CPACK_SET_DESTDIR ON)
+set(CPACK_INSTALL_PREFIX /usr)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_ALL runtime dev tools)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
@@ -61,7 +76,17 @@ set(CPACK_DEBIAN_RUNTIME_DESCRIPTION
 
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME liblumora-api-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "liblumora-api1 (= ${LUMORA_DEB_VERSION}), libglib2.0-dev")
+# What the development files need on a system that has nothing else:
+# the headers include <glib.h>, <gio/gio.h> and <json/value.h>; the .pc files
+# require gio-2.0, glib-2.0 and jsoncpp, and sqlite3 privately (pkg-config
+# wants every module it names present, private ones too); the CMake package
+# looks all of them up with pkg-config. The compiler is the user's choice.
+set(LUMORA_DEV_DEPENDS "liblumora-api1 (= ${LUMORA_DEB_VERSION}), libglib2.0-dev, libjsoncpp-dev")
+if(LUMORA_CONFIG_NEEDS_SQLITE)
+  string(APPEND LUMORA_DEV_DEPENDS ", libsqlite3-dev")
+endif()
+string(APPEND LUMORA_DEV_DEPENDS ", pkg-config")
+set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "${LUMORA_DEV_DEPENDS}")
 set(CPACK_DEBIAN_DEV_PACKAGE_SHLIBDEPS OFF)
 set(CPACK_DEBIAN_DEV_DESCRIPTION
     "client library of the television context service (development files)\nThe headers, the .so links, the pkg-config and CMake package files and the\nAPI reference of liblumora-api, the client library of the television\ncontext service.")
@@ -71,5 +96,16 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "liblumora-api1 (= ${LUMORA_DEB_VERSION}), dbus-daemon")
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION
     "command-line client and simulator of the television context service\nlumora reads, writes, requests and follows the context service's subjects\nfrom a shell; lumora-sim plays the service on a private bus, with a sample\ntelevision, for developing applications off the set.")
+
+# Multi-Arch: the library and the development files are installed once per
+# architecture (everything architecture-specific of theirs is under the
+# multiarch libdir, the rest the same for all); the tools serve any
+# architecture's programs through the bus and the command line. CPack 3.25 has
+# no field for it, nor a way to leave out its own postinst/postrm that call
+# ldconfig for libraries under /usr/lib (the triggers file above does that
+# job): the finishing step after CPack writes the one and removes the others.
+set(CPACK_LUMORA_MULTI_ARCH "liblumora-api1=same;liblumora-api-dev=same;lumora-tools=foreign")
+set(CPACK_LUMORA_LIBDIR ${CMAKE_INSTALL_LIBDIR})
+set(CPACK_POST_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/LumoraDebFinish.cmake)
 
 include(CPack)
