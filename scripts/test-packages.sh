@@ -1,89 +1,129 @@
 #!/bin/sh
-# The Debian packages as a user gets them, on this machine (as root): builds
-# them (scripts/package.sh, lintian included), installs them with dpkg -i,
-# builds both examples against /usr (tv-watcher with pkg-config, tv-dashboard
-# with find_package), runs lumora --version and a read through the installed
-# lumora-sim on a private bus, removes the packages with dpkg --purge and
-# checks that none of their files is left. Exits non-zero when a step fails.
+# The Debian packages as a user gets them, on a clean Debian system rather
+# than on the build machine (whose installed -dev packages would hide a
+# missing Depends):
+#  1. builds them (scripts/package.sh, lintian included);
+#  2. makes a minimal root of this machine's own Debian release with
+#     debootstrap --variant=minbase, from the Debian mirror that this
+#     machine's apt sources name, plus what building the examples takes
+#     (g++, make, cmake: an application's choice, which the packages do not
+#     depend on); the root is kept as a tarball under build/package-root
+#     and made again when its release, mirror or tool list changes or it is
+#     a week old;
+#  3. in a fresh copy of that root (chroot, in a mount and PID namespace of
+#     its own: scripts/package-root.sh) installs the three packages with
+#     apt-get, so that their Depends alone bring in everything, builds both
+#     examples (pkg-config, find_package), runs tv-watcher against the
+#     installed lumora-sim on a private dbus-daemon, purges the packages and
+#     checks that nothing of theirs is left.
+# Needs root (debootstrap, chroot, mount) and the network to the mirror.
+# Prints how long each step took; exits non-zero when a step fails.
+# Usage: scripts/test-packages.sh
+#   LUMORA_PACKAGE_ROOT_CACHE=DIR  keep the root in DIR instead of build/package-root
 set -eu
 cd "$(dirname "$0")/.."
-packages="lumora-tools liblumora-api-dev liblumora-api1"
-work=$(mktemp -d /tmp/lumora-packages-XXXXXX)
-bus_pid=
-sim_pid=
-installed=
-cleanup() {
-  for pid in $sim_pid $bus_pid; do kill -TERM "$pid" 2>/dev/null || true; done
-  # A failed run leaves the machine as it found it.
-  [ -z "$installed" ] || dpkg --purge $packages >/dev/null 2>&1 || true
-  rm -rf "$work"
-}
-trap cleanup EXIT
+source_dir=$(pwd)
+start=$(date +%s)
+# package-root.sh counts its lines' seconds from the same start.
+LUMORA_PACKAGES_START=$start
+export LUMORA_PACKAGES_START
+say() { echo "packages: [$(($(date +%s) - start)) s] $*"; }
 fail() {
   echo "packages: $*" >&2
   exit 1
 }
-wait_for() {
-  tries=0
-  until "$@"; do
-    tries=$((tries + 1))
-    [ "$tries" -lt 100 ] || return 1
-    sleep 0.1
-  done
+
+[ "$(id -u)" -eq 0 ] || fail "needs root (debootstrap, chroot and mount); run it as root"
+for tool in debootstrap unshare chroot dpkg-architecture apt-get tar; do
+  command -v "$tool" >/dev/null 2>&1 || fail "$tool is missing (scripts/install-deps.sh installs what is needed)"
+done
+
+arch=$(dpkg --print-architecture)
+codename=$(. /etc/os-release && echo "${VERSION_CODENAME:-}")
+[ -n "$codename" ] || fail "/etc/os-release names no release (VERSION_CODENAME): not a Debian system?"
+# The Debian archives this machine's apt uses for its own release: the
+# release itself, its updates and its security updates, with their
+# components. The first is debootstrap's mirror; all of them are the root's
+# sources, so that the root gets the same versions as the packages were
+# built against.
+sources=$(apt-get indextargets --format '$(REPO_URI) $(RELEASE) $(COMPONENT)' 'Created-By: Packages' \
+  "Architecture: $arch" | sort -u |
+  awk -v c="$codename" '$2 == c || $2 == c "-updates" || $2 == c "-security" {
+    key = $1 " " $2; if (!(key in comps)) order[n++] = key; comps[key] = comps[key] " " $3 }
+    END { for (i = 0; i < n; i++) print "deb " order[i] comps[order[i]] }')
+mirror=$(echo "$sources" | awk -v c="$codename" '$3 == c { print $2; exit }')
+[ -n "$mirror" ] || fail "no apt source of this machine serves $codename for $arch (apt-get update first?)"
+# What building the examples takes, on top of minbase.
+build_tools="g++ make cmake"
+
+cache=${LUMORA_PACKAGE_ROOT_CACHE:-$source_dir/build/package-root}
+mkdir -p "$cache/apt-archives"
+cache=$(cd "$cache" && pwd)
+case $cache in *[!A-Za-z0-9/._+-]*) fail "the root's folder $cache has characters the chroot steps do not quote" ;; esac
+base=$cache/$codename-$arch.tar
+# What the kept root was made from; any difference makes it again. The
+# format number goes up when package-root.sh changes how a root is made.
+key="format 2; debootstrap $(dpkg-query -W -f '${Version}' debootstrap) --variant=minbase $codename $arch $mirror
+$sources
+tools: $build_tools"
+
+work=
+ns_pid=
+# Every mount made for the root lives in the namespace of the unshare
+# process and vanishes with it; its PID namespace takes every process started
+# in the root with it. Only then are the files removed, never across a mount.
+cleanup() {
+  status=$?
+  if [ -n "$ns_pid" ]; then
+    kill -TERM "$ns_pid" 2>/dev/null || true
+    wait "$ns_pid" 2>/dev/null || true
+  fi
+  if [ -n "$work" ] && [ -d "$work" ]; then
+    if grep -q " $work/" /proc/mounts; then
+      echo "packages: $work still has mounts; left in place" >&2
+    else
+      rm -rf --one-file-system "$work"
+    fi
+  fi
+  exit "$status"
+}
+trap cleanup EXIT
+trap 'exit 130' INT
+trap 'exit 143' TERM
+# Runs scripts/package-root.sh in a mount and PID namespace of its own; its
+# child is killed when it dies.
+in_namespace() {
+  unshare --mount --propagation private --pid --fork --kill-child \
+    sh "$source_dir/scripts/package-root.sh" "$@" &
+  ns_pid=$!
+  ns_status=0
+  wait "$ns_pid" || ns_status=$?
+  ns_pid=
+  return "$ns_status"
 }
 
+work=$(mktemp -d "$cache/run-XXXXXX")
+say "building the packages"
 ./scripts/package.sh "$work/debs"
-installed=yes
-dpkg -i "$work"/debs/*.deb
-for package in $packages; do dpkg -L "$package" >>"$work/files"; done
+say "packages built"
 
-echo "packages: building the examples against /usr"
-source_dir=$(pwd)
-(cd "$work" && make -s -f "$source_dir/examples/tv-watcher/Makefile" CFLAGS="-O2 -Wall -Wextra -Werror") ||
-  fail "tv-watcher does not build with pkg-config"
-cmake -S examples/tv-dashboard -B "$work/dashboard" -DCMAKE_CXX_FLAGS=-Werror >/dev/null ||
-  fail "tv-dashboard does not configure with find_package"
-cmake --build "$work/dashboard" >/dev/null || fail "tv-dashboard does not build"
-ldd "$work/tv-watcher" | grep -Eq 'liblumora-api.so.1 => /(usr/)?lib/' || fail "tv-watcher does not load /usr's library"
+if [ -f "$base" ] && [ "$(cat "$base.key" 2>/dev/null)" = "$key" ] && [ -n "$(find "$base" -mtime -7)" ]; then
+  say "minimal $codename root: kept from an earlier run ($base)"
+else
+  say "minimal $codename root: debootstrap --variant=minbase from $mirror, then $build_tools"
+  rm -f "$base" "$base.key"
+  echo "$sources" >"$work/sources.list"
+  in_namespace create "$work/base" "$mirror" "$codename" "$arch" "$work/sources.list" "$cache/apt-archives" \
+    "$build_tools" || fail "the minimal root could not be made"
+  tar -C "$work/base" --numeric-owner -cf "$base.new" .
+  rm -rf --one-file-system "$work/base"
+  mv "$base.new" "$base"
+  echo "$key" >"$base.key"
+  say "minimal root kept as $base ($(du -sh "$base" | cut -f1))"
+fi
 
-echo "packages: $(lumora --version)"
-[ "$(lumora --version)" = "lumora $(dpkg-query -W -f '${Version}' lumora-tools)" ] || fail "lumora --version"
-# In the package (a slim system may leave /usr/share/man out when installing).
-for page in lumora lumora-sim; do
-  dpkg-deb -c "$work"/debs/lumora-tools_*.deb | grep -q "/man1/$page.1.gz$" || fail "no manual page $page(1) in lumora-tools"
-done
-
-dbus-daemon --config-file=/usr/share/lumora-sim/lumora-private-bus.conf --nofork --nopidfile --print-address=3 \
-  3>"$work/address" 2>/dev/null &
-bus_pid=$!
-wait_for test -s "$work/address" || fail "no private bus"
-DBUS_SYSTEM_BUS_ADDRESS=$(head -n 1 "$work/address")
-export DBUS_SYSTEM_BUS_ADDRESS
-LUMORA_LOG_FILE=$work/sim.log lumora-sim --scenario /usr/share/lumora-sim/sample-tv.json &
-sim_pid=$!
-wait_for test -e /tmp/lmf_service_ready || fail "lumora-sim did not start"
-value=$(lumora read Ctx/Media/Source/Info/Current) || fail "lumora read failed"
-echo "packages: lumora read Ctx/Media/Source/Info/Current -> $value"
-case $value in *'"Source"'*) ;; *) fail "unexpected value $value" ;; esac
-timeout 5 "$work/tv-watcher" >"$work/watcher.out" 2>&1 || true
-grep -q "programme now:" "$work/watcher.out" || fail "tv-watcher built against /usr printed no programme"
-kill -TERM "$sim_pid"
-wait "$sim_pid" || true
-sim_pid=
-
-dpkg --purge $packages
-installed=
-left=0
-while read -r path; do
-  case $path in /. | /usr | /usr/* | /etc | /etc/*) ;; *) continue ;; esac
-  # Folders shared with other packages stay; the packages' own go.
-  if [ -e "$path" ] && [ ! -d "$path" ]; then
-    echo "packages: left behind: $path" >&2
-    left=1
-  fi
-done <"$work/files"
-for folder in /usr/share/lumora-sim /usr/include/lumora /usr/lib/cmake/LumoraApi /usr/share/doc/liblumora-api1; do
-  [ ! -e "$folder" ] || { echo "packages: left behind: $folder" >&2; left=1; }
-done
-[ "$left" -eq 0 ] || fail "files were left after dpkg --purge"
-echo "packages ok"
+mkdir "$work/root"
+tar -C "$work/root" --numeric-owner -xpf "$base"
+say "fresh copy of the root in $work/root"
+in_namespace test "$work/root" "$work/debs" "$source_dir" "$cache/apt-archives" || fail "the packages failed on a clean system"
+say "packages ok"
