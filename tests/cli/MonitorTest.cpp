@@ -3,10 +3,14 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <fstream>
+#include <iterator>
+#include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "BusCalls.h"
@@ -243,6 +247,65 @@ TEST_F(MonitorTest, SpeedTenPlaysTenTimesFaster) {
     EXPECT_EQ("{\"n\":2}", SimValue("Ctx/Test/Tick"));
 }
 
+// The simulator's processor time in seconds, from /proc.
+double CpuSeconds(pid_t pid) {
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+    std::istringstream fields(text.substr(text.rfind(')') + 2));
+    std::string field;
+    double ticks = 0;
+    for (int i = 3; i <= 15 && fields >> field; ++i) {
+        if (i == 14 || i == 15) ticks += std::stod(field);  // utime, stime
+    }
+    return ticks / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+TEST_F(MonitorTest, ALoopOfEventsAllAtTimeZeroPlaysAtMostTenRoundsASecond) {
+    const std::string tick = "{\"event\":\"signal\",\"t_ms\":0,\"subject\":\"Ctx/Test/Tick\",\"text\":\"{}\"}\n";
+    const std::string timeline =
+        m_dir.Write("zero.jsonl", "{\"format\":\"lumora-timeline\",\"version\":1}\n" + tick + tick);
+    m_sim.Stop();
+    ASSERT_TRUE(m_sim.Start(SampleScenario(), {"--replay", timeline, "--loop", "--broadcast"}));
+    ASSERT_TRUE(WaitUntil([&] { return SimStatus()["replay"]["rounds"].asUInt() > 0; }, kWaitMs)) << SimStatus();
+    unsigned roundsBefore = SimStatus()["replay"]["rounds"].asUInt();
+    double cpuBefore = CpuSeconds(m_sim.Pid());
+    auto started = Clock::now();
+    std::this_thread::sleep_for(std::chrono::seconds(2));
+    unsigned rounds = SimStatus()["replay"]["rounds"].asUInt() - roundsBefore;
+    double cpu = CpuSeconds(m_sim.Pid()) - cpuBefore;
+    double seconds = std::chrono::duration<double>(Clock::now() - started).count();
+    EXPECT_LE(rounds, static_cast<unsigned>(seconds * 10) + 2) << "in " << seconds << " s";
+    EXPECT_GE(rounds, 10u) << "it goes on looping";
+    EXPECT_LT(cpu, 0.3 * seconds) << "processor time in " << seconds << " s";
+}
+
+TEST_F(MonitorTest, AnAnswerNestedFiveThousandLevelsDeepIsShownAsTextAndNothingStops) {
+    const std::string deep = std::string(5000, '[') + std::string(5000, ']');
+    ASSERT_TRUE(Control(sim::kCtlSetValue, g_variant_new("(ss)", "Deep/Subject", deep.c_str())));
+    ChildProcess monitor;
+    StartMonitor(monitor, {"--json"});
+    ChildProcess subscriber;
+    ASSERT_TRUE(subscriber.Start(CliExecutable(), {"subscribe", "Deep/Subject"}));
+    ASSERT_TRUE(WaitUntil([&] { return Subscribers("Deep/Subject") == 1; }, kWaitMs));
+    ASSERT_TRUE(Control(sim::kCtlEmit, g_variant_new("(ss)", "Deep/Subject", deep.c_str())));
+    std::string line;
+    ASSERT_TRUE(subscriber.ReadLine(line, kWaitMs)) << subscriber.Err();
+    EXPECT_EQ("{\"subject\":\"Deep/Subject\",\"data\":\"" + deep + "\"}", line);
+    RunResult pretty = Lumora({"--pretty", "read", "Deep/Subject"});
+    EXPECT_EQ(0, pretty.exitStatus) << pretty.err;
+    EXPECT_EQ(deep + "\n", pretty.out);
+    subscriber.Signal(SIGTERM);
+    EXPECT_EQ(0, subscriber.Wait(kWaitMs));
+    // The sentinel: a read after the deep answers is still seen.
+    ASSERT_EQ(0, Lumora({"read", "Ctx/App/Info/Current"}).exitStatus);
+    ASSERT_TRUE(WaitUntil([&] { return monitor.Out().find("\"Ctx/App/Info/Current\"") != std::string::npos; }, kWaitMs))
+        << monitor.Err();
+    std::vector<Json::Value> lines = JsonLines(StopMonitor(monitor));
+    auto answers = Events(lines, "answer", "Deep/Subject");
+    ASSERT_EQ(1u, answers.size());
+    EXPECT_EQ(Json::Value(deep), answers[0]["data"]);
+}
+
 // ---- timelines that cannot be played ------------------------------------------------
 
 class TimelineTest : public CliNoServiceFixture {
@@ -270,6 +333,34 @@ TEST_F(TimelineTest, AnUnplayableTimelineIsRefusedWithFileLineAndTheReason) {
         {header + "{\"event\":\"signal\",\"t_ms\":1,\"subject\":\"A\xff\",\"text\":\"x\"}\n", "2: not valid UTF-8"},
         {header + "{\"event\":\"signal\",\"t_ms\":-4,\"subject\":\"A/B\",\"text\":\"x\"}\n", "2: \"t_ms\""},
         {header + "{\"event\":\"signal\",\"t_ms\":4,\"text\":\"x\"}\n", "2: \"subject\" is missing"},
+    };
+    for (const auto& [text, reason] : cases) {
+        RunResult run = Replay(text);
+        EXPECT_EQ(2, run.exitStatus) << reason;
+        EXPECT_EQ(0u, run.err.find("lumora-sim: " + m_dir.File("bad.jsonl") + ":" + reason)) << run.err;
+        EXPECT_EQ(run.err.size() - 1, run.err.find('\n')) << "one line: " << run.err;
+    }
+}
+
+TEST_F(TimelineTest, AFieldOfTheWrongTypeIsRefusedWithItsPathAndBothTypes) {
+    const std::string header = "{\"format\":\"lumora-timeline\",\"version\":1}\n";
+    auto answer = [&](const std::string& code) {
+        return header + "{\"event\":\"answer\",\"t_ms\":1,\"subject\":\"A/B\",\"code\":" + code + ",\"text\":\"x\"}\n";
+    };
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {answer("\"0\""), "2: $.code: expected a 32-bit integer, found a string"},
+        {answer("[]"), "2: $.code: expected a 32-bit integer, found an array"},
+        {answer("{}"), "2: $.code: expected a 32-bit integer, found an object"},
+        {answer("1.5"), "2: $.code: expected a 32-bit integer, found a number"},
+        {answer("4294967296"), "2: $.code: 4294967296 is out of range for a 32-bit integer"},
+        {answer("-3000000000"), "2: $.code: -3000000000 is out of range for a 32-bit integer"},
+        {answer("1e300"), "2: $.code: expected a 32-bit integer, found a number"},
+        {header + "{\"event\":[],\"t_ms\":1}\n", "2: $.event: expected a string, found an array"},
+        {header + "{\"event\":\"signal\",\"t_ms\":{},\"subject\":\"A/B\",\"text\":\"x\"}\n",
+         "2: $.t_ms: expected a time in milliseconds from the start, found an object"},
+        {header + "{\"event\":\"signal\",\"t_ms\":1,\"subject\":\"A/B\",\"text\":7}\n",
+         "2: $.text: expected a string, found an integer"},
+        {header + std::string(3000, '[') + std::string(3000, ']') + "\n", "2: invalid JSON (1:513: nested more than"},
     };
     for (const auto& [text, reason] : cases) {
         RunResult run = Replay(text);

@@ -6,6 +6,7 @@
 #include <set>
 #include <sstream>
 
+#include "JsonInput.h"
 #include "Scenario.h"
 
 namespace lumora::sim {
@@ -15,51 +16,61 @@ namespace {
 // Kinds a timeline holds for reference only: checked, never played.
 const std::set<std::string> kReferenceKinds = {"call", "error", "timeout", "unanswered", "undecodable", "hello", "bye"};
 
+// The line's time: not before the previous line's.
+bool ReadTime(const tools::JsonField& t, double previousMs, double& tMs, std::string& why) {
+    if (!t.Expect(t.Value().isNumeric(), "a time in milliseconds from the start", why)) return false;
+    double ms = t.NumberOr(-1);
+    if (!std::isfinite(ms) || ms < 0) return why = "\"t_ms\" is not a time in milliseconds from the start", false;
+    if (ms < previousMs) return why = "out of time order (t_ms goes back)", false;
+    tMs = ms;
+    return true;
+}
+
+// An answer becomes a value only when it had one: a code of 0 (or none) and
+// text or data, and no statistics records.
+bool AnswerHasValue(const tools::JsonField& line, bool& hasValue, std::string& why) {
+    int code = 0;
+    if (!line["code"].IsNull() && !line["code"].ReadInt(code, why)) return false;
+    hasValue = line["subject"].Present() && code == 0 && (!line["text"].IsNull() || line["data"].Present()) &&
+               !line["records"].Present();
+    return true;
+}
+
 // The event of one line, or false with the reason.
-bool ParseEvent(const Json::Value& line, double previousMs, TimelineEvent& event, bool& played, std::string& why) {
-    if (!line.isObject()) return why = "not a JSON object", false;
-    const Json::Value& kind = line["event"];
-    if (!kind.isString()) return why = "no \"event\" kind", false;
-    const Json::Value& t = line["t_ms"];
-    if (!t.isNumeric() || !std::isfinite(t.asDouble()) || t.asDouble() < 0)
-        return why = "\"t_ms\" is not a time in milliseconds from the start", false;
-    if (t.asDouble() < previousMs) return why = "out of time order (t_ms goes back)", false;
-    event.tMs = t.asDouble();
+bool ParseEvent(const Json::Value& value, double previousMs, TimelineEvent& event, bool& played, std::string& why) {
+    const tools::JsonField line(value);
+    std::string kind;
+    if (!line.ExpectObject(why) || !line["event"].ReadText(kind, why)) return false;
+    if (!ReadTime(line["t_ms"], previousMs, event.tMs, why)) return false;
     played = false;
-    std::string name = kind.asString();
-    if (kReferenceKinds.count(name) != 0) return true;
-    if (name != "signal" && name != "answer") return why = "unknown event kind \"" + name + "\"", false;
-    const Json::Value& subject = line["subject"];
-    bool needsSubject = name == "signal" || line.isMember("subject");
-    if (needsSubject && (!subject.isString() || subject.asString().empty()))
-        return why = "\"subject\" is missing or not a string", false;
+    if (kReferenceKinds.count(kind) != 0) return true;
+    if (kind != "signal" && kind != "answer") return why = "unknown event kind \"" + kind + "\"", false;
+    const tools::JsonField subject = line["subject"];
+    if (kind == "signal" && !subject.Present()) return why = "\"subject\" is missing or not a string", false;
+    if (subject.Present() && !subject.ReadName(event.subject, why)) return false;
     // The text exactly as it went, else the decoded data.
-    const Json::Value& text = line["text"];
-    if (!text.isNull() && !text.isString()) return why = "\"text\" is not a string", false;
-    if (name == "signal" && text.isNull() && !line.isMember("data")) return why = "a signal without data", false;
-    // An answer becomes a value only when it had one: a code of 0 and text.
-    if (name == "answer") {
-        if (!line.isMember("subject") || line["code"].asInt() != 0 || (text.isNull() && !line.isMember("data")) ||
-            line.isMember("records")) {
-            return true;
-        }
-    }
-    event.kind = name == "signal" ? TimelineEvent::Kind::kSignal : TimelineEvent::Kind::kValue;
-    event.subject = subject.asString();
-    event.data = text.isString() ? text.asString() : ValueText(line["data"]);
+    const tools::JsonField text = line["text"];
+    if (!text.IsNull() && !text.ReadText(event.data, why)) return false;
+    if (kind == "signal" && text.IsNull() && !line["data"].Present()) return why = "a signal without data", false;
+    bool hasValue = true;
+    if (kind == "answer" && !AnswerHasValue(line, hasValue, why)) return false;
+    if (!hasValue) return true;
+    event.kind = kind == "signal" ? TimelineEvent::Kind::kSignal : TimelineEvent::Kind::kValue;
+    if (text.IsNull()) event.data = ValueText(line["data"].Value());
     played = true;
     return true;
 }
 
-bool CheckHeader(const Json::Value& header, std::string& why) {
-    if (!header.isObject() || header["format"] != kTimelineFormat) {
+bool CheckHeader(const Json::Value& value, std::string& why) {
+    const tools::JsonField header(value);
+    if (header["format"].TextOr("") != kTimelineFormat) {
         why = std::string("not a timeline: the first line must be {\"format\":\"") + kTimelineFormat +
               "\",\"version\":" + std::to_string(kTimelineVersion) + "}";
         return false;
     }
-    if (!header["version"].isInt() || header["version"].asInt() != kTimelineVersion) {
-        why = "timeline version " +
-              (header["version"].isNull() ? std::string("missing") : ValueText(header["version"])) +
+    const tools::JsonField version = header["version"];
+    if (version.IntOr(0) != kTimelineVersion) {
+        why = "timeline version " + (version.IsNull() ? std::string("missing") : ValueText(version.Value())) +
               " is not the one this simulator plays (" + std::to_string(kTimelineVersion) + ")";
         return false;
     }
