@@ -49,19 +49,18 @@ bool IsIdentifier(const std::string& key) {
     return true;
 }
 
-// key as a JSON string: a path stays one line whatever the key holds.
-std::string Quoted(const std::string& key) {
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "";
-    return Json::writeString(writer, Json::Value(key));
-}
-
 const Json::Value& Null() {
     static const Json::Value null;
     return null;
 }
 
 }  // namespace
+
+std::string JsonQuoted(const std::string& text) {
+    Json::StreamWriterBuilder writer;
+    writer["indentation"] = "";
+    return Json::writeString(writer, Json::Value(text));
+}
 
 std::ptrdiff_t TooDeepAt(const std::string& text, int maxDepth) {
     enum { kCode, kString, kLineComment, kBlockComment } state = kCode;
@@ -158,7 +157,8 @@ JsonField::JsonField(const Json::Value* value, bool present, std::string path, J
 
 std::string JsonField::MemberPath(const std::string& key) const {
     if (m_style == JsonPathStyle::kBracketed) return m_root ? key : m_path + "[\"" + key + "\"]";
-    return IsIdentifier(key) ? m_path + "." + key : m_path + "[" + Quoted(key) + "]";
+    // A path stays one line whatever the key holds.
+    return IsIdentifier(key) ? m_path + "." + key : m_path + "[" + JsonQuoted(key) + "]";
 }
 
 JsonField JsonField::operator[](const std::string& key) const {

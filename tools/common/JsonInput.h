@@ -42,6 +42,10 @@ std::ptrdiff_t TooDeepAt(const std::string& text, int maxDepth);
 /// "LINE:COLUMN" (both from 1) of offset in text.
 std::string TextPosition(const std::string& text, std::ptrdiff_t offset);
 
+/// text as a JSON string, for messages that must stay one line whatever a
+/// foreign name holds.
+std::string JsonQuoted(const std::string& text);
+
 /// What a value is, for messages: "a string", "an integer", "an object"...
 const char* JsonTypeName(const Json::Value& value);
 

@@ -1,5 +1,5 @@
 // The player of timelines: events due by now are played from the main loop,
-// then one timer waits for the next.
+// then one timer waits for the next (or for the next round of a loop).
 #include <algorithm>
 #include <cmath>
 
@@ -41,7 +41,11 @@ void Replay::PlayDue() {
     if (m_next == m_events.size() && m_loop && !m_events.empty()) {
         ++m_rounds;
         m_next = 0;
-        m_startUs = g_get_monotonic_time();
+        // The next round starts now, or when this one has lasted its least:
+        // events all at time 0 would otherwise be played again at once, for
+        // ever, and take the whole processor.
+        gint64 earliestUs = m_startUs + static_cast<gint64>(kMinLoopRoundMs * 1000);
+        m_startUs = std::max(g_get_monotonic_time(), earliestUs);
     }
     Publish();
     ScheduleNext();
@@ -54,7 +58,8 @@ void Replay::ScheduleNext() {
     }
     double dueMs = m_events[m_next].tMs / m_speed;
     double elapsedMs = static_cast<double>(g_get_monotonic_time() - m_startUs) / 1000.0;
-    double waitMs = std::max(0.0, dueMs - elapsedMs);
+    // Before a round's start elapsedMs is below 0, and the wait is longer.
+    double waitMs = std::min(std::max(0.0, dueMs - elapsedMs), kMaxWaitMs);
     m_timer = g_timeout_add(static_cast<guint>(std::ceil(waitMs)), &Replay::OnTimer, this);
 }
 

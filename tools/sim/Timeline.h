@@ -18,6 +18,16 @@ class SimService;
 
 constexpr const char* kTimelineFormat = "lumora-timeline";
 constexpr int kTimelineVersion = 1;
+/// The latest time a line may have, about 31 years: anything later is a
+/// wrong number, not a recording.
+constexpr double kMaxTimelineMs = 1e12;
+/// The shortest a round of --loop takes, in real milliseconds whatever the
+/// speed: a timeline whose events all sit at (or near) time 0 is played at
+/// most ten times a second instead of as fast as the main loop turns.
+constexpr double kMinLoopRoundMs = 100;
+/// The longest one wait of the player; a later event is waited for in steps,
+/// which keeps every wait within what a GLib timer takes.
+constexpr double kMaxWaitMs = 3600 * 1000;
 
 struct TimelineEvent {
     enum class Kind { kSignal, kValue };
@@ -38,8 +48,9 @@ bool ParseTimeline(const std::string& text, std::vector<TimelineEvent>& events, 
 bool LoadTimeline(const std::string& path, std::vector<TimelineEvent>& events, std::string& error);
 
 /// Plays a timeline on the service's main loop, speed times faster than
-/// recorded, again from the start when loop is set. Its position is shown in
-/// the simulator's status ("replay").
+/// recorded, again from the start when loop is set (each round taking at
+/// least kMinLoopRoundMs). Its position is shown in the simulator's status
+/// ("replay").
 class Replay {
 public:
     Replay(SimService& service, std::string file, std::vector<TimelineEvent> events, double speed, bool loop);
