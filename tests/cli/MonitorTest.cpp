@@ -368,6 +368,14 @@ TEST_F(TimelineTest, AFieldOfTheWrongTypeIsRefusedWithItsPathAndBothTypes) {
         {header + "{\"event\":\"signal\",\"t_ms\":1,\"subject\":\"A/B\",\"text\":7}\n",
          "2: $.text: expected a string, found an integer"},
         {header + std::string(3000, '[') + std::string(3000, ']') + "\n", "2: invalid JSON (1:513: nested more than"},
+        {header + "{\"event\":\"signal\",\"t_ms\":1000000000001,\"subject\":\"A/B\",\"text\":\"x\"}\n",
+         "2: $.t_ms: 1000000000001 is out of range (0 to 1000000000000 ms)"},
+        {header + "{\"event\":\"signal\",\"t_ms\":1,\"subject\":\"A/\\udc80\",\"text\":\"x\"}\n",
+         "2: $.subject: not valid UTF-8 (a \\u escape of a lone surrogate)"},
+        {"{\"format\":\"lumora-timeline\",\"version\":\"1\"}\n",
+         "1: $.version: expected a 32-bit integer, found a string"},
+        // An escaped line break in a kind stays an escape: the message is one line.
+        {header + "{\"event\":\"a\\nb\",\"t_ms\":1}\n", "2: unknown event kind \"a\\nb\""},
     };
     for (const auto& [text, reason] : cases) {
         RunResult run = Replay(text);

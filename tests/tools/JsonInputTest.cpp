@@ -147,5 +147,10 @@ TEST(JsonInputTest, LenientReadsFallBackOnAnyOtherType) {
     EXPECT_TRUE(field["s"].Keys().empty());
 }
 
+TEST(JsonInputTest, AQuotedNameIsOneLineOfJson) {
+    EXPECT_EQ("\"party\"", JsonQuoted("party"));
+    EXPECT_EQ("\"a\\nb\\\"c\\u0001\"", JsonQuoted("a\nb\"c\x01"));
+}
+
 }  // namespace
 }  // namespace lumora::tools
