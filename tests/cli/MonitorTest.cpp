@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <sstream>
 #include <string>
@@ -40,6 +41,33 @@ std::vector<Json::Value> Events(const std::vector<Json::Value>& lines, const std
     for (const Json::Value& line : lines)
         if (line["event"] == event && (subject.empty() || line["subject"] == subject)) found.push_back(line);
     return found;
+}
+
+// The timeline file's lines (the header first), as far as written.
+std::vector<Json::Value> TimelineLines(const std::string& path) {
+    std::ifstream in(path);
+    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    return JsonLines(text);
+}
+
+// What the service answers one call of the wire contract, as a raw client
+// would see it: the reply in GVariant text form, or the error.
+constexpr const char* kService = "org.verdin.tv.lumora2";
+constexpr const char* kServicePath = "/org/verdin/tv/lumora2";
+constexpr const char* kServiceInterface = "org.verdin.tv.lumora.interface2";
+
+CallResult ServiceCall(GDBusConnection* connection, const char* method, int type, const std::string& subject) {
+    return CallMethod(connection, kService, kServicePath, kServiceInterface, method,
+                      g_variant_new("(iiiss)", static_cast<gint32>(getpid()), type, 1, subject.c_str(), ""));
+}
+CallResult RawRead(GDBusConnection* connection, const std::string& subject) {
+    return ServiceCall(connection, "RequestSync", 1, subject);
+}
+CallResult RawRequest(GDBusConnection* connection, const std::string& subject) {
+    return ServiceCall(connection, "RequestAsync", 5, subject);
+}
+CallResult RawEnable(GDBusConnection* connection) {
+    return CallMethod(connection, kService, kServicePath, kServiceInterface, "ServiceEnable", nullptr);
 }
 
 class MonitorTest : public CliServiceFixture {
@@ -80,7 +108,30 @@ protected:
         return ParseJson(text);
     }
     size_t Subscribers(const std::string& subject) { return SimStatus()["subscriptions"][subject].size(); }
+    // Stops the monitor once the timeline holds what done looks for: the
+    // monitor takes the bus's copies in its own time.
+    void StopRecording(ChildProcess& monitor, const std::string& timeline,
+                       const std::function<bool(const std::vector<Json::Value>&)>& done) {
+        EXPECT_TRUE(WaitUntil([&] { return done(TimelineLines(timeline)); }, kWaitMs)) << monitor.Err();
+        StopMonitor(monitor);
+    }
+    // A fresh simulator with the sample scenario plays timeline to its end.
+    void ReplayToTheEnd(const std::string& timeline, const std::vector<std::string>& args = {"--speed", "100"}) {
+        m_sim.Stop();
+        std::vector<std::string> all = {"--replay", timeline};
+        all.insert(all.end(), args.begin(), args.end());
+        ASSERT_TRUE(m_sim.Start(SampleScenario(), all));
+        ASSERT_TRUE(WaitUntil([&] { return SimStatus()["replay"]["done"].asBool(); }, kWaitMs)) << SimStatus();
+    }
 };
+
+std::vector<Json::Value> Answers(const std::vector<Json::Value>& lines, const std::string& type,
+                                 const std::string& subject = "") {
+    std::vector<Json::Value> found;
+    for (const Json::Value& line : Events(lines, "answer", subject))
+        if (line["type"] == type) found.push_back(line);
+    return found;
+}
 
 TEST_F(MonitorTest, EveryCallAnswerAndSignalOfASessionAppearsOnceDecoded) {
     ChildProcess monitor;
@@ -313,6 +364,160 @@ TEST_F(MonitorTest, AnAnswerNestedFiveThousandLevelsDeepIsShownAsTextAndNothingS
     EXPECT_EQ(Json::Value(deep), signals[0]["data"]);
 }
 
+TEST_F(MonitorTest, AnAnswersResultCodeAndTextAreRecordedAndReplayedAsTheyWent) {
+    const std::string subject = "Ctx/App/Info/Current";
+    const std::string subscribed = "Ctx/Media/Source/Info/Current";
+    const std::string scenarioAnswer = RawRead(m_control, subscribed).Print();  // before the recording
+    const std::string timeline = m_dir.File("codes.jsonl");
+    ChildProcess monitor;
+    StartMonitor(monitor, {"--record", timeline});
+    ASSERT_TRUE(Control(sim::kCtlSetValue, g_variant_new("(ss)", subject.c_str(), "{\"c\":1}")));
+    ASSERT_TRUE(Control(sim::kCtlSetResultCode, g_variant_new("(si)", subject.c_str(), -7)));
+    const std::string read = RawRead(m_control, subject).Print();
+    const std::string request = RawRequest(m_control, subject).Print();
+    ASSERT_EQ("(-7, '{\"c\":1}')", read);
+    ASSERT_EQ("(-7, '" + subject + "', <('{\"c\":1}',)>)", request);
+    // A subscription is answered (0, "{}"): that is not the subject's value.
+    ASSERT_EQ("(0, '{}')", ServiceCall(m_control, "RequestSync", 3, subscribed).Print());
+    StopRecording(monitor, timeline, [&](const std::vector<Json::Value>& lines) {
+        return !Answers(lines, "subscribe", subscribed).empty();
+    });
+
+    std::vector<Json::Value> lines = TimelineLines(timeline);
+    auto reads = Answers(lines, "read", subject);
+    auto requests = Answers(lines, "request", subject);
+    ASSERT_EQ(1u, reads.size());
+    ASSERT_EQ(1u, requests.size());
+    for (const Json::Value& answer : {reads[0], requests[0]}) {
+        EXPECT_EQ(-7, answer["code"].asInt()) << answer;
+        EXPECT_EQ("{\"c\":1}", answer["text"].asString()) << answer;
+    }
+
+    ReplayToTheEnd(timeline);
+    EXPECT_EQ(read, RawRead(m_control, subject).Print());
+    EXPECT_EQ(request, RawRequest(m_control, subject).Print());
+    EXPECT_EQ(scenarioAnswer, RawRead(m_control, subscribed).Print());
+}
+
+TEST_F(MonitorTest, StatisticsAndServiceEnableAnswersAreRecordedAndReplayedExactly) {
+    const char* app = "I/TallyDB/App/Duration";
+    // The edges of the wire types: the largest unsigned, a negative and the
+    // largest int, strings with quotes, a line break, non-ASCII and nothing.
+    const char* tuples =
+        "[[4294967295, 7, \"it's \\\"quoted\\\"\", \"caf\\u00e9\\nline\", \"\", -5],"
+        " [0, 1, \"a\", \"b\", \"c\", 2147483647]]";
+    const char* wire = "@a(uusssi) [(4294967295, 7, \"it's \\\"quoted\\\"\", 'caf\u00e9\\nline', '', -5),"
+                       " (0, 1, 'a', 'b', 'c', 2147483647)]";
+    const char* whiteList = "{\"WhiteList\":[\"lumora\",\"recorded-app\"]}";
+    const std::string timeline = m_dir.File("statistics.jsonl");
+    ChildProcess monitor;
+    StartMonitor(monitor, {"--record", timeline});
+    ASSERT_TRUE(Control(sim::kCtlSetStatistics, g_variant_new("(ss)", app, tuples)));
+    const gchar* names[] = {"lumora", "recorded-app", nullptr};
+    ASSERT_TRUE(Control(sim::kCtlSetWhiteList, g_variant_new("(^as)", names)));
+    RunResult recorded = Lumora({"stats", "app"});
+    ASSERT_EQ(0, recorded.exitStatus) << recorded.err;
+    ASSERT_NE(std::string::npos, recorded.out.find("quoted")) << recorded.out;
+    ASSERT_TRUE(Control(sim::kCtlSetEnabled, g_variant_new("(b)", FALSE)));
+    const std::string enable = RawEnable(m_control).Print();
+    ASSERT_EQ(std::string("(false, '") + whiteList + "')", enable);
+    StopRecording(monitor, timeline, [&](const std::vector<Json::Value>& lines) {
+        auto enables = Answers(lines, "enable");
+        return !enables.empty() && !enables.back()["enabled"].asBool();
+    });
+
+    // What the recording holds maps back to the wire's types exactly.
+    std::vector<Json::Value> lines = TimelineLines(timeline);
+    auto statistics = Answers(lines, "request", app);
+    ASSERT_EQ(1u, statistics.size());
+    ASSERT_TRUE(statistics[0]["payload"].isString()) << statistics[0];
+    VariantPtr expected = AdoptVariant(g_variant_parse(nullptr, wire, nullptr, nullptr, nullptr));
+    ASSERT_NE(nullptr, expected);
+    VariantPtr payload =
+        AdoptVariant(g_variant_parse(nullptr, statistics[0]["payload"].asCString(), nullptr, nullptr, nullptr));
+    ASSERT_NE(nullptr, payload) << statistics[0];
+    EXPECT_TRUE(g_variant_equal(expected.get(), payload.get())) << PrintVariant(payload.get(), true);
+    auto enables = Answers(lines, "enable");
+    ASSERT_FALSE(enables.empty());
+    EXPECT_EQ(whiteList, enables.back()["text"].asString()) << enables.back();
+
+    // The sample scenario has another whitelist and other records.
+    ReplayToTheEnd(timeline);
+    EXPECT_EQ(enable, RawEnable(m_control).Print());
+    CallResult replayedPayload = RawRequest(m_control, app);
+    ASSERT_TRUE(replayedPayload.Ok()) << replayedPayload.Print();
+    VariantPtr expectedReply = AdoptVariant(g_variant_new("(isv)", 0, app, expected.get()));
+    EXPECT_TRUE(g_variant_equal(expectedReply.get(), replayedPayload.reply.get())) << replayedPayload.Print();
+    // A second app, once a tester enables the service again on top of the replay.
+    ASSERT_TRUE(Control(sim::kCtlSetEnabled, g_variant_new("(b)", TRUE)));
+    RunResult replayed = Lumora({"stats", "app"});
+    EXPECT_EQ(0, replayed.exitStatus) << replayed.err;
+    EXPECT_EQ(recorded.out, replayed.out);
+}
+
+TEST_F(MonitorTest, AChangeSentToTwoSubscribersIsOneEventOfTheTimelineAndIsHeardOnceInTheReplay) {
+    const std::string subject = "Ctx/Sound/Volume/Level/Changed";
+    const std::string timeline = m_dir.File("two.jsonl");
+    ChildProcess monitor;
+    StartMonitor(monitor, {"--record", timeline});
+    ChildProcess first, second;
+    ASSERT_TRUE(first.Start(CliExecutable(), {"subscribe", subject}));
+    ASSERT_TRUE(second.Start(CliExecutable(), {"subscribe", subject}));
+    ASSERT_TRUE(WaitUntil([&] { return Subscribers(subject) == 2; }, kWaitMs));
+    // Room for the replay's listener to subscribe before the first change.
+    std::this_thread::sleep_for(std::chrono::milliseconds(600));
+    // The same data twice is two changes of the service.
+    const char* levels[] = {"{\"Level\":1}", "{\"Level\":2}", "{\"Level\":2}"};
+    for (const char* level : levels)
+        ASSERT_TRUE(Control(sim::kCtlEmit, g_variant_new("(ss)", subject.c_str(), level)));
+    std::vector<std::string> heard;
+    for (ChildProcess* listener : {&first, &second}) {
+        for (size_t i = 0; i < 3; ++i) {
+            std::string line;
+            ASSERT_TRUE(listener->ReadLine(line, kWaitMs));
+            if (listener == &first) heard.push_back(line);
+        }
+        listener->Signal(SIGTERM);
+        listener->Wait(kWaitMs);
+    }
+    StopRecording(monitor, timeline, [&](const std::vector<Json::Value>& lines) {
+        return Answers(lines, "unsubscribe", subject).size() == 2;
+    });
+
+    std::vector<Json::Value> lines = TimelineLines(timeline);
+    auto signals = Events(lines, "signal", subject);
+    ASSERT_EQ(3u, signals.size()) << "one event per change, whatever the receivers";
+    for (size_t i = 0; i < 3; ++i) EXPECT_EQ(levels[i], signals[i]["text"].asString());
+    // The second receiver's copy of each is kept for reference, right after it.
+    for (size_t i = 1; i < lines.size(); ++i) {
+        if (lines[i]["event"] != "copy") continue;
+        const Json::Value& original = lines[i - 1];
+        EXPECT_EQ("signal", original["event"].asString()) << lines[i];
+        EXPECT_EQ(original["sender"], lines[i]["sender"]);
+        EXPECT_EQ(original["serial"].asUInt() + 1, lines[i]["serial"].asUInt());
+        EXPECT_NE(original["destination"], lines[i]["destination"]);
+    }
+    EXPECT_EQ(3u, Events(lines, "copy").size());
+
+    m_sim.Stop();
+    ASSERT_TRUE(m_sim.Start(SampleScenario(), {"--replay", timeline, "--speed", "0.5"}));
+    ChildProcess replayed;
+    ASSERT_TRUE(replayed.Start(CliExecutable(), {"subscribe", subject}));
+    for (const std::string& expected : heard) {
+        std::string line;
+        ASSERT_TRUE(replayed.ReadLine(line, kWaitMs)) << replayed.Err();
+        EXPECT_EQ(expected, line);
+    }
+    ASSERT_TRUE(WaitUntil([&] { return SimStatus()["replay"]["done"].asBool(); }, kWaitMs)) << SimStatus();
+    // Nothing came twice: the next line is what is sent after the replay.
+    ASSERT_TRUE(Control(sim::kCtlEmit, g_variant_new("(ss)", subject.c_str(), "{\"Level\":9}")));
+    std::string line;
+    ASSERT_TRUE(replayed.ReadLine(line, kWaitMs));
+    EXPECT_EQ("{\"subject\":\"" + subject + "\",\"data\":{\"Level\":9}}", line);
+    replayed.Signal(SIGTERM);
+    replayed.Wait(kWaitMs);
+}
+
 // ---- timelines that cannot be played ------------------------------------------------
 
 class TimelineTest : public CliNoServiceFixture {
@@ -381,6 +586,26 @@ TEST_F(TimelineTest, AFieldOfTheWrongTypeIsRefusedWithItsPathAndBothTypes) {
         RunResult run = Replay(text);
         EXPECT_EQ(2, run.exitStatus) << reason;
         EXPECT_EQ(0u, run.err.find("lumora-sim: " + m_dir.File("bad.jsonl") + ":" + reason)) << run.err;
+        EXPECT_EQ(run.err.size() - 1, run.err.find('\n')) << "one line: " << run.err;
+    }
+}
+
+TEST_F(TimelineTest, ADirectoryOrAMissingFileIsRefusedWithItsCause) {
+    RunResult run = SimProcess::Run({"--replay", m_dir.Path()});
+    EXPECT_EQ(2, run.exitStatus);
+    EXPECT_EQ("lumora-sim: " + m_dir.Path() + ": is a directory, not a timeline\n", run.err);
+    const std::string missing = m_dir.File("missing.jsonl");
+    run = SimProcess::Run({"--replay", missing});
+    EXPECT_EQ(2, run.exitStatus);
+    EXPECT_EQ("lumora-sim: " + missing + ": cannot be read: No such file or directory\n", run.err);
+}
+
+TEST_F(TimelineTest, SpeedAndLoopWithoutAReplayAreRefused) {
+    const std::vector<std::vector<std::string>> cases = {{"--speed", "2"}, {"--loop"}, {"--loop", "--speed", "3"}};
+    for (const auto& args : cases) {
+        RunResult run = SimProcess::Run(args);
+        EXPECT_EQ(2, run.exitStatus) << args[0];
+        EXPECT_EQ(0u, run.err.find("lumora-sim: " + args[0] + " goes with --replay FILE")) << run.err;
         EXPECT_EQ(run.err.size() - 1, run.err.find('\n')) << "one line: " << run.err;
     }
 }
