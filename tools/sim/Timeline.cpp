@@ -4,8 +4,12 @@
 // reaching jsoncpp's throwing accessors.
 #include "Timeline.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cmath>
-#include <fstream>
 #include <set>
 #include <sstream>
 
@@ -159,15 +163,44 @@ bool ParseTimeline(const std::string& text, std::vector<TimelineEvent>& events, 
     return false;
 }
 
-bool LoadTimeline(const std::string& path, std::vector<TimelineEvent>& events, std::string& error) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
-        error = path + ": cannot be read";
+namespace {
+
+// The file's bytes. A directory opens and reads as nothing, which would be
+// refused as an empty timeline: it is named as what it is.
+bool ReadTimelineFile(const std::string& path, std::string& text, std::string& error) {
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        error = path + ": cannot be read: " + g_strerror(errno);
         return false;
     }
-    std::ostringstream text;
-    text << in.rdbuf();
-    if (!ParseTimeline(text.str(), events, error)) {
+    struct stat info {};
+    if (fstat(fd, &info) == 0 && S_ISDIR(info.st_mode)) {
+        close(fd);
+        error = path + ": is a directory, not a timeline";
+        return false;
+    }
+    char buffer[65536];
+    for (;;) {
+        ssize_t got = read(fd, buffer, sizeof buffer);
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) {
+            error = path + ": cannot be read: " + g_strerror(errno);
+            close(fd);
+            return false;
+        }
+        if (got == 0) break;
+        text.append(buffer, static_cast<size_t>(got));
+    }
+    close(fd);
+    return true;
+}
+
+}  // namespace
+
+bool LoadTimeline(const std::string& path, std::vector<TimelineEvent>& events, std::string& error) {
+    std::string text;
+    if (!ReadTimelineFile(path, text, error)) return false;
+    if (!ParseTimeline(text, events, error)) {
         error = path + ":" + error;
         return false;
     }

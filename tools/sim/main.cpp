@@ -107,6 +107,7 @@ struct Options {
     std::string replay;
     double speed = 1;
     bool loop = false;
+    std::string playbackOption;  // the first of --speed and --loop given
     bool http = false;
     std::string httpAddress;
     unsigned httpPort = 0;
@@ -133,6 +134,7 @@ int ParseOptions(int argc, char** argv, Options& options) {
             options.replay = argv[++i];
         } else if (arg == "--loop") {
             options.loop = true;
+            if (options.playbackOption.empty()) options.playbackOption = arg;
         } else if (arg == "--http-allow-remote") {
             options.httpAllowRemote = true;
         } else if (arg == "--http" && i + 1 < argc) {
@@ -143,6 +145,7 @@ int ParseOptions(int argc, char** argv, Options& options) {
             }
         } else if (arg == "--speed" && i + 1 < argc) {
             char* end = nullptr;
+            if (options.playbackOption.empty()) options.playbackOption = arg;
             options.speed = g_ascii_strtod(argv[++i], &end);
             if (end == argv[i] || *end != '\0' || !(options.speed > 0) || options.speed > 1e6) {
                 fprintf(stderr, "lumora-sim: --speed takes a number above 0 (see lumora-sim --help)\n");
@@ -152,6 +155,13 @@ int ParseOptions(int argc, char** argv, Options& options) {
             fprintf(stderr, "lumora-sim: unexpected argument '%s' (see lumora-sim --help)\n", arg.c_str());
             return 2;
         }
+    }
+    // Either would be dropped without a timeline to play, and the simulator
+    // would look as if it played one.
+    if (!options.playbackOption.empty() && options.replay.empty()) {
+        fprintf(stderr, "lumora-sim: %s goes with --replay FILE (see lumora-sim --help)\n",
+                options.playbackOption.c_str());
+        return 2;
     }
     return 0;
 }
