@@ -581,6 +581,17 @@ TEST_F(TimelineTest, AFieldOfTheWrongTypeIsRefusedWithItsPathAndBothTypes) {
          "1: $.version: expected a 32-bit integer, found a string"},
         // An escaped line break in a kind stays an escape: the message is one line.
         {header + "{\"event\":\"a\\nb\",\"t_ms\":1}\n", "2: unknown event kind \"a\\nb\""},
+        // A statistics answer's payload is the wire's value in GVariant text form.
+        {header + "{\"event\":\"answer\",\"t_ms\":1,\"type\":\"request\",\"subject\":\"I/TallyDB/Onoff/Duration\","
+                  "\"code\":0,\"payload\":7}\n",
+         "2: $.payload: expected a string, found an integer"},
+        {header + "{\"event\":\"answer\",\"t_ms\":1,\"type\":\"request\",\"subject\":\"I/TallyDB/Onoff/Duration\","
+                  "\"code\":0,\"payload\":\"[(uint32 1,\"}\n",
+         "2: $.payload: not a GVariant in text form ("},
+        {header + "{\"event\":\"answer\",\"t_ms\":1,\"type\":\"enable\",\"enabled\":\"yes\",\"text\":\"{}\"}\n",
+         "2: $.enabled: expected true or false, found a string"},
+        {header + "{\"event\":\"answer\",\"t_ms\":1,\"type\":3,\"subject\":\"A/B\",\"text\":\"x\"}\n",
+         "2: $.type: expected a string, found an integer"},
     };
     for (const auto& [text, reason] : cases) {
         RunResult run = Replay(text);

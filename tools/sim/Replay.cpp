@@ -34,9 +34,7 @@ gboolean Replay::OnTimer(gpointer self) {
 void Replay::PlayDue() {
     double nowMs = static_cast<double>(g_get_monotonic_time() - m_startUs) / 1000.0 * m_speed;
     while (m_next < m_events.size() && m_events[m_next].tMs <= nowMs) {
-        const TimelineEvent& event = m_events[m_next++];
-        m_service.State().SetValue(event.subject, event.data);
-        if (event.kind == TimelineEvent::Kind::kSignal) m_service.EmitResponse(event.subject, event.data);
+        Play(m_events[m_next++]);
     }
     if (m_next == m_events.size() && m_loop && !m_events.empty()) {
         ++m_rounds;
@@ -49,6 +47,31 @@ void Replay::PlayDue() {
     }
     Publish();
     ScheduleNext();
+}
+
+// A signal goes to the subject's subscribers as the service's own changes do
+// (once each, or once to everyone with --broadcast); its data is the
+// subject's value from then on, as after a write.
+void Replay::Play(const TimelineEvent& event) {
+    SimState& state = m_service.State();
+    switch (event.kind) {
+        case TimelineEvent::Kind::kSignal:
+            state.SetValue(event.subject, event.data);
+            m_service.EmitResponse(event.subject, event.data);
+            break;
+        case TimelineEvent::Kind::kAnswer:
+            state.SetValue(event.subject, event.data);
+            state.SetResultCode(event.subject, event.code);
+            break;
+        case TimelineEvent::Kind::kStatistics:
+            state.SetStatistics(event.subject, event.tuples);
+            state.SetResultCode(event.subject, event.code);
+            break;
+        case TimelineEvent::Kind::kEnable:
+            state.SetEnabled(event.enabled);
+            if (event.hasWhiteList) state.SetWhiteListText(event.data);
+            break;
+    }
 }
 
 void Replay::ScheduleNext() {

@@ -31,6 +31,12 @@ GVariant* BuildTuple(const std::string& types, const tools::JsonField& tuple) {
     return g_variant_new_tuple(children.data(), children.size());
 }
 
+Json::Value ElementJson(GVariant* element) {
+    if (g_variant_is_of_type(element, G_VARIANT_TYPE_UINT32)) return Json::Value(Json::UInt(g_variant_get_uint32(element)));
+    if (g_variant_is_of_type(element, G_VARIANT_TYPE_INT32)) return Json::Value(Json::Int(g_variant_get_int32(element)));
+    return Json::Value(g_variant_get_string(element, nullptr));
+}
+
 }  // namespace
 
 const lumora::contract::StatisticsKind* FindStatisticsKind(const std::string& subject) {
@@ -53,6 +59,25 @@ GVariant* BuildStatisticsArray(const lumora::contract::StatisticsKind& kind, con
     // The element type is given so that an empty array still has the subject's signature.
     const GVariantType* elementType = G_VARIANT_TYPE(kind.arraySignature + 1);
     return g_variant_new_array(elementType, items.data(), items.size());
+}
+
+bool StatisticsTuples(const lumora::contract::StatisticsKind& kind, GVariant* array, Json::Value& tuples) {
+    if (array == nullptr || !g_variant_is_of_type(array, G_VARIANT_TYPE(kind.arraySignature))) return false;
+    Json::Value result(Json::arrayValue);
+    const gsize count = g_variant_n_children(array);
+    for (gsize i = 0; i < count; ++i) {
+        GVariant* tuple = g_variant_get_child_value(array, i);
+        Json::Value& elements = result.append(Json::Value(Json::arrayValue));
+        const gsize width = g_variant_n_children(tuple);
+        for (gsize j = 0; j < width; ++j) {
+            GVariant* element = g_variant_get_child_value(tuple, j);
+            elements.append(ElementJson(element));
+            g_variant_unref(element);
+        }
+        g_variant_unref(tuple);
+    }
+    tuples = std::move(result);
+    return true;
 }
 
 }  // namespace lumora::sim

@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <set>
@@ -15,6 +16,7 @@
 
 #include "JsonInput.h"
 #include "Scenario.h"
+#include "Statistics.h"
 
 namespace lumora::sim {
 
@@ -22,8 +24,10 @@ namespace {
 
 using tools::JsonField;
 
-// Kinds a timeline holds for reference only: checked, never played.
-const std::set<std::string> kReferenceKinds = {"call", "error", "timeout", "unanswered", "undecodable", "hello", "bye"};
+// Kinds a timeline holds for reference only: checked, never played. A
+// "copy" is a signal's copy to a further receiver of the same change.
+const std::set<std::string> kReferenceKinds = {"call",        "error", "timeout", "unanswered",
+                                               "undecodable", "hello", "bye",     "copy"};
 
 // The line's time: a number of milliseconds from the start, not before the
 // previous line's. Later than kMaxTimelineMs is no recording's time.
@@ -49,14 +53,80 @@ bool CheckUtf8(const JsonField& field, const std::string& text, std::string& why
     return field.Fail("not valid UTF-8 (a \\u escape of a lone surrogate)", why);
 }
 
-// An answer becomes a value only when it had one: a code of 0 (or none) and
-// text or data, and no statistics records.
-bool AnswerHasValue(const JsonField& line, bool& hasValue, std::string& why) {
-    int code = 0;
+// The text exactly as it went, else the decoded data; false when the line
+// has neither (present says so) or a text of the wrong type.
+bool ReadData(const JsonField& line, std::string& out, bool& present, std::string& why) {
+    const JsonField text = line["text"];
+    const JsonField data = line["data"];
+    present = false;
+    if (!text.IsNull()) {
+        if (!text.ReadText(out, why) || !CheckUtf8(text, out, why)) return false;
+    } else if (data.Present()) {
+        out = ValueText(data.Value());
+        if (!CheckUtf8(data, out, why)) return false;
+    } else {
+        return true;
+    }
+    present = true;
+    return true;
+}
+
+// A typed payload of a request's answer (the statistics arrays), in the
+// GVariant text form the monitor records. It is played when it has the
+// signature of the subject's statistics; any other is kept for reference.
+bool ParsePayload(const JsonField& field, TimelineEvent& event, bool& played, std::string& why) {
+    std::string text;
+    if (!field.ReadText(text, why)) return false;
+    GError* error = nullptr;
+    GVariant* payload = g_variant_parse(nullptr, text.c_str(), text.c_str() + text.size(), nullptr, &error);
+    if (payload == nullptr) {
+        std::string reason = error != nullptr ? error->message : "no value";
+        if (error != nullptr) g_error_free(error);
+        std::replace(reason.begin(), reason.end(), '\n', ' ');
+        return field.Fail("not a GVariant in text form (" + reason + ")", why);
+    }
+    g_variant_ref_sink(payload);
+    const lumora::contract::StatisticsKind* kind = FindStatisticsKind(event.subject);
+    played = kind != nullptr && StatisticsTuples(*kind, payload, event.tuples);
+    g_variant_unref(payload);
+    if (played) event.kind = TimelineEvent::Kind::kStatistics;
+    return true;
+}
+
+// ServiceEnable's answer: the enabled flag, and the whitelist when the line
+// has it (timelines from before it was recorded have it decoded in "data").
+bool ParseEnableAnswer(const JsonField& line, TimelineEvent& event, bool& played, std::string& why) {
+    if (!line["enabled"].ReadBool(event.enabled, why)) return false;
+    if (!ReadData(line, event.data, event.hasWhiteList, why)) return false;
+    event.kind = TimelineEvent::Kind::kEnable;
+    event.subject.clear();
+    played = true;
+    return true;
+}
+
+// What an answer plays depends on the call it answers ("type"): a read's or
+// a request's answer is what the subject answers from then on, its code
+// included; a ServiceEnable answer sets the service's flag and whitelist.
+// Answers to subscriptions are (0, "{}") whatever the subject holds, and are
+// kept for reference, as are those of other calls. A line without a type
+// (written by hand) is taken as a read's answer.
+bool ParseAnswer(const JsonField& line, TimelineEvent& event, bool& played, std::string& why) {
+    std::string type = "read";
+    const JsonField typeField = line["type"];
+    if (!typeField.IsNull() && !typeField.ReadText(type, why)) return false;
     const JsonField codeField = line["code"];
-    if (!codeField.IsNull() && !codeField.ReadInt(code, why)) return false;
-    hasValue = line["subject"].Present() && code == 0 && (!line["text"].IsNull() || line["data"].Present()) &&
-               !line["records"].Present();
+    if (!codeField.IsNull() && !codeField.ReadInt(event.code, why)) return false;
+    if (type == "enable") return ParseEnableAnswer(line, event, played, why);
+    bool hasData = false;
+    if (!ReadData(line, event.data, hasData, why)) return false;
+    if ((type != "read" && type != "request") || event.subject.empty()) return true;
+    const JsonField payload = line["payload"];
+    if (!payload.IsNull()) return ParsePayload(payload, event, played, why);
+    // Statistics records as the monitor shows them, from before the payload
+    // was recorded: their types are not all there.
+    if (line["records"].Present() || !hasData) return true;
+    event.kind = TimelineEvent::Kind::kAnswer;
+    played = true;
     return true;
 }
 
@@ -73,17 +143,11 @@ bool ParseEvent(const Json::Value& value, double previousMs, TimelineEvent& even
     if (kind == "signal" && !subject.Present()) return why = "\"subject\" is missing or not a string", false;
     if (subject.Present() && (!subject.ReadName(event.subject, why) || !CheckUtf8(subject, event.subject, why)))
         return false;
-    // The text exactly as it went, else the decoded data.
-    const JsonField text = line["text"];
-    const JsonField data = line["data"];
-    if (!text.IsNull() && !text.ReadText(event.data, why)) return false;
-    if (kind == "signal" && text.IsNull() && !data.Present()) return why = "a signal without data", false;
-    bool hasValue = true;
-    if (kind == "answer" && !AnswerHasValue(line, hasValue, why)) return false;
-    if (!hasValue) return true;
-    event.kind = kind == "signal" ? TimelineEvent::Kind::kSignal : TimelineEvent::Kind::kValue;
-    if (text.IsNull()) event.data = ValueText(data.Value());
-    if (!CheckUtf8(text.IsNull() ? data : text, event.data, why)) return false;
+    if (kind == "answer") return ParseAnswer(line, event, played, why);
+    bool hasData = false;
+    if (!ReadData(line, event.data, hasData, why)) return false;
+    if (!hasData) return why = "a signal without data", false;
+    event.kind = TimelineEvent::Kind::kSignal;
     played = true;
     return true;
 }

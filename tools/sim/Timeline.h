@@ -1,8 +1,10 @@
 // Timelines that `lumora monitor --record` writes, played by `lumora-sim
 // --replay`: every recorded "Response" signal is emitted again at its time,
-// and every recorded answer with a value becomes the subject's value at its
-// time, so that reads and requests answer what the recorded service answered
-// then.
+// once to each subscriber however many copies the recorded service sent, and
+// every recorded answer to a read or request becomes the subject's answer at
+// its time (its text or statistics records, and its result code), so that
+// reads and requests answer what the recorded service answered then;
+// ServiceEnable answers set the enabled flag and the whitelist likewise.
 #ifndef LUMORA_SIM_TIMELINE_H
 #define LUMORA_SIM_TIMELINE_H
 
@@ -30,17 +32,27 @@ constexpr double kMinLoopRoundMs = 100;
 constexpr double kMaxWaitMs = 3600 * 1000;
 
 struct TimelineEvent {
-    enum class Kind { kSignal, kValue };
+    enum class Kind {
+        kSignal,      // "Response" (0, subject, data); data becomes the subject's value
+        kAnswer,      // a read's or request's answer: the subject's value and result code
+        kStatistics,  // a statistics request's answer: the subject's records and result code
+        kEnable,      // a ServiceEnable answer: enabled, and the whitelist when recorded
+    };
     double tMs = 0;
     Kind kind = Kind::kSignal;
-    std::string subject;
-    std::string data;  // the text as it went on the bus
+    std::string subject;  // empty for kEnable
+    std::string data;     // the text as it went on the bus; kEnable: the whitelist
+    int code = 0;         // kAnswer, kStatistics
+    Json::Value tuples;   // kStatistics: the records in wire order, as scenario files give them
+    bool enabled = true;  // kEnable
+    bool hasWhiteList = false;  // kEnable: data holds the whitelist
     int line = 0;
 };
 
 /// Parses a timeline from text (the file's content). On failure returns false
 /// and sets error to "LINE: reason". Lines that are kept for reference only
-/// (calls, errors, time-outs, HELLO, BYE) are checked and skipped.
+/// (calls, errors, time-outs, HELLO, BYE, the further copies of a signal sent
+/// to several receivers, answers to subscriptions) are checked and skipped.
 bool ParseTimeline(const std::string& text, std::vector<TimelineEvent>& events, std::string& error);
 
 /// Reads and parses the file at path; error is "FILE:LINE: reason" or
@@ -63,6 +75,7 @@ public:
 private:
     static gboolean OnTimer(gpointer self);
     void PlayDue();
+    void Play(const TimelineEvent& event);
     void ScheduleNext();
     void Publish();
 
