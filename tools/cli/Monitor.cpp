@@ -396,6 +396,7 @@ private:
         answer["t_ms"] = base["t_ms"];
         answer["latency_ms"] = Ms(us - pending.us);
         answer.removeMember("input");
+        Json::Value replayable(Json::objectValue);  // what the timeline alone keeps
         GVariant* body = g_dbus_message_get_body(message);
         std::string type = TextOf(pending.call, "type");
         if (g_dbus_message_get_message_type(message) == G_DBUS_MESSAGE_TYPE_ERROR) {
@@ -412,6 +413,7 @@ private:
             g_variant_get(body, "(b&s)", &enabled, &whiteList);
             answer["enabled"] = static_cast<bool>(enabled);
             answer["data"] = DataJson(whiteList);
+            answer["text"] = whiteList;
         } else if (body != nullptr && g_variant_is_of_type(body, G_VARIANT_TYPE(contract::kRequestSyncReply))) {
             gint32 code = 0;
             const gchar* text = nullptr;
@@ -431,6 +433,10 @@ private:
                 answer["text"] = text;
             } else {
                 answer["records"] = VariantJson(payload);  // a statistics answer
+                // With its types, which the records above do not all show.
+                gchar* printed = g_variant_print(payload, TRUE);
+                replayable["payload"] = printed;
+                g_free(printed);
             }
             g_variant_unref(payload);
         } else {
@@ -438,7 +444,7 @@ private:
             answer["signature"] =
                 g_dbus_message_get_signature(message) != nullptr ? g_dbus_message_get_signature(message) : "";
         }
-        Record(answer);
+        Record(answer, replayable);
         if (!Shown(answer)) return;
         Count(answer, TextOf(answer, "event"));
         Emit(answer);
@@ -469,7 +475,7 @@ private:
         const char* destination = g_dbus_message_get_destination(message);
         json["destination"] = destination != nullptr ? Json::Value(destination) : Json::Value();
         if (destination != nullptr && m_names.count(destination) != 0) json["process"] = m_names[destination];
-        Record(json);
+        RecordSignal(json, message);
         if (!Shown(json)) return;
         if (json["event"] == "signal") ++m_subjects[subject].signals;
         Emit(json);
@@ -549,12 +555,61 @@ private:
     }
 
     // The timeline keeps every answer and signal of the service, and the
-    // calls for reference, whatever the filters show.
-    void Record(const Json::Value& event) {
+    // calls for reference, whatever the filters show. timelineOnly adds what
+    // only a replay needs.
+    void Record(const Json::Value& event, const Json::Value& timelineOnly = Json::Value()) {
         if (!m_record.is_open()) return;
         Json::Value line = event;
         line.removeMember("time");
+        for (const std::string& key : timelineOnly.getMemberNames()) line[key] = timelineOnly[key];
         m_record << Compact(line) << "\n" << std::flush;
+    }
+
+    // The service sends one change to each of its subscribers as a signal of
+    // its own, and the bus shows the monitor every copy; the timeline has one
+    // "signal" per change. A copy belongs to the change of the signal before
+    // it when it comes from the same sender with the next serial (so nothing
+    // else left the service in between), with the same subject and data, to
+    // a receiver that change has not reached yet; it is kept as a "copy"
+    // line, for reference. The same data sent again to the same receiver is
+    // a change of its own, and so is every broadcast (one message reaches
+    // everyone). The sender's serial goes with every signal line, so that
+    // the rule can be checked in the timeline.
+    struct RecordedChange {
+        std::string sender;  // empty: none to continue
+        guint32 lastSerial = 0;
+        std::string subject;
+        std::string data;
+        std::vector<std::string> receivers;
+    };
+    RecordedChange m_lastChange;
+
+    void RecordSignal(const Json::Value& event, GDBusMessage* message) {
+        if (!m_record.is_open()) return;
+        const char* sender = g_dbus_message_get_sender(message);
+        const char* destination = g_dbus_message_get_destination(message);
+        const guint32 serial = g_dbus_message_get_serial(message);
+        Json::Value timelineOnly(Json::objectValue);
+        timelineOnly["sender"] = sender != nullptr ? sender : "";
+        timelineOnly["serial"] = serial;
+        const bool change = TextOf(event, "event") == "signal" && sender != nullptr && destination != nullptr;
+        const std::string subject = TextOf(event, "subject");
+        const std::string data = TextOf(event, "text");
+        RecordedChange& last = m_lastChange;
+        if (change && !last.sender.empty() && last.sender == sender && serial == last.lastSerial + 1 &&
+            last.subject == subject && last.data == data &&
+            std::find(last.receivers.begin(), last.receivers.end(), destination) == last.receivers.end()) {
+            last.lastSerial = serial;
+            last.receivers.push_back(destination);
+            Json::Value copy = event;
+            copy["event"] = "copy";
+            copy.removeMember("data");
+            copy.removeMember("text");
+            Record(copy, timelineOnly);
+            return;
+        }
+        last = change ? RecordedChange{sender, serial, subject, data, {destination}} : RecordedChange{};
+        Record(event, timelineOnly);
     }
 
     void Emit(const Json::Value& recorded) {
