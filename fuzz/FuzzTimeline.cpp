@@ -3,7 +3,9 @@
 // boundary and the checked reads of its fields. Any text is either refused
 // with one line "FILE:LINE: reason", LINE a line of the text (or the one after
 // it), or loaded into events the simulator can play: in time order, at times
-// it can wait for, each with a subject and data that are valid UTF-8.
+// it can wait for, each with a subject (but a ServiceEnable answer) and data
+// that are valid UTF-8, statistics records that the subject's array is built
+// from as a scenario's are.
 #include <glib.h>
 
 #include <cstdint>
@@ -12,6 +14,7 @@
 #include <vector>
 
 #include "FuzzSupport.h"
+#include "Scenario.h"
 #include "Timeline.h"
 
 using fuzz::Check;
@@ -41,8 +44,13 @@ void CheckLoaded(const std::vector<lumora::sim::TimelineEvent>& events) {
     for (const lumora::sim::TimelineEvent& event : events) {
         Check(event.tMs >= previous && event.tMs <= lumora::sim::kMaxTimelineMs);
         previous = event.tMs;
-        Check(!event.subject.empty());
+        using Kind = lumora::sim::TimelineEvent::Kind;
+        Check(event.kind == Kind::kEnable ? event.subject.empty() : !event.subject.empty());
         Check(fuzz::IsUtf8(event.subject));
+        if (event.kind == Kind::kStatistics) {
+            std::string why;
+            Check(lumora::sim::CheckStatistics(event.subject, event.tuples, "tuples", why));
+        }
         Check(fuzz::IsUtf8(event.data));
         Check(event.line >= 2);
     }
