@@ -500,7 +500,7 @@ TEST_F(MonitorTest, AChangeSentToTwoSubscribersIsOneEventOfTheTimelineAndIsHeard
     EXPECT_EQ(3u, Events(lines, "copy").size());
 
     m_sim.Stop();
-    ASSERT_TRUE(m_sim.Start(SampleScenario(), {"--replay", timeline, "--speed", "0.5"}));
+    ASSERT_TRUE(m_sim.Start(SampleScenario(), {"--replay", timeline, "--speed", "0.25"}));
     ChildProcess replayed;
     ASSERT_TRUE(replayed.Start(CliExecutable(), {"subscribe", subject}));
     for (const std::string& expected : heard) {
