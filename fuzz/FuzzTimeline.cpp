@@ -1,41 +1,82 @@
-// Fuzzes lumora-sim's timeline parser: any text is either refused with
-// "LINE: reason", LINE a line of the text (or the one after it), or parsed into
-// events the simulator can play: in time order, each with a subject and data
-// that are valid UTF-8.
+// Fuzzes lumora-sim's timeline loader, as --replay runs it: the input is
+// written to a file and loaded, so that every line goes through the JSON
+// boundary and the checked reads of its fields. Any text is either refused
+// with one line "FILE:LINE: reason", LINE a line of the text (or the one after
+// it), or loaded into events the simulator can play: in time order, at times
+// it can wait for, each with a subject (but a ServiceEnable answer) and data
+// that are valid UTF-8, statistics records that the subject's array is built
+// from as a scenario's are.
 #include <glib.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <string>
 #include <vector>
 
 #include "FuzzSupport.h"
+#include "Scenario.h"
 #include "Timeline.h"
 
 using fuzz::Check;
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    std::string text(reinterpret_cast<const char*>(data), size);
-    std::vector<lumora::sim::TimelineEvent> events;
-    std::string error;
-    if (!lumora::sim::ParseTimeline(text, events, error)) {
-        size_t colon = error.find(": ");
-        Check(colon != std::string::npos && colon > 0 && colon <= 9);
-        for (size_t i = 0; i < colon; ++i) Check(error[i] >= '0' && error[i] <= '9');
-        long line = std::stol(error.substr(0, colon));
-        long lines = 1;
-        for (char c : text) lines += c == '\n';
-        Check(line >= 1 && line <= lines + 1);
-        Check(events.empty());
-        return 0;
-    }
+namespace {
+
+std::string g_path;
+
+void CheckRefusal(const std::string& error, const std::string& text,
+                  const std::vector<lumora::sim::TimelineEvent>& events) {
+    Check(events.empty());
+    // One line, as lumora-sim prints it, whatever the text's names hold.
+    Check(!error.empty() && error.find('\n') == std::string::npos);
+    Check(error.compare(0, g_path.size() + 1, g_path + ":") == 0);
+    std::string message = error.substr(g_path.size() + 1);
+    size_t colon = message.find(": ");
+    Check(colon != std::string::npos && colon > 0 && colon <= 9);
+    for (size_t i = 0; i < colon; ++i) Check(message[i] >= '0' && message[i] <= '9');
+    long line = std::stol(message.substr(0, colon));
+    long lines = 1;
+    for (char c : text) lines += c == '\n';
+    Check(line >= 1 && line <= lines + 1);
+}
+
+void CheckLoaded(const std::vector<lumora::sim::TimelineEvent>& events) {
     double previous = 0;
     for (const lumora::sim::TimelineEvent& event : events) {
-        Check(event.tMs >= previous);
+        Check(event.tMs >= previous && event.tMs <= lumora::sim::kMaxTimelineMs);
         previous = event.tMs;
-        Check(!event.subject.empty());
-        Check(g_utf8_validate(event.subject.data(), static_cast<gssize>(event.subject.size()), nullptr));
-        Check(g_utf8_validate(event.data.data(), static_cast<gssize>(event.data.size()), nullptr));
+        using Kind = lumora::sim::TimelineEvent::Kind;
+        Check(event.kind == Kind::kEnable ? event.subject.empty() : !event.subject.empty());
+        Check(fuzz::IsUtf8(event.subject));
+        if (event.kind == Kind::kStatistics) {
+            std::string why;
+            Check(lumora::sim::CheckStatistics(event.subject, event.tuples, "tuples", why));
+        }
+        Check(fuzz::IsUtf8(event.data));
         Check(event.line >= 2);
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    g_path = fuzz::ScratchFolder() + "/timeline.jsonl";
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    std::string text(reinterpret_cast<const char*>(data), size);
+    FILE* file = fopen(g_path.c_str(), "wb");
+    Check(file != nullptr);
+    Check(fwrite(text.data(), 1, text.size(), file) == text.size());
+    Check(fclose(file) == 0);
+
+    std::vector<lumora::sim::TimelineEvent> events;
+    std::string error;
+    if (lumora::sim::LoadTimeline(g_path, events, error)) {
+        Check(error.empty());
+        CheckLoaded(events);
+    } else {
+        CheckRefusal(error, text, events);
     }
     return 0;
 }

@@ -2,7 +2,7 @@
 # Builds the "fuzz" preset (clang, libFuzzer) and runs every fuzz target for
 # SECONDS (default 600), one after the other: fuzz_<name> for each seed corpus
 # fuzz/corpus/<name>/, each in a fresh work folder that starts from that
-# corpus. Prints per target the executions run and any crash file (kept in
+# corpus, with the dictionary fuzz/dict/<name>.dict where there is one. Prints per target the executions run and any crash file (kept in
 # build/fuzz/artifacts/, with the end of the target's output); exits non-zero
 # when a target crashed or failed.
 #
@@ -35,13 +35,20 @@ for corpus in fuzz/corpus/*/; do
   work=$(mktemp -d)
   log=$(mktemp)
   status=0
-  "$fuzzer" -max_total_time="$seconds" -print_final_stats=1 -artifact_prefix="$artifacts/$name-" \
-    "$work" "$corpus" >"$log" 2>&1 || status=$?
+  options=(-max_total_time="$seconds" -print_final_stats=1 -artifact_prefix="$artifacts/$name-")
+  # A dictionary libFuzzer cannot parse ends the target at once, non-zero.
+  dict=fuzz/dict/$name.dict
+  words=""
+  if [[ -f $dict ]]; then
+    options+=(-dict="$dict")
+    words=", dictionary $dict"
+  fi
+  "$fuzzer" "${options[@]}" "$work" "$corpus" >"$log" 2>&1 || status=$?
   executions=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log" | tail -n 1)
   # Crashes, leaks, time-outs and running out of memory all leave a file.
   mapfile -t found < <(sed -n 's/.*Test unit written to //p' "$log")
   if [[ $status -eq 0 && ${#found[@]} -eq 0 ]]; then
-    echo "fuzz_$name: ${executions:-0} executions in ${seconds} s, no crash"
+    echo "fuzz_$name: ${executions:-0} executions in ${seconds} s, no crash$words"
   else
     failed=1
     echo "fuzz_$name: FAILED (exit $status) after ${executions:-?} executions"

@@ -159,6 +159,22 @@ TEST_F(SimControlTest, SetStatisticsRefusesTuplesOfTheWrongShape) {
     EXPECT_EQ("tuples: not a statistics subject", unknown.errorMessage);
 }
 
+TEST_F(SimControlTest, TextsNestedTooDeepAreRefusedWhereTheTooDeepLevelOpens) {
+    const std::string deep = std::string(5000, '[') + std::string(5000, ']');
+    CallResult tuples =
+        Control(sim::kCtlSetStatistics, g_variant_new("(ss)", "I/TallyDB/Genre/Duration", deep.c_str()));
+    EXPECT_EQ("org.freedesktop.DBus.Error.InvalidArgs", tuples.errorName);
+    EXPECT_EQ("tuples are not JSON: 1:513: nested more than 512 levels deep", tuples.errorMessage);
+    // The brace is the first level: the 512th bracket, at column 517, opens level 513.
+    CallResult event = Control(sim::kCtlEmitEvent, g_variant_new("(ss)", "program", ("{\"a\":" + deep + "}").c_str()));
+    EXPECT_EQ("org.freedesktop.DBus.Error.InvalidArgs", event.errorName);
+    EXPECT_EQ("data is not JSON: 1:517: nested more than 512 levels deep", event.errorMessage);
+    CallResult wrongTypes = Control(sim::kCtlSetStatistics,
+                                    g_variant_new("(ss)", "I/TallyDB/Onoff/Duration", "[[4294967296, 1], [{}, []]]"));
+    EXPECT_EQ("tuples[0][0]: expected an unsigned 32-bit integer, found an integer", wrongTypes.errorMessage);
+    EXPECT_TRUE(Control(sim::kCtlGetStatus).Ok());
+}
+
 TEST_F(SimControlTest, AControlCallWithTheWrongSignatureGetsADbusError) {
     CallResult result = Control(sim::kCtlSetDelay, g_variant_new("(si)", "x", -1));
     EXPECT_EQ("org.freedesktop.DBus.Error.InvalidArgs", result.errorName) << result.Print();

@@ -118,6 +118,21 @@ TEST_F(SimScenarioTest, NestingTooDeepIsReportedWhereItStarts) {
     EXPECT_EQ(At("2:629", "zz: unknown key"), Refusal(quoted));
 }
 
+TEST_F(SimScenarioTest, NumbersOutOfRangeAreNamedAsSuch) {
+    EXPECT_EQ(At("1:23", "resultCodes[\"X\"]: 4294967296 is out of range for a 32-bit integer"),
+              Refusal("{\"resultCodes\": {\"X\": 4294967296}}"));
+    EXPECT_EQ(At("1:23", "resultCodes[\"X\"]: -2147483649 is out of range for a 32-bit integer"),
+              Refusal("{\"resultCodes\": {\"X\": -2147483649}}"));
+    // Past the unsigned 32-bit range too: too long a delay, not "no number".
+    EXPECT_EQ(At("1:20", "delaysMs[\"X\"]: a delay above 600000 ms is not served"),
+              Refusal("{\"delaysMs\": {\"X\": 5000000000}}"));
+}
+
+TEST_F(SimScenarioTest, AFlagGivenAsNullIsRefused) {
+    EXPECT_EQ(At("1:24", "broadcastResponses: expected true or false, found null"),
+              Refusal("{\"broadcastResponses\": null}"));
+}
+
 TEST_F(SimScenarioTest, ADelayThatIsNoWholeNumberIsRefusedAsSuch) {
     EXPECT_EQ(At("1:20", "delaysMs[\"X\"]: expected a number of milliseconds, found a string"),
               Refusal("{\"delaysMs\": {\"X\": \"5\"}}"));

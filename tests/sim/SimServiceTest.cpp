@@ -252,6 +252,31 @@ TEST_F(SimServiceTest, ARemovalLeavesAChannelListThatIsNotAListAlone) {
     EXPECT_EQ(0u, Parse(Status())["channelRemovals"][0]["removed"].asUInt()) << Status();
 }
 
+// A client's text that the tools do not take as JSON (nested deeper than 512
+// levels) or that holds the wrong types is no candidate order and names no
+// channel; the handlers that read it run in GDBus, where nothing may throw.
+TEST_F(SimServiceTest, ReorderAndRemovalTextsTooDeepOrOfTheWrongTypesNameNoChannelAndTheServiceLivesOn) {
+    const std::string deep = std::string(5000, '[') + std::string(5000, ']');
+    const std::string unordered = Text(Read("Pref/Channel/List/Reorder"));
+    for (const std::string& input :
+         {deep, "{\"reorder\":" + deep + "}", std::string("{\"reorder\":[{\"major\":\"7\",\"minor\":1}]}"),
+          std::string("{\"reorder\":[{\"major\":4294967296,\"minor\":1}]}"), std::string("{\"reorder\":{}}")}) {
+        CallResult result = Read("Pref/Channel/List/Reorder", input);
+        ASSERT_TRUE(result.Ok()) << result.Print();
+        EXPECT_EQ(unordered, Text(result)) << input.substr(0, 80);
+    }
+    const std::string list = Text(Read("Pref/Channel/List"));
+    ASSERT_TRUE(Write("Pref/Channel/Remove", deep).Ok());
+    ASSERT_TRUE(Write("Pref/Channel/Remove", "{\"major\":[7],\"minor\":{\"n\":1}}").Ok());
+    ASSERT_TRUE(Write("Pref/Channel/RemoveWithServiceID", "{\"major\":7,\"minor\":1,\"service_id\":7}").Ok());
+    EXPECT_EQ(list, Text(Read("Pref/Channel/List")));
+    Json::Value removals = Parse(Status())["channelRemovals"];
+    ASSERT_EQ(3u, removals.size()) << Status().substr(0, 400);
+    EXPECT_EQ(Json::Value(deep), removals[0]["request"]) << "kept as the text it was";
+    for (const Json::Value& removal : removals) EXPECT_EQ(0u, removal["removed"].asUInt());
+    EXPECT_TRUE(ServiceEnable().Ok());
+}
+
 TEST_F(SimServiceTest, RequestSyncOfAnotherRequestTypeGetsAnInvalidArgsError) {
     CallResult result = RequestSync(contract::kRequestWrite, "Ctx/App/Info/Current");
     ASSERT_FALSE(result.Ok());

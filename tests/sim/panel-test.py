@@ -13,14 +13,38 @@ private bus, with the real `lumora` beside it.
         invalid JSON refused in the page. Saves a screenshot. Exits 77
         (skipped, with the reason) when Chromium, chromedriver or Selenium
         is missing.
+    panel-test.py BUILD_DIR malformed
+        posts of the panel's own page whose JSON has the wrong types or is
+        nested thousands of levels deep: 400 with the reason, one log line
+        each, and the simulator goes on serving.
+    panel-test.py BUILD_DIR framing
+        every answer forbids framing, and a page of another origin that frames
+        the panel in headless Chromium gets no panel and no WebSocket.
+    panel-test.py BUILD_DIR bodies
+        bodies over the limit or refused for their Host, chunked or not, are
+        answered before they are read, and the simulator's memory stays put.
+    panel-test.py BUILD_DIR descriptors
+        under prlimit: hundreds of connections, and descriptors running out,
+        leave the panel serving once they are closed.
+    panel-test.py BUILD_DIR slow
+        200 connections that trickle their request are closed after the
+        time-out, while the panel answers others.
+    panel-test.py BUILD_DIR hosts
+        the WebSocket upgrade checks Host as every request does, refused
+        upgrades are logged, and --http 0.0.0.0:PORT --http-allow-remote
+        serves the addresses the machine is reached at.
 """
 import http.client
+import http.server
 import json
 import os
+import select
 import shutil
+import socket
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 
 BUILD = sys.argv[1]
@@ -48,7 +72,12 @@ def wait_for(condition, seconds=10.0):
 
 
 class Setup:
-    """A private bus, lumora-sim with the panel on 127.0.0.1:0, its URL."""
+    """A private bus, lumora-sim with the panel on 127.0.0.1:0 (or the given
+    --http arguments, the simulator run under prefix), its URL."""
+
+    def __init__(self, http=("--http", "127.0.0.1:0"), prefix=()):
+        self.http = list(http)
+        self.prefix = list(prefix)
 
     def __enter__(self):
         self.work = tempfile.mkdtemp(prefix="lumora-panel-")
@@ -60,15 +89,18 @@ class Setup:
         wait_for(lambda: open(address_file).read().strip())
         self.env = dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS=open(address_file).read().splitlines()[0],
                         LUMORA_LOG_FILE=os.path.join(self.work, "log"))
-        self.sim = subprocess.Popen([SIM, "--scenario", os.path.join(ROOT, "data/scenarios/sample-tv.json"),
-                                     "--http", "127.0.0.1:0"], stdout=subprocess.PIPE, env=self.env, text=True)
+        self.sim = subprocess.Popen(self.prefix + [SIM, "--scenario",
+                                                   os.path.join(ROOT, "data/scenarios/sample-tv.json")] + self.http,
+                                    stdout=subprocess.PIPE, env=self.env, text=True)
         line = self.sim.stdout.readline()
         prefix = "lumora-sim: control panel at "
         if not line.startswith(prefix):
             raise SystemExit("no panel URL from lumora-sim: " + line)
         self.url = line[len(prefix):].strip()
         self.host = self.url[len("http://"):].rstrip("/")
+        self.port = int(self.host.rsplit(":", 1)[1])
         self.origin = "http://" + self.host
+        self.pid = self.sim.pid
         return self
 
     def __exit__(self, *exc):
@@ -77,18 +109,30 @@ class Setup:
             process.wait()
         shutil.rmtree(self.work, ignore_errors=True)
 
+    def log(self):
+        return open(os.path.join(self.work, "log"), errors="replace").read()
+
+    def alive(self):
+        """The simulator still runs, holds its marker and answers D-Bus clients."""
+        read = self.lumora("read", "Ctx/Sound/Volume/Level/Current")
+        return self.sim.poll() is None and os.path.exists("/tmp/lmf_service_ready") and read.returncode == 0
+
     def lumora(self, *args):
         return subprocess.run([LUMORA, *args], capture_output=True, text=True, env=self.env, timeout=30)
 
-    def request(self, method, path, body=None, headers=None):
-        connection = http.client.HTTPConnection(self.host, timeout=10)
+    def request(self, method, path, body=None, headers=None, timeout=10):
+        connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=timeout)
         all_headers = {"Host": self.host}
         all_headers.update(headers or {})
         connection.request(method, path, body=body, headers=all_headers)
         response = connection.getresponse()
         data = response.read()
         connection.close()
+        self.last_headers = response.headers
         return response.status, data
+
+    def own(self):
+        return {"Origin": self.origin, "Content-Type": "application/json"}
 
 
 def http_side(setup):
@@ -133,24 +177,7 @@ def http_side(setup):
 
 
 def browser_side(setup):
-    try:
-        from selenium import webdriver
-        from selenium.webdriver.common.by import By
-    except ImportError:
-        print("skipped: python3-selenium is not installed (apt-get install python3-selenium)")
-        sys.exit(77)
-    chromium = shutil.which("chromium") or shutil.which("chromium-browser")
-    driver_path = shutil.which("chromedriver")
-    if not chromium or not driver_path:
-        print("skipped: chromium and chromium-driver are not installed (apt-get install chromium chromium-driver)")
-        sys.exit(77)
-    options = webdriver.ChromeOptions()
-    options.binary_location = chromium
-    for argument in ("--headless=new", "--no-sandbox", "--disable-gpu", "--window-size=1280,1100",
-                     "--disable-dev-shm-usage"):
-        options.add_argument(argument)
-    service = webdriver.chrome.service.Service(executable_path=driver_path)
-    browser = webdriver.Chrome(service=service, options=options)
+    browser = start_browser()
     subscriber = subprocess.Popen([LUMORA, "subscribe", "Ctx/Sound/Volume/Level/Changed"], stdout=subprocess.PIPE,
                                   text=True, env=setup.env)
     try:
@@ -205,8 +232,320 @@ def browser_side(setup):
         subscriber.wait()
 
 
-with Setup() as setup:
-    (http_side if MODE == "http" else browser_side)(setup)
+
+def deep(levels):
+    return "[" * levels + "]" * levels
+
+
+def malformed_side(setup):
+    own = setup.own()
+    posts = [
+        ("/api/control", json.dumps({"action": []}), "$.action: expected a string"),
+        ("/api/control", json.dumps({"action": {}}), "$.action: expected a string"),
+        ("/api/set", json.dumps({"subject": "A/B", "value": "1", "notify": "yes"}), "$.notify: expected true or false"),
+        ("/api/set", json.dumps({"subject": ["A/B"], "value": "1"}), "$.subject: expected a string"),
+        ("/api/control", json.dumps({"action": "restart", "pause_ms": "5"}), "$.pause_ms: expected"),
+        ("/api/control", json.dumps({"action": "code", "subject": "A/B", "value": 1e20}), "$.value: expected"),
+        ("/api/control", json.dumps({"action": "delay", "subject": "A/B", "value": -1}), "$.value:"),
+        ("/api/control", json.dumps({"action": "whitelist", "names": ["a", 2]}), "$.names[1]: expected a string"),
+        ("/api/set", deep(3000), "nested more than"),
+        ("/api/control", deep(5000), "nested more than"),
+        ("/api/set", json.dumps({"subject": "A/B", "value": deep(5000)}), "$.value: the value is not JSON"),
+    ]
+    for path, body, reason in posts:
+        try:
+            status, answer = setup.request("POST", path, body, own)
+            error = json.loads(answer).get("error", "") if answer else ""
+        except (OSError, http.client.HTTPException) as e:
+            status, error = None, str(e)
+        check(status == 400 and reason in error,
+              f"{body[:60]} to {path} is refused with 400 and the reason (got {status}: {error[:120]})")
+        if not wait_for(setup.alive, 3):
+            check(False, f"the simulator still serves after {body[:60]} to {path}")
+            return
+    refused = setup.log().count(") refused (400): ")
+    check(refused == len(posts), f"one log line per refused post ({refused} for {len(posts)})")
+    status, _ = setup.request("GET", "/api/state")
+    check(status == 200, "the panel still answers")
+
+
+class OtherOrigin:
+    """A page of another origin (another port) that frames the panel."""
+
+    def __init__(self, panel_url):
+        page = f'<!DOCTYPE html><title>other</title><iframe id="panel" src="{panel_url}" width="1000" height="800">' \
+               '</iframe>'.encode()
+
+        class Handler(http.server.BaseHTTPRequestHandler):
+            def do_GET(self):
+                self.send_response(200)
+                self.send_header("Content-Type", "text/html")
+                self.send_header("Content-Length", str(len(page)))
+                self.end_headers()
+                self.wfile.write(page)
+
+            def log_message(self, *args):
+                pass
+
+        self.server = http.server.HTTPServer(("127.0.0.1", 0), Handler)
+        self.url = f"http://127.0.0.1:{self.server.server_address[1]}/"
+        threading.Thread(target=self.server.serve_forever, daemon=True).start()
+
+    def close(self):
+        self.server.shutdown()
+
+
+def framing_side(setup):
+    for method, path, body, headers in (("GET", "/", None, {}), ("GET", "/api/state", None, {}),
+                                        ("GET", "/panel.js", None, {}),
+                                        ("POST", "/api/set", "{}", {"Origin": "http://evil.example"})):
+        status, _ = setup.request(method, path, body, headers)
+        check(setup.last_headers.get("X-Frame-Options") == "DENY",
+              f"{method} {path} ({status}) says X-Frame-Options: DENY ({setup.last_headers.get('X-Frame-Options')})")
+        policy = setup.last_headers.get("Content-Security-Policy") or ""
+        check("frame-ancestors 'none'" in policy, f"{method} {path} ({status}) forbids frame ancestors ({policy})")
+    browser = start_browser()
+    other = OtherOrigin(setup.url)
+    try:
+        before = setup.lumora("read", "Ctx/Sound/Volume/Level/Current").stdout
+        browser.get(other.url)
+        time.sleep(2)
+        frame = browser.find_element(By.ID, "panel")
+        browser.switch_to.frame(frame)
+        shown = browser.find_elements(By.ID, "connection")
+        check(not shown, "a page of another origin gets no panel in its frame" +
+              (f" (it shows '{shown[0].text}')" if shown else ""))
+        if shown:
+            # What a click would do there: the page obeys it.
+            browser.execute_script(
+                "const s = document.getElementById('volume'); s.value = 3; s.dispatchEvent(new Event('change'));")
+            time.sleep(0.5)
+        browser.switch_to.default_content()
+        check(setup.lumora("read", "Ctx/Sound/Volume/Level/Current").stdout == before,
+              "nothing done in the frame reached the simulator")
+        check(setup.log().count("panel: WebSocket opened") == 0, "the framed panel opened no WebSocket")
+        # The sentinel: the panel itself, in the same browser, does go live.
+        browser.get(setup.url)
+        check(wait_for(lambda: browser.find_element(By.ID, "connection").text == "live"), "the panel itself goes live")
+        check(wait_for(lambda: setup.log().count("panel: WebSocket opened") == 1, 3), "and its WebSocket is logged")
+    finally:
+        other.close()
+        browser.quit()
+
+
+def rss_kib(pid):
+    for line in open(f"/proc/{pid}/status"):
+        if line.startswith("VmRSS:"):
+            return int(line.split()[1])
+    return 0
+
+
+def raw_post(setup, host, framing, total, origin=None):
+    """Sends a POST's head, then up to total bytes of body, in 64 KiB pieces,
+    reading between pieces. Returns (status or None, bytes sent, seconds)."""
+    started = time.monotonic()
+    sock = socket.create_connection(("127.0.0.1", setup.port), timeout=10)
+    head = f"POST /api/set HTTP/1.1\r\nHost: {host}\r\nOrigin: {origin or setup.origin}\r\n" \
+           "Content-Type: application/json\r\n"
+    head += "Transfer-Encoding: chunked\r\n\r\n" if framing == "chunked" else f"Content-Length: {total}\r\n\r\n"
+    sock.sendall(head.encode())
+    piece = b"x" * 65536
+    sent, answer = 0, b""
+    try:
+        while sent < total:
+            data = (b"10000\r\n" + piece + b"\r\n") if framing == "chunked" else piece
+            readable, _, _ = select.select([sock], [], [], 0)
+            if readable:
+                break
+            sock.sendall(data)
+            sent += len(piece)
+        sock.settimeout(5)
+        answer = sock.recv(4096)
+    except OSError:
+        pass
+    finally:
+        sock.close()
+    status = int(answer.split(b" ")[1]) if answer.startswith(b"HTTP/1.1 ") else None
+    return status, sent, time.monotonic() - started
+
+
+def bodies_side(setup):
+    big = 256 * 1024 * 1024
+    rss_before = rss_kib(setup.pid)
+    cases = (("chunked", setup.host, None, 413), ("length", setup.host, None, 413),
+             ("chunked", "evil.example:%d" % setup.port, None, 403), ("length", "evil.example:%d" % setup.port, None,
+                                                                      403),
+             ("chunked", setup.host, "http://evil.example", 403))
+    for framing, host, origin, expected in cases:
+        status, sent, seconds = raw_post(setup, host, framing, big, origin)
+        check(status == expected and sent <= 4 * 1024 * 1024,
+              f"a {framing} POST of 256 MiB for Host {host} is refused with {expected} after at most 4 MiB "
+              f"(got {status} after {sent >> 10} KiB, {seconds:.1f} s)")
+    rss_after = rss_kib(setup.pid)
+    check(rss_after - rss_before < 16 * 1024, f"the simulator's memory stayed put ({rss_before} -> {rss_after} KiB)")
+    # Chunked within the limit is still taken.
+    sock = socket.create_connection(("127.0.0.1", setup.port), timeout=10)
+    body = json.dumps({"subject": "Ctx/Sound/Volume/Level/Current", "value": '{"Level":12}'}).encode()
+    sock.sendall(f"POST /api/set HTTP/1.1\r\nHost: {setup.host}\r\nOrigin: {setup.origin}\r\n"
+                 "Transfer-Encoding: chunked\r\n\r\n".encode() + b"%x\r\n" % len(body) + body + b"\r\n0\r\n\r\n")
+    answer = sock.recv(4096)
+    sock.close()
+    check(answer.startswith(b"HTTP/1.1 200"), f"a small chunked post is taken ({answer[:40]})")
+    log = setup.log()
+    check(log.count("refused (413)") == 2 and log.count("refused (403)") == 3,
+          "one log line per refused body: " + " | ".join(l for l in log.splitlines() if "refused" in l))
+    check(setup.alive(), "the simulator goes on serving")
+
+
+def fd_count(pid):
+    return len(os.listdir(f"/proc/{pid}/fd"))
+
+
+def cpu_seconds(pid):
+    fields = open(f"/proc/{pid}/stat").read().rsplit(")", 1)[1].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
+def page_answers(setup, seconds=5):
+    try:
+        return setup.request("GET", "/api/state", timeout=seconds)[0] == 200
+    except OSError:
+        return False
+
+
+def open_connections(setup, count):
+    sockets = []
+    for _ in range(count):
+        sockets.append(socket.create_connection(("127.0.0.1", setup.port), timeout=10))
+    return sockets
+
+
+def descriptors_side(setup):
+    # The simulator runs under prlimit --nofile=256.
+    held = open_connections(setup, 255)
+    time.sleep(1)
+    check(setup.alive(), "D-Bus clients are served while 255 connections are open")
+    for sock in held:
+        sock.close()
+    check(wait_for(lambda: page_answers(setup, 2), 15), "after 255 connections closed, the panel answers again")
+    # Descriptors run out: a limit just above what the simulator holds now.
+    limit = fd_count(setup.pid) + 8
+    subprocess.run(["prlimit", "--pid", str(setup.pid), f"--nofile={limit}:{limit}"], check=True)
+    held = open_connections(setup, 40)
+    time.sleep(1)
+    cpu_before = cpu_seconds(setup.pid)
+    time.sleep(2)
+    cpu = cpu_seconds(setup.pid) - cpu_before
+    check(cpu < 0.5, f"out of descriptors, the simulator does not spin ({cpu:.2f} s of CPU in 2 s)")
+    check(setup.alive(), "D-Bus clients are served while descriptors are out")
+    for sock in held:
+        sock.close()
+    check(wait_for(lambda: page_answers(setup, 2), 15), "once descriptors came back, the panel answers again")
+    out_lines = setup.log().count("out of file descriptors")
+    check(1 <= out_lines <= 3, f"running out is logged once, not for every attempt ({out_lines} lines)")
+
+
+def slow_side(setup):
+    baseline = fd_count(setup.pid)
+    trickling = open_connections(setup, 200)
+    request = f"GET /api/state HTTP/1.1\r\nHost: {setup.host}\r\n\r\n".encode()
+    started = time.monotonic()
+    closed_at = {}
+    most_fds = 0
+    answered = []
+    position = 0
+    while time.monotonic() - started < 30 and len(closed_at) < len(trickling):
+        for index, sock in enumerate(trickling):
+            if index in closed_at:
+                continue
+            try:
+                if position < len(request) - 1:
+                    sock.send(request[position:position + 1])
+                readable, _, _ = select.select([sock], [], [], 0)
+                if readable and not sock.recv(4096):
+                    closed_at[index] = time.monotonic() - started
+            except OSError:
+                closed_at[index] = time.monotonic() - started
+        position += 1
+        most_fds = max(most_fds, fd_count(setup.pid))
+        answered.append(page_answers(setup, 3))
+        time.sleep(1)
+    for sock in trickling:
+        sock.close()
+    check(len(closed_at) == len(trickling),
+          f"every trickling connection was closed by the simulator within 30 s ({len(closed_at)} of 200)")
+    check(most_fds - baseline <= 70, f"at most 64 connections at a time ({most_fds - baseline} descriptors more)")
+    check(answered and all(answered), f"the panel answered others all along ({answered.count(False)} misses)")
+    timeouts = setup.log().count("panel: connection closed")
+    check(timeouts >= 1, "closing slow connections is logged")
+    check(setup.alive(), "D-Bus clients are served")
+
+
+def ws_upgrade(setup, host, origin):
+    sock = socket.create_connection(("127.0.0.1", setup.port), timeout=10)
+    sock.sendall(f"GET /ws HTTP/1.1\r\nHost: {host}\r\nOrigin: {origin}\r\nConnection: Upgrade\r\n"
+                 "Upgrade: websocket\r\nSec-WebSocket-Version: 13\r\nSec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n\r\n"
+                 .encode())
+    answer = sock.recv(4096)
+    sock.close()
+    return int(answer.split(b" ")[1]) if answer.startswith(b"HTTP/1.1 ") else None
+
+
+def hosts_side(setup):
+    evil = "evil.example:%d" % setup.port
+    status = ws_upgrade(setup, evil, setup.origin)
+    check(status == 403, f"a WebSocket upgrade naming another Host is refused with 403 (got {status})")
+    status = ws_upgrade(setup, setup.host, "http://evil.example")
+    check(status == 403, f"a WebSocket upgrade from another origin is refused with 403 (got {status})")
+    check(ws_upgrade(setup, setup.host, setup.origin) == 101, "the panel's own upgrade is taken")
+    log = setup.log()
+    check(log.count("panel: GET /ws refused (403)") == 2,
+          "each refused upgrade is logged: " + " | ".join(l for l in log.splitlines() if "/ws" in l))
+    # Remote mode on the wildcard address, reached over loopback.
+    with Setup(http=("--http", "0.0.0.0:0", "--http-allow-remote")) as remote:
+        port = remote.port
+        for host in (f"127.0.0.1:{port}",):
+            status, _ = remote.request("GET", "/", None, {"Host": host})
+            check(status == 200, f"on 0.0.0.0, GET / with Host {host} is served (got {status})")
+            body = json.dumps({"subject": "Ctx/Sound/Volume/Level/Current", "value": '{"Level":44}'})
+            status, answer = remote.request("POST", "/api/set", body, {"Host": host, "Origin": "http://" + host})
+            check(status == 200, f"on 0.0.0.0, a post of that origin is taken (got {status} {answer[:80]})")
+            check(ws_upgrade(remote, host, "http://" + host) == 101, "and its WebSocket")
+        for host in (f"evil.example:{port}", f"localhost:{port}", f"10.9.8.7:{port}", f"127.0.0.1:{port + 1}"):
+            status, _ = remote.request("GET", "/api/state", None, {"Host": host})
+            check(status == 403, f"on 0.0.0.0, Host {host} is still refused (got {status})")
+        check(remote.alive(), "the remote-mode simulator serves D-Bus clients")
+
+
+def start_browser():
+    global By
+    try:
+        from selenium import webdriver
+        from selenium.webdriver.common.by import By
+    except ImportError:
+        print("skipped: python3-selenium is not installed (apt-get install python3-selenium)")
+        sys.exit(77)
+    chromium = shutil.which("chromium") or shutil.which("chromium-browser")
+    driver_path = shutil.which("chromedriver")
+    if not chromium or not driver_path:
+        print("skipped: chromium and chromium-driver are not installed (apt-get install chromium chromium-driver)")
+        sys.exit(77)
+    options = webdriver.ChromeOptions()
+    options.binary_location = chromium
+    for argument in ("--headless=new", "--no-sandbox", "--disable-gpu", "--window-size=1280,1100",
+                     "--disable-dev-shm-usage"):
+        options.add_argument(argument)
+    service = webdriver.chrome.service.Service(executable_path=driver_path)
+    return webdriver.Chrome(service=service, options=options)
+
+
+MODES = {"http": http_side, "browser": None, "malformed": malformed_side, "framing": framing_side,
+         "bodies": bodies_side, "descriptors": descriptors_side, "slow": slow_side, "hosts": hosts_side}
+if MODE not in MODES:
+    raise SystemExit(f"unknown mode {MODE} (one of {', '.join(MODES)})")
+prefix = ("prlimit", "--nofile=256:256") if MODE == "descriptors" else ()
+with Setup(prefix=prefix) as setup:
+    (MODES[MODE] or browser_side)(setup)
 if failures:
     print(f"{len(failures)} check(s) failed")
     sys.exit(1)

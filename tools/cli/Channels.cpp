@@ -113,7 +113,7 @@ int Reorder(const Options& options, const Args& args) {
     int source = 0;
     if (options.source && !ParseInt(*options.source, source)) return Usage(kReorder, "--source takes an integer");
     Json::Value candidates;
-    if (!ParseJsonStrictly(args[0], candidates)) return Usage(kReorder, "JSON_ARRAY is not JSON: " + args[0]);
+    if (!ParseJsonInput(args[0], candidates)) return Usage(kReorder, "JSON_ARRAY is not JSON: " + args[0]);
     if (!candidates.isArray())
         return Usage(kReorder, "JSON_ARRAY is not a JSON array of {\"major\":M,\"minor\":N}: " + args[0]);
     // The library refuses an empty list without asking the service.

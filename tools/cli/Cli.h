@@ -138,8 +138,11 @@ std::string EventData(const std::string& data);
 void Warn(const std::string& reason);
 int Fail(const std::string& reason);
 
-// JSON: only a text that is wholly one JSON value parses.
-bool ParseJsonStrictly(const std::string& text, Json::Value& value);
+// JSON from outside (the service's answers, arguments), through the tools'
+// one boundary (JsonInput.h): only a text that is wholly one JSON value, of
+// any type, parses; one nested deeper than the tools take is no JSON to them,
+// and is shown as the text it is. Never throws.
+bool ParseJsonInput(const std::string& text, Json::Value& value);
 std::string JsonText(const Json::Value& value, bool pretty);
 
 // Why a read of subject ended with the bus client's code.

@@ -107,7 +107,7 @@ int RunAction(const Options&, const Args& args) {
     const std::string& component = args[1];
     const std::string& data = args[2];
     Json::Value parsed;
-    if (component.empty() || !ParseJsonStrictly(data, parsed)) {
+    if (component.empty() || !ParseJsonInput(data, parsed)) {
         Warn(component.empty() ? "COMPONENT is empty" : "JSON is not JSON: " + data);
         fputs(usage, stderr);
         return kUsage;

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "Cli.h"
+#include "JsonInput.h"
 #include "internal/HandOff.h"
 #include "internal/ServiceContract.h"
 
@@ -134,10 +135,19 @@ Json::Value VariantJson(GVariant* value) {
     }
 }
 
-// data as an event carries it: its JSON when it is JSON, else the text.
+// The fields of an event. The events are the monitor's own, but what they
+// carry came off the bus, and all of this runs in GLib callbacks: they are
+// read through the checked layer, which falls back instead of throwing.
+std::string TextOf(const Json::Value& event, const char* key) { return tools::JsonField(event)[key].TextOr(""); }
+long long IntOf(const Json::Value& event, const char* key) { return tools::JsonField(event)[key].IntOr(0); }
+double NumberOf(const Json::Value& event, const char* key) { return tools::JsonField(event)[key].NumberOr(0); }
+bool BoolOf(const Json::Value& event, const char* key) { return tools::JsonField(event)[key].BoolOr(false); }
+
+// data as an event carries it: its JSON when it is JSON, else the text (also
+// when nested deeper than the tools take JSON).
 Json::Value DataJson(const std::string& data) {
     Json::Value parsed;
-    return ParseJsonStrictly(data, parsed) ? parsed : Json::Value(data);
+    return ParseJsonInput(data, parsed) ? parsed : Json::Value(data);
 }
 
 std::string Compact(const Json::Value& value) {
@@ -366,7 +376,7 @@ private:
         call["pid"] = pid;
         call["process"] = name;
         if (!name.empty()) m_names[sender] = name;
-        if (call["type"].asString() != "write") m_pending[{sender, g_dbus_message_get_serial(message)}] = {us, call};
+        if (TextOf(call, "type") != "write") m_pending[{sender, g_dbus_message_get_serial(message)}] = {us, call};
         Record(call);
         if (!Shown(call)) return;
         Count(call, "call");
@@ -386,8 +396,9 @@ private:
         answer["t_ms"] = base["t_ms"];
         answer["latency_ms"] = Ms(us - pending.us);
         answer.removeMember("input");
+        Json::Value replayable(Json::objectValue);  // what the timeline alone keeps
         GVariant* body = g_dbus_message_get_body(message);
-        std::string type = pending.call["type"].asString();
+        std::string type = TextOf(pending.call, "type");
         if (g_dbus_message_get_message_type(message) == G_DBUS_MESSAGE_TYPE_ERROR) {
             answer["event"] = "error";
             answer["error"] =
@@ -402,6 +413,7 @@ private:
             g_variant_get(body, "(b&s)", &enabled, &whiteList);
             answer["enabled"] = static_cast<bool>(enabled);
             answer["data"] = DataJson(whiteList);
+            answer["text"] = whiteList;
         } else if (body != nullptr && g_variant_is_of_type(body, G_VARIANT_TYPE(contract::kRequestSyncReply))) {
             gint32 code = 0;
             const gchar* text = nullptr;
@@ -421,6 +433,10 @@ private:
                 answer["text"] = text;
             } else {
                 answer["records"] = VariantJson(payload);  // a statistics answer
+                // With its types, which the records above do not all show.
+                gchar* printed = g_variant_print(payload, TRUE);
+                replayable["payload"] = printed;
+                g_free(printed);
             }
             g_variant_unref(payload);
         } else {
@@ -428,9 +444,9 @@ private:
             answer["signature"] =
                 g_dbus_message_get_signature(message) != nullptr ? g_dbus_message_get_signature(message) : "";
         }
-        Record(answer);
+        Record(answer, replayable);
         if (!Shown(answer)) return;
-        Count(answer, answer["event"].asString());
+        Count(answer, TextOf(answer, "event"));
         Emit(answer);
     }
 
@@ -459,7 +475,7 @@ private:
         const char* destination = g_dbus_message_get_destination(message);
         json["destination"] = destination != nullptr ? Json::Value(destination) : Json::Value();
         if (destination != nullptr && m_names.count(destination) != 0) json["process"] = m_names[destination];
-        Record(json);
+        RecordSignal(json, message);
         if (!Shown(json)) return;
         if (json["event"] == "signal") ++m_subjects[subject].signals;
         Emit(json);
@@ -505,7 +521,7 @@ private:
 
     bool Shown(const Json::Value& event) const {
         if (!m_options.subjects.empty() && event.isMember("subject")) {
-            std::string subject = event["subject"].asString();
+            std::string subject = TextOf(event, "subject");
             bool any = std::any_of(m_options.subjects.begin(), m_options.subjects.end(), [&](const std::string& glob) {
                 return g_pattern_match_simple(glob.c_str(), subject.c_str());
             });
@@ -517,34 +533,83 @@ private:
         }
         if (!m_options.processes.empty()) {
             if (!event.isMember("process")) return event["event"] == "hello" || event["event"] == "bye";
-            return std::find(m_options.processes.begin(), m_options.processes.end(), event["process"].asString()) !=
+            return std::find(m_options.processes.begin(), m_options.processes.end(), TextOf(event, "process")) !=
                    m_options.processes.end();
         }
         return true;
     }
 
     void Count(const Json::Value& event, const std::string& what) {
-        std::string type = event["type"].asString();
-        std::string subject = event.isMember("subject") ? event["subject"].asString() : "(" + type + ")";
+        std::string type = TextOf(event, "type");
+        std::string subject = event.isMember("subject") ? TextOf(event, "subject") : "(" + type + ")";
         SubjectStats& stats = m_subjects[subject];
         if (what == "call") {
             ++stats.calls[type];
-            ++m_processes[event["process"].asString()][type];
+            ++m_processes[TextOf(event, "process")][type];
         } else if (what == "answer") {
-            stats.latenciesMs.push_back(event["latency_ms"].asDouble());
-            if (event.isMember("code") && event["code"].asInt() != 0) ++stats.errors;
+            stats.latenciesMs.push_back(NumberOf(event, "latency_ms"));
+            if (event.isMember("code") && IntOf(event, "code") != 0) ++stats.errors;
         } else {
             ++stats.errors;  // an error answer, a time-out
         }
     }
 
     // The timeline keeps every answer and signal of the service, and the
-    // calls for reference, whatever the filters show.
-    void Record(const Json::Value& event) {
+    // calls for reference, whatever the filters show. timelineOnly adds what
+    // only a replay needs.
+    void Record(const Json::Value& event, const Json::Value& timelineOnly = Json::Value()) {
         if (!m_record.is_open()) return;
         Json::Value line = event;
         line.removeMember("time");
+        for (const std::string& key : timelineOnly.getMemberNames()) line[key] = timelineOnly[key];
         m_record << Compact(line) << "\n" << std::flush;
+    }
+
+    // The service sends one change to each of its subscribers as a signal of
+    // its own, and the bus shows the monitor every copy; the timeline has one
+    // "signal" per change. A copy belongs to the change of the signal before
+    // it when it comes from the same sender with the next serial (so nothing
+    // else left the service in between), with the same subject and data, to
+    // a receiver that change has not reached yet; it is kept as a "copy"
+    // line, for reference. The same data sent again to the same receiver is
+    // a change of its own, and so is every broadcast (one message reaches
+    // everyone). The sender's serial goes with every signal line, so that
+    // the rule can be checked in the timeline.
+    struct RecordedChange {
+        std::string sender;  // empty: none to continue
+        guint32 lastSerial = 0;
+        std::string subject;
+        std::string data;
+        std::vector<std::string> receivers;
+    };
+    RecordedChange m_lastChange;
+
+    void RecordSignal(const Json::Value& event, GDBusMessage* message) {
+        if (!m_record.is_open()) return;
+        const char* sender = g_dbus_message_get_sender(message);
+        const char* destination = g_dbus_message_get_destination(message);
+        const guint32 serial = g_dbus_message_get_serial(message);
+        Json::Value timelineOnly(Json::objectValue);
+        timelineOnly["sender"] = sender != nullptr ? sender : "";
+        timelineOnly["serial"] = serial;
+        const bool change = TextOf(event, "event") == "signal" && sender != nullptr && destination != nullptr;
+        const std::string subject = TextOf(event, "subject");
+        const std::string data = TextOf(event, "text");
+        RecordedChange& last = m_lastChange;
+        if (change && !last.sender.empty() && last.sender == sender && serial == last.lastSerial + 1 &&
+            last.subject == subject && last.data == data &&
+            std::find(last.receivers.begin(), last.receivers.end(), destination) == last.receivers.end()) {
+            last.lastSerial = serial;
+            last.receivers.push_back(destination);
+            Json::Value copy = event;
+            copy["event"] = "copy";
+            copy.removeMember("data");
+            copy.removeMember("text");
+            Record(copy, timelineOnly);
+            return;
+        }
+        last = change ? RecordedChange{sender, serial, subject, data, {destination}} : RecordedChange{};
+        Record(event, timelineOnly);
     }
 
     void Emit(const Json::Value& recorded) {
@@ -555,27 +620,27 @@ private:
             PrintText(Compact(event));
             return;
         }
-        std::string what = event["event"].asString();
-        std::string line = event["time"].asString() + "  " + what;
+        std::string what = TextOf(event, "event");
+        std::string line = TextOf(event, "time") + "  " + what;
         line.resize(std::max<size_t>(line.size(), 26), ' ');
         if (event.isMember("type")) {
-            std::string type = event["type"].asString();
+            std::string type = TextOf(event, "type");
             type.resize(std::max<size_t>(type.size(), 12), ' ');
             line += type;
-            line += event["process"].asString() + "[" + std::to_string(event["pid"].asInt()) + "]";
-            if (event.isMember("id")) line += " #" + std::to_string(event["id"].asInt());
+            line += TextOf(event, "process") + "[" + std::to_string(IntOf(event, "pid")) + "]";
+            if (event.isMember("id")) line += " #" + std::to_string(IntOf(event, "id"));
         }
-        if (event.isMember("subject")) line += " " + event["subject"].asString();
-        if (event.isMember("input") && !event["input"].asString().empty()) line += " " + event["input"].asString();
-        if (event.isMember("error")) line += " " + event["error"].asString() + " " + event["message"].asString();
-        if (event.isMember("code")) line += " -> " + std::to_string(event["code"].asInt());
-        if (event.isMember("enabled")) line += event["enabled"].asBool() ? " -> enabled" : " -> disabled";
+        if (event.isMember("subject")) line += " " + TextOf(event, "subject");
+        if (event.isMember("input") && !TextOf(event, "input").empty()) line += " " + TextOf(event, "input");
+        if (event.isMember("error")) line += " " + TextOf(event, "error") + " " + TextOf(event, "message");
+        if (event.isMember("code")) line += " -> " + std::to_string(IntOf(event, "code"));
+        if (event.isMember("enabled")) line += BoolOf(event, "enabled") ? " -> enabled" : " -> disabled";
         if (event.isMember("data")) line += " " + Compact(event["data"]);
         if (event.isMember("records")) line += " " + Compact(event["records"]);
-        if (event.isMember("process") && !event.isMember("type")) line += " -> " + event["process"].asString();
-        if (event.isMember("signature")) line += " signature " + event["signature"].asString();
-        if (event.isMember("latency_ms")) line += Millis(" (", event["latency_ms"].asDouble(), " ms)");
-        if (event.isMember("waited_ms")) line += Millis(" (no answer after ", event["waited_ms"].asDouble(), " ms)");
+        if (event.isMember("process") && !event.isMember("type")) line += " -> " + TextOf(event, "process");
+        if (event.isMember("signature")) line += " signature " + TextOf(event, "signature");
+        if (event.isMember("latency_ms")) line += Millis(" (", NumberOf(event, "latency_ms"), " ms)");
+        if (event.isMember("waited_ms")) line += Millis(" (no answer after ", NumberOf(event, "waited_ms"), " ms)");
         PrintText(Cut(line));
     }
 

@@ -2,22 +2,19 @@
 #include <json/json.h>
 
 #include <cstdio>
-#include <memory>
-#include <sstream>
 
 #include "Cli.h"
+#include "JsonInput.h"
 
 namespace lumora::cli {
 
 namespace {
 
-// The value indented as JSON, or as it came when it is not JSON.
+// The value indented as JSON, or as it came when it is not JSON, or nested
+// too deep to be taken as such.
 std::string Indented(const std::string& value) {
-    Json::CharReaderBuilder reader;
-    std::unique_ptr<Json::CharReader> parser(reader.newCharReader());
     Json::Value root;
-    if (!parser->parse(value.data(), value.data() + value.size(), &root, nullptr)) return value;
-    return JsonText(root, true);
+    return ParseJsonInput(value, root) ? JsonText(root, true) : value;
 }
 
 // A JSON text on one line as the service wrote it, only without the
@@ -51,21 +48,9 @@ std::string WithoutWhitespace(const std::string& json) {
 
 }  // namespace
 
-bool ParseJsonStrictly(const std::string& text, Json::Value& value) {
-    Json::CharReaderBuilder reader;
-    // Any single value may be the root (a number or a string is JSON too);
-    // everything jsoncpp tolerates beyond JSON is refused, trailing text
-    // included.
-    reader["allowComments"] = false;
-    reader["allowTrailingCommas"] = false;
-    reader["allowSingleQuotes"] = false;
-    reader["allowNumericKeys"] = false;
-    reader["allowDroppedNullPlaceholders"] = false;
-    reader["allowSpecialFloats"] = false;
-    reader["strictRoot"] = false;
-    reader["failIfExtra"] = true;
-    std::unique_ptr<Json::CharReader> parser(reader.newCharReader());
-    return parser->parse(text.data(), text.data() + text.size(), &value, nullptr);
+bool ParseJsonInput(const std::string& text, Json::Value& value) {
+    std::string error;
+    return tools::ParseJson(text, value, error, tools::JsonDialect::kStrict);
 }
 
 std::string JsonText(const Json::Value& value, bool pretty) {
@@ -86,7 +71,7 @@ void PrintText(const std::string& text) {
 
 std::string EventData(const std::string& data) {
     Json::Value parsed;
-    return ParseJsonStrictly(data, parsed) ? WithoutWhitespace(data) : JsonText(data, false);
+    return ParseJsonInput(data, parsed) ? WithoutWhitespace(data) : JsonText(data, false);
 }
 
 void PrintEvent(const std::string& subject, const std::string& data) {

@@ -1,11 +1,16 @@
 // ChannelRemoval: the channel list without the channels a removal names.
 #include "ChannelRemoval.h"
 
+#include <climits>
+
+#include "JsonInput.h"
 #include "Scenario.h"
 
 namespace lumora::sim {
 
 namespace {
+
+using tools::JsonField;
 
 // What a removal request names; serviceId is only compared for a removal by
 // service id.
@@ -16,30 +21,31 @@ struct Target {
     std::string serviceId;
 };
 
-bool ReadTarget(const Json::Value& request, bool byServiceId, Target& target) {
-    if (!request.isObject()) return false;
-    const Json::Value& major = request["major"];
-    const Json::Value& minor = request["minor"];
-    if (!major.isInt64() || !minor.isInt64()) return false;
-    target.major = major.asInt64();
-    target.minor = minor.asInt64();
-    target.byServiceId = byServiceId;
-    if (!byServiceId) return true;
-    const Json::Value& serviceId = request["service_id"];
-    if (!serviceId.isString()) return false;
-    target.serviceId = serviceId.asString();
-    return true;
-}
-
-bool SameNumber(const Json::Value& value, Json::Int64 number) { return value.isInt64() && value.asInt64() == number; }
-
-bool Matches(const Json::Value& entry, const Target& target) {
-    if (!entry.isObject() || !SameNumber(entry["major"], target.major) || !SameNumber(entry["minor"], target.minor)) {
+// A client's request and the list's entries are read through the tools'
+// checked layer: what is not as expected names no channel, or no match.
+bool ReadTarget(const JsonField& request, bool byServiceId, Target& target) {
+    std::string why;
+    long long major = 0;
+    long long minor = 0;
+    if (!request["major"].ReadIntIn(major, LLONG_MIN, LLONG_MAX, why) ||
+        !request["minor"].ReadIntIn(minor, LLONG_MIN, LLONG_MAX, why)) {
         return false;
     }
-    if (!target.byServiceId) return true;
-    const Json::Value& serviceId = entry["ServiceID"];
-    return serviceId.isString() && serviceId.asString() == target.serviceId;
+    target.major = major;
+    target.minor = minor;
+    target.byServiceId = byServiceId;
+    return !byServiceId || request["service_id"].ReadText(target.serviceId, why);
+}
+
+bool SameNumber(const JsonField& value, Json::Int64 number) {
+    long long read = 0;
+    std::string why;
+    return value.ReadIntIn(read, LLONG_MIN, LLONG_MAX, why) && read == number;
+}
+
+bool Matches(const JsonField& entry, const Target& target) {
+    if (!SameNumber(entry["major"], target.major) || !SameNumber(entry["minor"], target.minor)) return false;
+    return !target.byServiceId || (entry["ServiceID"].IsText() && entry["ServiceID"].TextOr("") == target.serviceId);
 }
 
 }  // namespace
@@ -51,19 +57,19 @@ bool IsChannelRemoval(const std::string& subject) {
 ChannelRemoval RemoveChannels(const std::string& subject, const std::string& input, const std::string& list) {
     ChannelRemoval removal;
     std::string error;
-    if (!ParseJsonText(input, removal.request, error)) removal.request = Json::Value(input);
+    if (!tools::ParseJson(input, removal.request, error)) removal.request = Json::Value(input);
     Target target;
-    if (!ReadTarget(removal.request, subject == kChannelRemoveWithServiceIdSubject, target)) return removal;
+    if (!ReadTarget(JsonField(removal.request), subject == kChannelRemoveWithServiceIdSubject, target)) return removal;
     Json::Value channels;
-    if (!ParseJsonText(list, channels, error) || !channels.isObject()) return removal;
-    const Json::Value& entries = channels["ChList"];
-    if (!entries.isArray()) return removal;
+    if (!tools::ParseJson(list, channels, error) || !channels.isObject()) return removal;
+    const JsonField entries = JsonField(channels)["ChList"];
+    if (!entries.IsArray()) return removal;
     Json::Value kept(Json::arrayValue);
-    for (const Json::Value& entry : entries) {
-        if (Matches(entry, target)) {
+    for (Json::ArrayIndex i = 0; i < entries.Size(); ++i) {
+        if (Matches(entries[i], target)) {
             ++removal.removed;
         } else {
-            kept.append(entry);
+            kept.append(entries[i].Value());
         }
     }
     if (removal.removed == 0) return removal;

@@ -7,26 +7,26 @@
 #include <utility>
 #include <vector>
 
+#include "JsonInput.h"
 #include "Scenario.h"
 
 namespace lumora::sim {
 
-namespace {
-
-bool IsChannel(const Json::Value& element) {
-    return element.isObject() && element["major"].isInt() && element["minor"].isInt();
-}
-
-}  // namespace
-
+// A client's text, read through the tools' checked layer: anything but
+// {"reorder":[{"major":m,"minor":n},...]} is no candidate order.
 bool ReorderCandidates(const std::string& input, std::string& answer) {
     Json::Value request;
     std::string error;
-    if (!ParseJsonText(input, request, error) || !request.isObject() || !request["reorder"].isArray()) return false;
+    if (!tools::ParseJson(input, request, error)) return false;
+    const tools::JsonField candidates = tools::JsonField(request)["reorder"];
+    if (!candidates.IsArray()) return false;
     std::vector<std::pair<int, int>> channels;
-    for (const Json::Value& element : request["reorder"]) {
-        if (!IsChannel(element)) return false;
-        channels.emplace_back(element["major"].asInt(), element["minor"].asInt());
+    for (Json::ArrayIndex i = 0; i < candidates.Size(); ++i) {
+        int major = 0;
+        int minor = 0;
+        if (!candidates[i]["major"].ReadInt(major, error) || !candidates[i]["minor"].ReadInt(minor, error))
+            return false;
+        channels.emplace_back(major, minor);
     }
     std::stable_sort(channels.begin(), channels.end());
     Json::Value result(Json::objectValue);

@@ -1,5 +1,5 @@
 // The player of timelines: events due by now are played from the main loop,
-// then one timer waits for the next.
+// then one timer waits for the next (or for the next round of a loop).
 #include <algorithm>
 #include <cmath>
 
@@ -34,17 +34,44 @@ gboolean Replay::OnTimer(gpointer self) {
 void Replay::PlayDue() {
     double nowMs = static_cast<double>(g_get_monotonic_time() - m_startUs) / 1000.0 * m_speed;
     while (m_next < m_events.size() && m_events[m_next].tMs <= nowMs) {
-        const TimelineEvent& event = m_events[m_next++];
-        m_service.State().SetValue(event.subject, event.data);
-        if (event.kind == TimelineEvent::Kind::kSignal) m_service.EmitResponse(event.subject, event.data);
+        Play(m_events[m_next++]);
     }
     if (m_next == m_events.size() && m_loop && !m_events.empty()) {
         ++m_rounds;
         m_next = 0;
-        m_startUs = g_get_monotonic_time();
+        // The next round starts now, or when this one has lasted its least:
+        // events all at time 0 would otherwise be played again at once, for
+        // ever, and take the whole processor.
+        gint64 earliestUs = m_startUs + static_cast<gint64>(kMinLoopRoundMs * 1000);
+        m_startUs = std::max(g_get_monotonic_time(), earliestUs);
     }
     Publish();
     ScheduleNext();
+}
+
+// A signal goes to the subject's subscribers as the service's own changes do
+// (once each, or once to everyone with --broadcast); its data is the
+// subject's value from then on, as after a write.
+void Replay::Play(const TimelineEvent& event) {
+    SimState& state = m_service.State();
+    switch (event.kind) {
+        case TimelineEvent::Kind::kSignal:
+            state.SetValue(event.subject, event.data);
+            m_service.EmitResponse(event.subject, event.data);
+            break;
+        case TimelineEvent::Kind::kAnswer:
+            state.SetValue(event.subject, event.data);
+            state.SetResultCode(event.subject, event.code);
+            break;
+        case TimelineEvent::Kind::kStatistics:
+            state.SetStatistics(event.subject, event.tuples);
+            state.SetResultCode(event.subject, event.code);
+            break;
+        case TimelineEvent::Kind::kEnable:
+            state.SetEnabled(event.enabled);
+            if (event.hasWhiteList) state.SetWhiteListText(event.data);
+            break;
+    }
 }
 
 void Replay::ScheduleNext() {
@@ -54,7 +81,8 @@ void Replay::ScheduleNext() {
     }
     double dueMs = m_events[m_next].tMs / m_speed;
     double elapsedMs = static_cast<double>(g_get_monotonic_time() - m_startUs) / 1000.0;
-    double waitMs = std::max(0.0, dueMs - elapsedMs);
+    // Before a round's start elapsedMs is below 0, and the wait is longer.
+    double waitMs = std::min(std::max(0.0, dueMs - elapsedMs), kMaxWaitMs);
     m_timer = g_timeout_add(static_cast<guint>(std::ceil(waitMs)), &Replay::OnTimer, this);
 }
 

@@ -1,5 +1,8 @@
-// Scenario files: strict JSON, every member checked before anything is used,
-// so that a typo is reported with its position instead of answered wrongly.
+// Scenario files: JSON with comments, every member checked before anything is
+// used, so that a typo is reported with its position instead of answered
+// wrongly. Parsing and every read go through the tools' one boundary for
+// foreign JSON (JsonInput.h); this file adds the positions and the words
+// scenario files have always been reported with.
 #include "Scenario.h"
 
 #include <glib.h>
@@ -9,96 +12,51 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
-#include <memory>
-#include <regex>
 #include <set>
 #include <sstream>
 
+#include "JsonInput.h"
 #include "Statistics.h"
 
 namespace lumora::sim {
 
 namespace {
 
+using tools::JsonField;
+using tools::JsonPathStyle;
+
 // The longest delay a scenario may ask for; longer ones are surely typos, and
 // no client waits that long.
 constexpr unsigned kMaxDelayMs = 600000;
-
-const char* TypeName(const Json::Value& value) {
-    switch (value.type()) {
-        case Json::nullValue:
-            return "null";
-        case Json::intValue:
-        case Json::uintValue:
-            return "an integer";
-        case Json::realValue:
-            return "a number";
-        case Json::stringValue:
-            return "a string";
-        case Json::booleanValue:
-            return "a boolean";
-        case Json::arrayValue:
-            return "an array";
-        case Json::objectValue:
-            return "an object";
-    }
-    return "a value";
-}
-
-// "* Line 3, Column 5\n  Missing ',' ..." -> "3:5: Missing ',' ...".
-std::string CompactJsonError(const std::string& formatted) {
-    static const std::regex kFirst(R"(\* Line (\d+), Column (\d+)\s*\n\s*([^\n]*))");
-    std::smatch match;
-    if (std::regex_search(formatted, match, kFirst))
-        return match[1].str() + ":" + match[2].str() + ": " + match[3].str();
-    std::string flat = formatted;
-    for (char& c : flat) {
-        if (c == '\n') c = ' ';
-    }
-    return flat;
-}
 
 // Reports the first problem found, at the position of the value it concerns.
 class Checker {
 public:
     Checker(const std::string& file, const std::string& text) : m_file(file), m_text(text) {}
 
-    bool Fail(const Json::Value& at, const std::string& path, const std::string& what) {
-        return FailAt(at, path + ": " + what);
-    }
+    // why is a checked read's "PATH: what".
+    bool FailAt(const JsonField& at, const std::string& why) { return FailAt(at.Value(), why); }
+    bool Fail(const JsonField& at, const std::string& what) { return FailAt(at, at.Path() + ": " + what); }
     bool FailAt(const Json::Value& at, const std::string& message) {
         return FailAtOffset(at.getOffsetStart(), message);
     }
     bool FailAtOffset(ptrdiff_t offset, const std::string& message) {
-        m_error = m_file + ":" + Position(offset) + ": " + message;
+        m_error = m_file + ":" + tools::TextPosition(m_text, offset) + ": " + message;
         return false;
     }
-    bool Expect(const Json::Value& value, bool ok, const std::string& path, const char* expected) {
-        return ok || Fail(value, path, std::string("expected ") + expected + ", found " + TypeName(value));
+    // A checked read's outcome: ok, or the failure placed at the value.
+    bool Read(const JsonField& at, bool ok, const std::string& why) { return ok || FailAt(at, why); }
+    bool Expect(const JsonField& at, bool ok, const std::string& expected) {
+        std::string why;
+        return at.Expect(ok, expected, why) || FailAt(at, why);
     }
     const std::string& Error() const { return m_error; }
 
 private:
-    std::string Position(ptrdiff_t offset) const {
-        int line = 1;
-        int column = 1;
-        for (ptrdiff_t i = 0; i < offset && i < static_cast<ptrdiff_t>(m_text.size()); ++i) {
-            if (m_text[static_cast<size_t>(i)] == '\n') {
-                ++line;
-                column = 1;
-            } else {
-                ++column;
-            }
-        }
-        return std::to_string(line) + ":" + std::to_string(column);
-    }
-
     std::string m_file;
     const std::string& m_text;
     std::string m_error;
 };
-
-std::string MemberPath(const std::string& parent, const std::string& key) { return parent + "[\"" + key + "\"]"; }
 
 // The whole file must be UTF-8 (as JSON text is): the first byte that is not
 // is reported where it stands, before jsoncpp, which takes any byte inside a
@@ -107,57 +65,6 @@ bool CheckUtf8Text(Checker& check, const std::string& text) {
     const gchar* end = nullptr;
     if (g_utf8_validate(text.data(), static_cast<gssize>(text.size()), &end)) return true;
     return check.FailAtOffset(end - text.data(), *end == '\0' ? "a NUL byte" : "not valid UTF-8");
-}
-
-// jsoncpp gives up on deep nesting with an exception that names no place;
-// no scenario needs more than this, and the place of the first value too deep
-// is reported instead. Comments and strings are skipped as the parser skips
-// them.
-constexpr int kMaxNesting = 512;
-
-bool CheckNesting(Checker& check, const std::string& text) {
-    enum { kCode, kString, kLineComment, kBlockComment } state = kCode;
-    int depth = 0;
-    for (size_t i = 0; i < text.size(); ++i) {
-        char c = text[i];
-        char next = i + 1 < text.size() ? text[i + 1] : '\0';
-        switch (state) {
-            case kString:
-                if (c == '\\') {
-                    ++i;
-                } else if (c == '"') {
-                    state = kCode;
-                }
-                break;
-            case kLineComment:
-                if (c == '\n') state = kCode;
-                break;
-            case kBlockComment:
-                if (c == '*' && next == '/') {
-                    state = kCode;
-                    ++i;
-                }
-                break;
-            case kCode:
-                if (c == '"') {
-                    state = kString;
-                } else if (c == '/' && next == '/') {
-                    state = kLineComment;
-                } else if (c == '/' && next == '*') {
-                    state = kBlockComment;
-                    ++i;
-                } else if (c == '[' || c == '{') {
-                    if (++depth > kMaxNesting) {
-                        return check.FailAtOffset(static_cast<ptrdiff_t>(i),
-                                                  "nested more than " + std::to_string(kMaxNesting) + " levels deep");
-                    }
-                } else if (c == ']' || c == '}') {
-                    --depth;
-                }
-                break;
-        }
-    }
-    return true;
 }
 
 // A message is one line, whatever the file holds: control characters of a
@@ -182,89 +89,92 @@ std::string OneLine(const std::string& text) {
     return line;
 }
 
-bool ReadWhiteList(Checker& check, const Json::Value& list, Scenario& out) {
-    if (!check.Expect(list, list.isArray(), "whiteList", "an array of process names")) return false;
+bool ReadWhiteList(Checker& check, const JsonField& list, Scenario& out) {
+    if (!check.Expect(list, list.IsArray(), "an array of process names")) return false;
     out.whiteList.clear();
-    for (Json::ArrayIndex i = 0; i < list.size(); ++i) {
-        const Json::Value& name = list[i];
-        if (!check.Expect(name, name.isString(), "whiteList[" + std::to_string(i) + "]", "a string")) return false;
-        out.whiteList.push_back(name.asString());
+    for (Json::ArrayIndex i = 0; i < list.Size(); ++i) {
+        std::string name;
+        std::string why;
+        if (!check.Read(list[i], list[i].ReadText(name, why), why)) return false;
+        out.whiteList.push_back(name);
     }
     return true;
 }
 
-bool ReadValues(Checker& check, const Json::Value& values, Scenario& out) {
-    if (!check.Expect(values, values.isObject(), "values", "an object of subject: value")) return false;
-    for (const std::string& subject : values.getMemberNames()) {
-        const Json::Value& value = values[subject];
-        if (value.isNull()) continue;  // a subject without a value answers "{}"
-        out.values[subject] = ValueText(value);
+bool ReadValues(Checker& check, const JsonField& values, Scenario& out) {
+    if (!check.Expect(values, values.IsObject(), "an object of subject: value")) return false;
+    for (const std::string& subject : values.Keys()) {
+        const JsonField value = values[subject];
+        if (value.IsNull()) continue;  // a subject without a value answers "{}"
+        out.values[subject] = ValueText(value.Value());
     }
     return true;
 }
 
-bool ReadResultCodes(Checker& check, const Json::Value& codes, Scenario& out) {
-    if (!check.Expect(codes, codes.isObject(), "resultCodes", "an object of subject: code")) return false;
-    for (const std::string& subject : codes.getMemberNames()) {
-        const Json::Value& code = codes[subject];
-        if (!check.Expect(code, code.isInt(), MemberPath("resultCodes", subject), "a 32-bit integer")) return false;
-        out.resultCodes[subject] = code.asInt();
+bool ReadResultCodes(Checker& check, const JsonField& codes, Scenario& out) {
+    if (!check.Expect(codes, codes.IsObject(), "an object of subject: code")) return false;
+    for (const std::string& subject : codes.Keys()) {
+        int code = 0;
+        std::string why;
+        if (!check.Read(codes[subject], codes[subject].ReadInt(code, why), why)) return false;
+        out.resultCodes[subject] = code;
     }
     return true;
 }
 
-bool ReadDelays(Checker& check, const Json::Value& delays, Scenario& out) {
-    if (!check.Expect(delays, delays.isObject(), "delaysMs", "an object of subject: milliseconds")) return false;
-    for (const std::string& subject : delays.getMemberNames()) {
-        const Json::Value& delay = delays[subject];
-        std::string path = MemberPath("delaysMs", subject);
+bool ReadDelays(Checker& check, const JsonField& delays, Scenario& out) {
+    if (!check.Expect(delays, delays.IsObject(), "an object of subject: milliseconds")) return false;
+    for (const std::string& subject : delays.Keys()) {
+        const JsonField delay = delays[subject];
         // A number of the wrong sign is named as such: "expected a number"
-        // would read as if it were no number at all.
-        if (delay.isNumeric() && delay.asDouble() < 0) return check.Fail(delay, path, "must be zero or more");
-        if (!check.Expect(delay, delay.isUInt(), path, "a number of milliseconds")) return false;
-        if (delay.asUInt() > kMaxDelayMs) {
-            return check.Fail(delay, path, "a delay above " + std::to_string(kMaxDelayMs) + " ms is not served");
+        // would read as if it were no number at all; so is one too large.
+        if (delay.NumberOr(0) < 0) return check.Fail(delay, "must be zero or more");
+        bool whole = delay.Value().isUInt64();
+        if (whole && delay.NumberOr(0) > kMaxDelayMs) {
+            return check.Fail(delay, "a delay above " + std::to_string(kMaxDelayMs) + " ms is not served");
         }
-        out.delaysMs[subject] = delay.asUInt();
+        if (!check.Expect(delay, whole, "a number of milliseconds")) return false;
+        out.delaysMs[subject] = static_cast<unsigned>(delay.IntOr(0));
     }
     return true;
 }
 
-bool ReadStatistics(Checker& check, const Json::Value& statistics, Scenario& out) {
-    if (!check.Expect(statistics, statistics.isObject(), "statistics", "an object of subject: tuples")) return false;
-    for (const std::string& subject : statistics.getMemberNames()) {
-        const Json::Value& tuples = statistics[subject];
+bool ReadStatistics(Checker& check, const JsonField& statistics, Scenario& out) {
+    if (!check.Expect(statistics, statistics.IsObject(), "an object of subject: tuples")) return false;
+    for (const std::string& subject : statistics.Keys()) {
+        const JsonField tuples = statistics[subject];
         std::string error;
-        const Json::Value* where = &tuples;
-        if (!CheckStatistics(subject, tuples, MemberPath("statistics", subject), error, &where)) {
+        const Json::Value* where = &tuples.Value();
+        if (!CheckStatistics(subject, tuples.Value(), tuples.Path(), error, &where)) {
             return check.FailAt(*where, error);
         }
-        out.statistics[subject] = tuples;
+        out.statistics[subject] = tuples.Value();
     }
     return true;
 }
 
-bool ReadScenario(Checker& check, const Json::Value& root, Scenario& out) {
-    if (!check.Expect(root, root.isObject(), "scenario", "an object")) return false;
+bool ReadScenario(Checker& check, const JsonField& root, Scenario& out) {
+    if (!check.Expect(root, root.IsObject(), "an object")) return false;
     static const std::set<std::string> kKeys = {"description", "enabled",     "broadcastResponses", "whiteList",
                                                 "values",      "resultCodes", "delaysMs",           "statistics"};
-    for (const std::string& key : root.getMemberNames()) {
-        if (kKeys.count(key) == 0) return check.Fail(root[key], key, "unknown key");
+    for (const std::string& key : root.Keys()) {
+        if (kKeys.count(key) == 0) return check.Fail(root[key], "unknown key");
     }
-    if (root.isMember("description") &&
-        !check.Expect(root["description"], root["description"].isString(), "description", "a string")) {
-        return false;
+    std::string why;
+    std::string description;
+    const JsonField describe = root["description"];
+    if (describe.Present() && !check.Read(describe, describe.ReadText(description, why), why)) return false;
+    // A flag that is there must be true or false, null included.
+    for (auto [flag, value] : {std::pair<const char*, bool*>{"enabled", &out.enabled},
+                               std::pair<const char*, bool*>{"broadcastResponses", &out.broadcastResponses}}) {
+        const JsonField field = root[flag];
+        if (field.Present() && !check.Read(field, field.ReadBool(*value, why), why)) return false;
     }
-    for (const char* flag : {"enabled", "broadcastResponses"}) {
-        if (root.isMember(flag) && !check.Expect(root[flag], root[flag].isBool(), flag, "true or false")) return false;
-    }
-    out.enabled = root.get("enabled", true).asBool();
-    out.broadcastResponses = root.get("broadcastResponses", false).asBool();
-    return (!root.isMember("whiteList") || ReadWhiteList(check, root["whiteList"], out)) &&
-           (!root.isMember("values") || ReadValues(check, root["values"], out)) &&
-           (!root.isMember("resultCodes") || ReadResultCodes(check, root["resultCodes"], out)) &&
-           (!root.isMember("delaysMs") || ReadDelays(check, root["delaysMs"], out)) &&
-           (!root.isMember("statistics") || ReadStatistics(check, root["statistics"], out));
+    return (!root["whiteList"].Present() || ReadWhiteList(check, root["whiteList"], out)) &&
+           (!root["values"].Present() || ReadValues(check, root["values"], out)) &&
+           (!root["resultCodes"].Present() || ReadResultCodes(check, root["resultCodes"], out)) &&
+           (!root["delaysMs"].Present() || ReadDelays(check, root["delaysMs"], out)) &&
+           (!root["statistics"].Present() || ReadStatistics(check, root["statistics"], out));
 }
 
 bool ReadFile(const std::string& path, std::string& text, std::string& error) {
@@ -290,87 +200,62 @@ bool ReadFile(const std::string& path, std::string& text, std::string& error) {
     return true;
 }
 
+bool IsUtf8(const std::string& text) { return g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr); }
+
 // Every string the scenario holds ends up in a D-Bus string, which must be
-// valid UTF-8. The text itself is checked before parsing (ReadScenarioText);
+// valid UTF-8. The text itself is checked before parsing (CheckUtf8Text);
 // this finds what only parsing makes, a \u escape of a lone surrogate.
-// path is empty for the root.
-bool CheckStrings(Checker& check, const Json::Value& value, const std::string& path) {
-    const std::string where = path.empty() ? "scenario" : path;
-    if (value.isString()) {
-        const std::string& text = value.asString();
-        if (g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr)) return true;
-        return check.Fail(value, where, "not valid UTF-8 (a \\u escape of a lone surrogate)");
+bool CheckStrings(Checker& check, const JsonField& value) {
+    if (value.IsText()) {
+        if (IsUtf8(value.TextOr(""))) return true;
+        return check.Fail(value, "not valid UTF-8 (a \\u escape of a lone surrogate)");
     }
-    if (value.isArray()) {
-        for (Json::ArrayIndex i = 0; i < value.size(); ++i) {
-            if (!CheckStrings(check, value[i], path + "[" + std::to_string(i) + "]")) return false;
-        }
+    for (Json::ArrayIndex i = 0; i < value.Size(); ++i) {
+        if (!CheckStrings(check, value[i])) return false;
     }
-    if (value.isObject()) {
-        for (const std::string& key : value.getMemberNames()) {
-            const Json::Value& member = value[key];
-            if (!g_utf8_validate(key.data(), static_cast<gssize>(key.size()), nullptr))
-                return check.Fail(member, where, "a member name is not valid UTF-8");
-            if (!CheckStrings(check, member, path.empty() ? key : MemberPath(path, key))) return false;
-        }
+    for (const std::string& key : value.Keys()) {
+        if (!IsUtf8(key)) return check.FailAt(value[key], value.Path() + ": a member name is not valid UTF-8");
+        if (!CheckStrings(check, value[key])) return false;
     }
     return true;
 }
 
-bool CheckTupleElement(char type, const Json::Value& element, const std::string& path, std::string& error) {
-    bool ok =
-        (type == 'u' && element.isUInt()) || (type == 'i' && element.isInt()) || (type == 's' && element.isString());
+bool CheckTupleElement(char type, const JsonField& element, std::string& error) {
+    // The words are those scenario files have always been answered with: a
+    // negative number where an unsigned one goes is "found an integer".
+    if (type == 'u') return element.Expect(element.Value().isUInt(), "an unsigned 32-bit integer", error);
+    if (type == 'i') return element.Expect(element.Value().isInt(), "a 32-bit integer", error);
+    std::string text;
+    if (!element.ReadText(text, error)) return false;
     // The control interface's text is valid UTF-8, but a \u escape in it can
     // still make a string that g_variant_new_string would refuse.
-    if (ok && type == 's' && !g_utf8_validate(element.asCString(), -1, nullptr)) {
-        error = path + ": not valid UTF-8 (a \\u escape of a lone surrogate)";
-        return false;
-    }
-    if (ok) return true;
-    const char* expected = type == 'u' ? "an unsigned 32-bit integer" : type == 'i' ? "a 32-bit integer" : "a string";
-    error = path + ": expected " + expected + ", found " + TypeName(element);
-    return false;
+    return IsUtf8(text) || element.Fail("not valid UTF-8 (a \\u escape of a lone surrogate)", error);
 }
 
 }  // namespace
 
 bool ParseJsonText(const std::string& text, Json::Value& out, std::string& error) {
-    Json::CharReaderBuilder builder;
-    builder["failIfExtra"] = true;
-    builder["rejectDupKeys"] = true;
-    builder["allowComments"] = true;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    std::string errors;
-    if (reader->parse(text.data(), text.data() + text.size(), &out, &errors)) return true;
-    error = CompactJsonError(errors);
-    return false;
+    return tools::ParseJson(text, out, error, tools::JsonDialect::kWithComments);
 }
 
-bool CheckStatistics(const std::string& subject, const Json::Value& tuples, const std::string& path, std::string& error,
+bool CheckStatistics(const std::string& subject, const Json::Value& value, const std::string& path, std::string& error,
                      const Json::Value** where) {
+    const JsonField tuples(value, JsonPathStyle::kBracketed, path);
     const lumora::contract::StatisticsKind* kind = FindStatisticsKind(subject);
-    if (kind == nullptr) {
-        error = path + ": not a statistics subject";
-        return false;
-    }
+    if (kind == nullptr) return tuples.Fail("not a statistics subject", error);
     const std::string tupleTypes = TupleTypes(*kind);
-    if (!tuples.isArray()) {
-        error = path + ": expected an array of " + kind->arraySignature + " tuples, found " + TypeName(tuples);
+    if (!tuples.Expect(tuples.IsArray(), std::string("an array of ") + kind->arraySignature + " tuples", error))
         return false;
-    }
-    for (Json::ArrayIndex i = 0; i < tuples.size(); ++i) {
-        const Json::Value& tuple = tuples[i];
-        std::string tuplePath = path + "[" + std::to_string(i) + "]";
-        if (where != nullptr) *where = &tuple;
-        if (!tuple.isArray() || tuple.size() != tupleTypes.size()) {
-            error = tuplePath + ": expected an array of " + std::to_string(tupleTypes.size()) + " elements (" +
-                    tupleTypes + ")";
-            return false;
+    for (Json::ArrayIndex i = 0; i < tuples.Size(); ++i) {
+        const JsonField tuple = tuples[i];
+        if (where != nullptr) *where = &tuple.Value();
+        if (!tuple.IsArray() || tuple.Size() != tupleTypes.size()) {
+            return tuple.Fail(
+                "expected an array of " + std::to_string(tupleTypes.size()) + " elements (" + tupleTypes + ")", error);
         }
-        for (Json::ArrayIndex j = 0; j < tuple.size(); ++j) {
-            std::string elementPath = tuplePath + "[" + std::to_string(j) + "]";
-            if (where != nullptr) *where = &tuple[j];
-            if (!CheckTupleElement(tupleTypes[j], tuple[j], elementPath, error)) return false;
+        for (Json::ArrayIndex j = 0; j < tuple.Size(); ++j) {
+            if (where != nullptr) *where = &tuple[j].Value();
+            if (!CheckTupleElement(tupleTypes[j], tuple[j], error)) return false;
         }
     }
     return true;
@@ -379,31 +264,27 @@ bool CheckStatistics(const std::string& subject, const Json::Value& tuples, cons
 namespace {
 
 bool LoadChecked(const std::string& path, Scenario& out, std::string& error) {
-    try {
-        std::string text;
-        if (!ReadFile(path, text, error)) return false;
-        Checker check(path, text);
-        if (!CheckUtf8Text(check, text) || !CheckNesting(check, text)) {
-            error = check.Error();
-            return false;
-        }
-        Json::Value root;
-        std::string parseError;
-        if (!ParseJsonText(text, root, parseError)) {
-            error = path + ":" + parseError;
-            return false;
-        }
-        Scenario scenario;
-        if (!CheckStrings(check, root, "") || !ReadScenario(check, root, scenario)) {
-            error = check.Error();
-            return false;
-        }
-        out = std::move(scenario);
-        return true;
-    } catch (const std::exception& e) {
-        error = path + ": " + e.what();
+    std::string text;
+    if (!ReadFile(path, text, error)) return false;
+    Checker check(path, text);
+    if (!CheckUtf8Text(check, text)) {
+        error = check.Error();
         return false;
     }
+    Json::Value root;
+    std::string parseError;
+    if (!tools::ParseJson(text, root, parseError, tools::JsonDialect::kWithComments)) {
+        error = path + ":" + parseError;
+        return false;
+    }
+    const JsonField scenarioRoot(root, JsonPathStyle::kBracketed, "scenario");
+    Scenario scenario;
+    if (!CheckStrings(check, scenarioRoot) || !ReadScenario(check, scenarioRoot, scenario)) {
+        error = check.Error();
+        return false;
+    }
+    out = std::move(scenario);
+    return true;
 }
 
 }  // namespace
@@ -415,7 +296,7 @@ bool LoadScenario(const std::string& path, Scenario& out, std::string& error) {
 }
 
 std::string ValueText(const Json::Value& value) {
-    if (value.isString()) return value.asString();
+    if (value.isString()) return JsonField(value).TextOr("");
     Json::StreamWriterBuilder writer;
     writer["indentation"] = "";
     return Json::writeString(writer, value);

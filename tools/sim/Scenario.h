@@ -33,8 +33,10 @@ struct Scenario {
 /// position applies). Never throws.
 bool LoadScenario(const std::string& path, Scenario& out, std::string& error);
 
-/// Parses JSON text strictly (no trailing data, no duplicate keys; comments
-/// allowed). On failure error holds "LINE:COLUMN: reason".
+/// The simulator's texts (comments allowed; no trailing data, no duplicate
+/// keys, nesting bounded) parsed at the tools' one boundary, JsonInput.h's
+/// ParseJson, which the rest of the simulator calls directly. Never throws.
+/// On failure error holds "LINE:COLUMN: reason".
 bool ParseJsonText(const std::string& text, Json::Value& out, std::string& error);
 
 /// Checks statistics tuples for subject against its array signature. On

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "ControlContract.h"
+#include "JsonInput.h"
 #include "Scenario.h"
 #include "SimLog.h"
 #include "SimService.h"
@@ -117,7 +118,7 @@ void SimControl::SetStatistics(GVariant* parameters, GDBusMethodInvocation* invo
     g_variant_get(parameters, "(&s&s)", &subject, &text);
     Json::Value tuples;
     std::string error;
-    if (!ParseJsonText(text, tuples, error)) {
+    if (!tools::ParseJson(text, tuples, error)) {
         Refuse(invocation, G_DBUS_ERROR_INVALID_ARGS, "tuples are not JSON: " + error);
     } else if (!CheckStatistics(subject, tuples, "tuples", error)) {
         Refuse(invocation, G_DBUS_ERROR_INVALID_ARGS, error);
@@ -187,7 +188,7 @@ void SimControl::EmitEvent(GVariant* parameters, GDBusMethodInvocation* invocati
     }
     Json::Value parsed;
     std::string error;
-    if (data[0] != '\0' && !ParseJsonText(data, parsed, error)) {
+    if (data[0] != '\0' && !tools::ParseJson(data, parsed, error)) {
         return Refuse(invocation, G_DBUS_ERROR_INVALID_ARGS, "data is not JSON: " + error);
     }
     SimState& state = m_service.State();

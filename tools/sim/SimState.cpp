@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "JsonInput.h"
 #include "internal/ServiceContract.h"
 
 namespace lumora::sim {
@@ -45,6 +46,24 @@ const Json::Value& SimState::Statistics(const std::string& subject) const {
     static const Json::Value kNone;
     auto it = m_scenario.statistics.find(subject);
     return it == m_scenario.statistics.end() ? kNone : it->second;
+}
+
+void SimState::SetWhiteListText(const std::string& text) {
+    // The form the service sends, {"WhiteList":["name", ...]}; any other text
+    // is sent all the same, and shows no names.
+    std::vector<std::string> names;
+    Json::Value parsed;
+    std::string why;
+    if (tools::ParseJson(text, parsed, why, tools::JsonDialect::kStrict)) {
+        const tools::JsonField list = tools::JsonField(parsed)["WhiteList"];
+        for (Json::ArrayIndex i = 0; i < list.Size(); ++i) {
+            std::string name;
+            if (list[i].ReadText(name, why)) names.push_back(name);
+        }
+    }
+    m_scenario.whiteList = std::move(names);
+    m_whiteListText = text;
+    Changed();
 }
 
 void SimState::Subscribe(const std::string& subject, const std::string& client) {
@@ -90,6 +109,7 @@ Json::Value SimState::ToJson() const {
     status["broadcastResponses"] = m_scenario.broadcastResponses;
     Json::Value& whiteList = status["whiteList"] = Json::Value(Json::arrayValue);
     for (const std::string& name : m_scenario.whiteList) whiteList.append(name);
+    if (m_whiteListText) status["whiteListText"] = *m_whiteListText;
     status["values"] = MapToJson(m_scenario.values);
     status["resultCodes"] = MapToJson(m_scenario.resultCodes);
     status["delaysMs"] = MapToJson(m_scenario.delaysMs);

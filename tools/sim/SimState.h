@@ -8,6 +8,7 @@
 
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -25,11 +26,17 @@ public:
         Changed();
     }
     bool BroadcastResponses() const { return m_scenario.broadcastResponses; }
-    std::string WhiteList() const { return WhiteListJson(m_scenario.whiteList); }
+    /// The whitelist's text as ServiceEnable and "HELLO" carry it.
+    std::string WhiteList() const { return m_whiteListText ? *m_whiteListText : WhiteListJson(m_scenario.whiteList); }
     void SetWhiteList(std::vector<std::string> names) {
         m_scenario.whiteList = std::move(names);
+        m_whiteListText.reset();
         Changed();
     }
+    /// The whitelist exactly as a recorded service sent it, sent as it is
+    /// until the next SetWhiteList; its names, when it has the service's
+    /// form, are shown as "whiteList".
+    void SetWhiteListText(const std::string& text);
 
     /// The subject's value, or "{}" (the service's "no data") when it has none.
     std::string Value(const std::string& subject) const;
@@ -101,6 +108,7 @@ private:
     }
 
     Scenario m_scenario;
+    std::optional<std::string> m_whiteListText;
     std::map<std::string, std::vector<std::string>> m_subscribers;
     Json::Value m_channelRemovals{Json::arrayValue};
     Json::Value m_replay;

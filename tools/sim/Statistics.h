@@ -22,6 +22,12 @@ std::string TupleTypes(const lumora::contract::StatisticsKind& kind);
 /// passed CheckStatistics. A null or empty tuples gives an empty array.
 GVariant* BuildStatisticsArray(const lumora::contract::StatisticsKind& kind, const Json::Value& tuples);
 
+/// The other way: the tuples of array in the form BuildStatisticsArray takes
+/// (unsigned and signed integers, strings, in wire order), from which it
+/// builds an equal array. False, tuples untouched, when array is not of
+/// kind's signature.
+bool StatisticsTuples(const lumora::contract::StatisticsKind& kind, GVariant* array, Json::Value& tuples);
+
 }  // namespace lumora::sim
 
 #endif  // LUMORA_SIM_STATISTICS_H

@@ -48,11 +48,17 @@ constexpr const char* kHelp =
     "  --scenario FILE  the television's state as JSON (see below); without it every\n"
     "                   subject answers \"{}\" and the whitelist is empty\n"
     "  --broadcast      send Response signals to every listener, not only subscribers\n"
-    "  --replay FILE    play a timeline of lumora monitor --record: its signals are emitted\n"
-    "                   at their times, its answers become the subjects' values then;\n"
-    "                   other subjects answer from the scenario; ctl status shows \"replay\"\n"
-    "  --speed X        play X times faster (default 1)\n"
-    "  --loop           play it again from the start at its end\n"
+    "  --replay FILE    play a timeline of lumora monitor --record at its times: each\n"
+    "                   change the service signalled is emitted once (to each subscriber,\n"
+    "                   or to everyone with --broadcast); answers to reads and requests\n"
+    "                   become the subjects' answers then (text or statistics records, and\n"
+    "                   the result code); ServiceEnable answers set enabled and the\n"
+    "                   whitelist; other subjects answer from the scenario; ctl status\n"
+    "                   shows \"replay\"\n"
+    "  --speed X        play X times faster (default 1); only with --replay\n"
+    "  --loop           play it again from the start at its end; a round lasts at least\n"
+    "                   100 ms, so events all at time 0 play ten times a second; only\n"
+    "                   with --replay\n"
     "  --http [ADDRESS:]PORT  serve a control panel in the browser (127.0.0.1 unless an\n"
     "                   ADDRESS is given; port 0 picks a free one); prints its URL\n"
     "  --http-allow-remote  allow a non-loopback ADDRESS (anyone who reaches it drives the simulator)\n"
@@ -106,6 +112,7 @@ struct Options {
     std::string replay;
     double speed = 1;
     bool loop = false;
+    std::string playbackOption;  // the first of --speed and --loop given
     bool http = false;
     std::string httpAddress;
     unsigned httpPort = 0;
@@ -132,6 +139,7 @@ int ParseOptions(int argc, char** argv, Options& options) {
             options.replay = argv[++i];
         } else if (arg == "--loop") {
             options.loop = true;
+            if (options.playbackOption.empty()) options.playbackOption = arg;
         } else if (arg == "--http-allow-remote") {
             options.httpAllowRemote = true;
         } else if (arg == "--http" && i + 1 < argc) {
@@ -142,6 +150,7 @@ int ParseOptions(int argc, char** argv, Options& options) {
             }
         } else if (arg == "--speed" && i + 1 < argc) {
             char* end = nullptr;
+            if (options.playbackOption.empty()) options.playbackOption = arg;
             options.speed = g_ascii_strtod(argv[++i], &end);
             if (end == argv[i] || *end != '\0' || !(options.speed > 0) || options.speed > 1e6) {
                 fprintf(stderr, "lumora-sim: --speed takes a number above 0 (see lumora-sim --help)\n");
@@ -151,6 +160,13 @@ int ParseOptions(int argc, char** argv, Options& options) {
             fprintf(stderr, "lumora-sim: unexpected argument '%s' (see lumora-sim --help)\n", arg.c_str());
             return 2;
         }
+    }
+    // Either would be dropped without a timeline to play, and the simulator
+    // would look as if it played one.
+    if (!options.playbackOption.empty() && options.replay.empty()) {
+        fprintf(stderr, "lumora-sim: %s goes with --replay FILE (see lumora-sim --help)\n",
+                options.playbackOption.c_str());
+        return 2;
     }
     return 0;
 }
