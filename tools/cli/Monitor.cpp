@@ -33,6 +33,8 @@ using Args = std::vector<std::string>;
 
 // A call nobody answers is reported once the bus itself would have given up.
 constexpr gint64 kCallTimeoutUs = 25 * G_USEC_PER_SEC;
+// Timed-out calls kept for a late answer, the oldest dropped first beyond it.
+constexpr size_t kMaxLateCalls = 4096;
 constexpr const char* kTimelineFormat = "lumora-timeline";
 constexpr int kTimelineVersion = 1;
 
@@ -54,7 +56,8 @@ struct Seen {
 
 struct PendingCall {
     gint64 us = 0;
-    Json::Value call;  // the call's event, whose fields the answer repeats
+    Json::Value call;      // the call's event, whose fields the answer repeats
+    bool noReply = false;  // the caller asked for no answer: none is awaited
 };
 
 struct SubjectStats {
@@ -64,23 +67,47 @@ struct SubjectStats {
     unsigned signals = 0;
 };
 
-const char* TypeName(int type, const std::string& member) {
-    if (member == contract::kMethodServiceEnable) return "enable";
-    switch (type) {
-        case contract::kRequestRead:
-            return "read";
-        case contract::kRequestWrite:
-            return "write";
-        case contract::kRequestSubscribe:
-            return "subscribe";
-        case contract::kRequestUnsubscribe:
-            return "unsubscribe";
-        case contract::kRequestAsync:
-            return "request";
-        default:
-            return "other";
-    }
-}
+// The calls of the wire contract: each request method with the request types
+// it carries. Any other pairing is refused by the service, and shown as what
+// it is, not as the operation its type would be on another method.
+struct ContractCall {
+    const char* method;
+    int requestType;
+    const char* type;
+};
+constexpr ContractCall kContractCalls[] = {
+    {contract::kMethodRequestSync, contract::kRequestRead, "read"},
+    {contract::kMethodRequestSync, contract::kRequestSubscribe, "subscribe"},
+    {contract::kMethodRequestSync, contract::kRequestUnsubscribe, "unsubscribe"},
+    {contract::kMethodRequestAsync, contract::kRequestAsync, "request"},
+    {contract::kMethodWrite, contract::kRequestWrite, "write"},
+};
+
+// What GDBus answers on every object it exports, the service's too: named as
+// what they are, since tools such as gdbus and d-feet send them.
+struct StandardCall {
+    const char* interface;
+    const char* member;
+    const char* signature;
+    const char* type;
+};
+constexpr StandardCall kStandardCalls[] = {
+    {"org.freedesktop.DBus.Introspectable", "Introspect", "", "introspect"},
+    {"org.freedesktop.DBus.Peer", "Ping", "", "ping"},
+    {"org.freedesktop.DBus.Peer", "GetMachineId", "", "machine-id"},
+    {"org.freedesktop.DBus.Properties", "Get", "ss", "properties"},
+    {"org.freedesktop.DBus.Properties", "GetAll", "s", "properties"},
+    {"org.freedesktop.DBus.Properties", "Set", "ssv", "properties"},
+};
+
+constexpr const char* kUndecodable = "undecodable";
+
+std::string Text(const char* text) { return text != nullptr ? text : ""; }
+
+// A message's body signature; GDBus gives none for an empty body.
+std::string SignatureOf(GDBusMessage* message) { return Text(g_dbus_message_get_signature(message)); }
+
+bool IsEmptyBody(GVariant* body) { return body == nullptr || g_variant_n_children(body) == 0; }
 
 std::string ProcessName(int pid) {
     if (pid <= 0) return "";
@@ -343,29 +370,59 @@ private:
         Emit(json);
     }
 
-    void TakeCall(gint64 us, GDBusMessage* message) {
-        std::string member = g_dbus_message_get_member(message) != nullptr ? g_dbus_message_get_member(message) : "";
-        std::string sender = g_dbus_message_get_sender(message) != nullptr ? g_dbus_message_get_sender(message) : "";
-        if (g_strcmp0(g_dbus_message_get_path(message), contract::kObjectPath) != 0) return;  // the simulator's control
+    // The call's type and fields from its member, interface and body: a call
+    // of the contract gets its operation's name, a standard call of GDBus
+    // its own, anything else is undecodable, with what could be read of it.
+    std::string Decode(GDBusMessage* message, Json::Value& call, gint32& tuplePid) {
+        std::string member = Text(g_dbus_message_get_member(message));
+        std::string interface = Text(g_dbus_message_get_interface(message));
+        std::string signature = SignatureOf(message);
         GVariant* body = g_dbus_message_get_body(message);
-        Json::Value call = Base(us, "call");
-        call["sender"] = sender;
-        call["serial"] = g_dbus_message_get_serial(message);
-        int pid = 0;  // none in a ServiceEnable
-        if (member == contract::kMethodServiceEnable && (body == nullptr || g_variant_n_children(body) == 0)) {
-            call["type"] = "enable";
-        } else if (body != nullptr && g_variant_is_of_type(body, G_VARIANT_TYPE(contract::kRequestTuple))) {
-            gint32 tuplePid = 0, type = 0, id = 0;
+        bool ours = interface.empty() || interface == contract::kInterface;
+        if (ours && member == contract::kMethodServiceEnable && IsEmptyBody(body)) return "enable";
+        for (const StandardCall& standard : kStandardCalls) {
+            if (interface != standard.interface || member != standard.member || signature != standard.signature)
+                continue;
+            call["member"] = member;
+            if (!IsEmptyBody(body)) {
+                gchar* printed = g_variant_print(body, FALSE);
+                call["arguments"] = printed;
+                g_free(printed);
+            }
+            return standard.type;
+        }
+        std::string type = kUndecodable;
+        if (body != nullptr && g_variant_is_of_type(body, G_VARIANT_TYPE(contract::kRequestTuple))) {
+            gint32 requestType = 0, id = 0;
             const gchar *subject = nullptr, *input = nullptr;
-            g_variant_get(body, "(iii&s&s)", &tuplePid, &type, &id, &subject, &input);
-            call["type"] = TypeName(type, member);
+            g_variant_get(body, "(iii&s&s)", &tuplePid, &requestType, &id, &subject, &input);
+            for (const ContractCall& pair : kContractCalls) {
+                if (ours && member == pair.method && requestType == pair.requestType) type = pair.type;
+            }
+            if (type == kUndecodable) call["request_type"] = requestType;
             call["id"] = id;
             call["subject"] = subject;
             call["input"] = input;
-            pid = tuplePid;
-        } else {
-            return Undecodable(us, message);
         }
+        if (type == kUndecodable) {
+            call["event"] = kUndecodable;
+            call["member"] = member;
+            call["signature"] = signature;
+            if (!ours) call["interface"] = interface;
+        }
+        return type;
+    }
+
+    void TakeCall(gint64 us, GDBusMessage* message) {
+        std::string sender = Text(g_dbus_message_get_sender(message));
+        if (g_strcmp0(g_dbus_message_get_path(message), contract::kObjectPath) != 0) return;  // the simulator's control
+        Json::Value call = Base(us, "call");
+        call["sender"] = sender;
+        call["serial"] = g_dbus_message_get_serial(message);
+        bool noReply = (g_dbus_message_get_flags(message) & G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED) != 0;
+        if (noReply) call["no_reply"] = true;
+        gint32 pid = 0;  // none in a ServiceEnable
+        call["type"] = Decode(message, call, pid);
         // The tuple's pid is the caller's word; when it names no process, the
         // bus's credentials of the caller.
         std::string name = ProcessName(pid);
@@ -376,50 +433,41 @@ private:
         call["pid"] = pid;
         call["process"] = name;
         if (!name.empty()) m_names[sender] = name;
-        if (TextOf(call, "type") != "write") m_pending[{sender, g_dbus_message_get_serial(message)}] = {us, call};
+        // Every call is matched with its answer, the ones whose caller asked
+        // for none too: a service may answer them all the same.
+        m_pending[{sender, g_dbus_message_get_serial(message)}] = {us, call, noReply};
         Record(call);
         if (!Shown(call)) return;
         Count(call, "call");
         Emit(call);
     }
 
-    void TakeAnswer(gint64 us, GDBusMessage* message) {
-        const char* destination = g_dbus_message_get_destination(message);
-        auto it = m_pending.find({destination != nullptr ? destination : "", g_dbus_message_get_reply_serial(message)});
-        if (it == m_pending.end()) return;  // not a call to the service
-        PendingCall pending = it->second;
-        m_pending.erase(it);
-        Json::Value answer = pending.call;
-        Json::Value base = Base(us, "answer");
-        answer["event"] = "answer";
-        answer["time"] = base["time"];
-        answer["t_ms"] = base["t_ms"];
-        answer["latency_ms"] = Ms(us - pending.us);
-        answer.removeMember("input");
-        GVariant* body = g_dbus_message_get_body(message);
-        std::string type = TextOf(pending.call, "type");
-        if (g_dbus_message_get_message_type(message) == G_DBUS_MESSAGE_TYPE_ERROR) {
-            answer["event"] = "error";
-            answer["error"] =
-                g_dbus_message_get_error_name(message) != nullptr ? g_dbus_message_get_error_name(message) : "";
-            const gchar* text = nullptr;
-            if (body != nullptr && g_variant_is_of_type(body, G_VARIANT_TYPE("(s)")))
-                g_variant_get(body, "(&s)", &text);
-            answer["message"] = text != nullptr ? text : "";
-        } else if (type == "enable" && body != nullptr && g_variant_is_of_type(body, G_VARIANT_TYPE("(bs)"))) {
+    // The answer's fields as the call's type has them; false when its body
+    // does not fit the call.
+    static bool DecodeAnswer(const std::string& type, GVariant* body, Json::Value& answer) {
+        if (type == "enable") {
+            if (body == nullptr || !g_variant_is_of_type(body, G_VARIANT_TYPE(contract::kServiceEnableReply)))
+                return false;
             gboolean enabled = FALSE;
             const gchar* whiteList = nullptr;
             g_variant_get(body, "(b&s)", &enabled, &whiteList);
             answer["enabled"] = static_cast<bool>(enabled);
             answer["data"] = DataJson(whiteList);
-        } else if (body != nullptr && g_variant_is_of_type(body, G_VARIANT_TYPE(contract::kRequestSyncReply))) {
+            return true;
+        }
+        if (type == "read" || type == "subscribe" || type == "unsubscribe") {
+            if (body == nullptr || !g_variant_is_of_type(body, G_VARIANT_TYPE(contract::kRequestSyncReply))) return false;
             gint32 code = 0;
             const gchar* text = nullptr;
             g_variant_get(body, "(i&s)", &code, &text);
             answer["code"] = code;
             answer["data"] = DataJson(text);
             answer["text"] = text;
-        } else if (body != nullptr && g_variant_is_of_type(body, G_VARIANT_TYPE(contract::kRequestAsyncReply))) {
+            return true;
+        }
+        if (type == "request") {
+            if (body == nullptr || !g_variant_is_of_type(body, G_VARIANT_TYPE(contract::kRequestAsyncReply)))
+                return false;
             gint32 code = 0;
             GVariant* payload = nullptr;
             g_variant_get(body, "(i&sv)", &code, nullptr, &payload);
@@ -433,10 +481,70 @@ private:
                 answer["records"] = VariantJson(payload);  // a statistics answer
             }
             g_variant_unref(payload);
-        } else {
-            answer["event"] = "undecodable";
-            answer["signature"] =
-                g_dbus_message_get_signature(message) != nullptr ? g_dbus_message_get_signature(message) : "";
+            return true;
+        }
+        if (type == "write" || type == "ping") return IsEmptyBody(body);
+        if (type == "introspect") {
+            if (body == nullptr || !g_variant_is_of_type(body, G_VARIANT_TYPE("(s)"))) return false;
+            gsize length = 0;
+            GVariant* xml = g_variant_get_child_value(body, 0);
+            g_variant_get_string(xml, &length);
+            g_variant_unref(xml);
+            answer["bytes"] = static_cast<Json::UInt64>(length);
+            return true;
+        }
+        if (type == "machine-id" || type == "properties" || type == kUndecodable) {
+            // What came back, as GVariant text: none of it is the service's data.
+            if (type == "machine-id" && (body == nullptr || !g_variant_is_of_type(body, G_VARIANT_TYPE("(s)"))))
+                return false;
+            if (!IsEmptyBody(body)) {
+                gchar* printed = g_variant_print(body, FALSE);
+                answer["reply"] = printed;
+                g_free(printed);
+            }
+            return true;
+        }
+        return false;
+    }
+
+    void TakeAnswer(gint64 us, GDBusMessage* message) {
+        const char* destination = g_dbus_message_get_destination(message);
+        std::pair<std::string, guint32> key{Text(destination), g_dbus_message_get_reply_serial(message)};
+        // An answer after the monitor's time-out still reached a caller that
+        // waited longer: it is shown, as late.
+        bool late = false;
+        auto it = m_pending.find(key);
+        if (it == m_pending.end()) {
+            it = m_late.find(key);
+            if (it == m_late.end()) return;  // not a call to the service
+            late = true;
+        }
+        PendingCall pending = it->second;
+        (late ? m_late : m_pending).erase(it);
+        Json::Value answer = pending.call;
+        Json::Value base = Base(us, "answer");
+        answer["event"] = "answer";
+        answer["time"] = base["time"];
+        answer["t_ms"] = base["t_ms"];
+        answer["latency_ms"] = Ms(us - pending.us);
+        if (late) answer["late"] = true;
+        answer.removeMember("input");
+        answer.removeMember("arguments");
+        answer.removeMember("no_reply");
+        GVariant* body = g_dbus_message_get_body(message);
+        std::string type = TextOf(pending.call, "type");
+        if (g_dbus_message_get_message_type(message) == G_DBUS_MESSAGE_TYPE_ERROR) {
+            answer["event"] = "error";
+            answer["error"] = Text(g_dbus_message_get_error_name(message));
+            const gchar* text = nullptr;
+            if (body != nullptr && g_variant_is_of_type(body, G_VARIANT_TYPE("(s)"))) g_variant_get(body, "(&s)", &text);
+            answer["message"] = Text(text);
+        } else if (type == kUndecodable) {
+            answer["reply_signature"] = SignatureOf(message);
+            DecodeAnswer(type, body, answer);
+        } else if (!DecodeAnswer(type, body, answer)) {
+            answer["event"] = kUndecodable;
+            answer["reply_signature"] = SignatureOf(message);
         }
         Record(answer);
         if (!Shown(answer)) return;
@@ -492,6 +600,10 @@ private:
         return pid;
     }
 
+    // Calls without an answer after 25 s are reported as time-outs and kept
+    // for an answer that may still come; at the end the open ones are
+    // reported as unanswered. Calls whose caller asked for no answer are
+    // dropped quietly: nothing is missing.
     void ReportTimeouts(bool all) {
         gint64 now = g_get_monotonic_time();
         for (auto it = m_pending.begin(); it != m_pending.end();) {
@@ -499,18 +611,34 @@ private:
                 ++it;
                 continue;
             }
-            Json::Value json = it->second.call;
+            PendingCall pending = it->second;
+            auto key = it->first;
+            it = m_pending.erase(it);
+            if (pending.noReply) continue;
+            Json::Value json = pending.call;
             Json::Value base = Base(now, all ? "unanswered" : "timeout");
             json["event"] = base["event"];
             json["time"] = base["time"];
             json["t_ms"] = base["t_ms"];
-            json["waited_ms"] = Ms(now - it->second.us);
+            json["waited_ms"] = Ms(now - pending.us);
             json.removeMember("input");
-            it = m_pending.erase(it);
+            json.removeMember("arguments");
+            if (!all) KeepForLateAnswer(key, pending);
+            Record(json);
             if (!Shown(json)) continue;
             Count(json, "timeout");
             Emit(json);
         }
+    }
+
+    void KeepForLateAnswer(const std::pair<std::string, guint32>& key, const PendingCall& pending) {
+        if (m_late.size() >= kMaxLateCalls) {
+            auto oldest = std::min_element(m_late.begin(), m_late.end(), [](const auto& a, const auto& b) {
+                return a.second.us < b.second.us;
+            });
+            m_late.erase(oldest);
+        }
+        m_late[key] = pending;
     }
 
     bool Shown(const Json::Value& event) const {
@@ -655,6 +783,7 @@ private:
     gint64 m_startRealUs = 0;
     std::ofstream m_record;
     std::map<std::pair<std::string, guint32>, PendingCall> m_pending;  // by (caller, serial)
+    std::map<std::pair<std::string, guint32>, PendingCall> m_late;     // timed out, an answer may still come
     std::map<std::string, std::string> m_names;                        // unique name -> process
     std::map<std::string, guint32> m_pids;                             // unique name -> pid
     std::map<std::string, SubjectStats> m_subjects;
