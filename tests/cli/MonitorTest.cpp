@@ -885,7 +885,7 @@ TEST_F(MonitorTest, SignalsNameTheirSenderAndThoseNotFromTheServicesOwnerSaySo) 
 
     size_t marked = 0, unmarked = 0;
     for (const std::string& line : TextLines(StopMonitor(text))) {
-        if (line.find("Test/Notified {") == std::string::npos && line.find(" hello ") == std::string::npos &&
+        if (line.find(" signal ") == std::string::npos && line.find(" hello ") == std::string::npos &&
             line.find(" bye ") == std::string::npos)
             continue;
         bool forged = line.find(OwnName() + " ") != std::string::npos;

@@ -10,6 +10,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -35,6 +37,12 @@ using Args = std::vector<std::string>;
 constexpr gint64 kCallTimeoutUs = 25 * G_USEC_PER_SEC;
 // Timed-out calls kept for a late answer, the oldest dropped first beyond it.
 constexpr size_t kMaxLateCalls = 4096;
+// How long an event waits for the bus daemon's word on whom it concerns.
+constexpr std::chrono::milliseconds kIdentityWait{1000};
+constexpr const char* kBusDaemon = "org.freedesktop.DBus";
+constexpr const char* kBusDaemonPath = "/org/freedesktop/DBus";
+// What could not be learnt of a process.
+constexpr const char* kUnknown = "unknown";
 constexpr const char* kTimelineFormat = "lumora-timeline";
 constexpr int kTimelineVersion = 1;
 
@@ -109,13 +117,140 @@ std::string SignatureOf(GDBusMessage* message) { return Text(g_dbus_message_get_
 
 bool IsEmptyBody(GVariant* body) { return body == nullptr || g_variant_n_children(body) == 0; }
 
-std::string ProcessName(int pid) {
-    if (pid <= 0) return "";
+std::string ProcessName(guint32 pid) {
+    if (pid == 0) return "";
     std::ifstream comm("/proc/" + std::to_string(pid) + "/comm");
     std::string name;
     std::getline(comm, name);
     return name;
 }
+
+// The process behind a connection, as far as it could be learnt.
+struct Identity {
+    guint32 pid = 0;      // 0: not known
+    std::string process;  // empty: not known
+};
+
+// The processes behind the connections that the monitor sees, by unique
+// name. A name is looked up the moment its first message reaches the
+// monitor, on GDBus's worker thread: the main loop may be far behind (a
+// slow terminal, a long answer), and a client that makes one call and exits
+// is gone by the time the loop shows its call. The bus daemon answers for a
+// connection as long as it is on the bus, and /proc for a process until it
+// is reaped; the request tuple's pid is read at first sight too, in case
+// the process is gone before the daemon's answer comes. What is learnt is
+// kept until the connection leaves the bus.
+class Identities {
+public:
+    ~Identities() { Detach(); }
+
+    // lookup: a connection of the monitor's own, still an ordinary client.
+    void Attach(GDBusConnection* lookup) {
+        m_lookup = lookup;
+        m_filter = g_dbus_connection_add_filter(lookup, &Identities::Filter, this, nullptr);
+    }
+
+    void Detach() {
+        if (m_lookup != nullptr) g_dbus_connection_remove_filter(m_lookup, m_filter);
+        m_lookup = nullptr;
+    }
+
+    // name seen for the first time (any thread); claimedPid: the pid of its
+    // request tuple, 0 when it sent none.
+    void Notice(const char* name, gint32 claimedPid) {
+        if (name == nullptr || name[0] != ':' || m_lookup == nullptr) return;
+        std::lock_guard<std::mutex> lock(m_mutex);
+        auto [entry, added] = m_entries.try_emplace(name);
+        if (!added) return;
+        if (claimedPid > 0) {
+            entry->second.claimedPid = static_cast<guint32>(claimedPid);
+            entry->second.claimedProcess = ProcessName(entry->second.claimedPid);
+        }
+        GDBusMessage* ask =
+            g_dbus_message_new_method_call(kBusDaemon, kBusDaemonPath, kBusDaemon, "GetConnectionCredentials");
+        g_dbus_message_set_body(ask, g_variant_new("(s)", name));
+        guint32 serial = 0;
+        // Sent without waiting: its answer is taken by Filter, on the worker thread.
+        if (g_dbus_connection_send_message(m_lookup, ask, G_DBUS_SEND_MESSAGE_FLAGS_NONE, &serial, nullptr)) {
+            m_requests[serial] = name;
+        } else {
+            entry->second.done = true;
+        }
+        g_object_unref(ask);
+    }
+
+    // What was learnt of name; waits for a look-up still under way.
+    Identity Get(const std::string& name) {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_changed.wait_for(lock, kIdentityWait, [&] {
+            auto it = m_entries.find(name);
+            return it == m_entries.end() || it->second.done;
+        });
+        auto it = m_entries.find(name);
+        return it != m_entries.end() ? it->second.identity : Identity{};
+    }
+
+    // The connection left the bus; unique names are never given again.
+    void Forget(const std::string& name) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_entries.erase(name);
+    }
+
+private:
+    struct Entry {
+        bool done = false;
+        Identity identity;
+        guint32 claimedPid = 0;
+        std::string claimedProcess;  // read at first sight
+    };
+
+    static GDBusMessage* Filter(GDBusConnection*, GDBusMessage* message, gboolean incoming, gpointer data) {
+        if (!incoming) return message;
+        GDBusMessageType kind = g_dbus_message_get_message_type(message);
+        if (kind != G_DBUS_MESSAGE_TYPE_METHOD_RETURN && kind != G_DBUS_MESSAGE_TYPE_ERROR) return message;
+        auto* self = static_cast<Identities*>(data);
+        std::string name;
+        {
+            std::lock_guard<std::mutex> lock(self->m_mutex);
+            auto request = self->m_requests.find(g_dbus_message_get_reply_serial(message));
+            if (request == self->m_requests.end()) return message;  // an answer to a call of the monitor's own
+            name = request->second;
+            self->m_requests.erase(request);
+        }
+        self->Resolved(name, message);
+        g_object_unref(message);
+        return nullptr;
+    }
+
+    void Resolved(const std::string& name, GDBusMessage* reply) {
+        guint32 pid = 0;
+        GVariant* body = g_dbus_message_get_body(reply);
+        if (g_dbus_message_get_message_type(reply) == G_DBUS_MESSAGE_TYPE_METHOD_RETURN && body != nullptr &&
+            g_variant_is_of_type(body, G_VARIANT_TYPE("(a{sv})"))) {
+            GVariant* credentials = g_variant_get_child_value(body, 0);
+            g_variant_lookup(credentials, "ProcessID", "u", &pid);
+            g_variant_unref(credentials);
+        }
+        std::string process = ProcessName(pid);
+        std::lock_guard<std::mutex> lock(m_mutex);
+        auto it = m_entries.find(name);
+        if (it == m_entries.end()) return;  // it left meanwhile
+        Entry& entry = it->second;
+        // Gone from /proc already: the name read at first sight is its own
+        // when the bus daemon names the same pid.
+        if (process.empty() && pid != 0 && pid == entry.claimedPid) process = entry.claimedProcess;
+        entry.identity = {pid, process};
+        entry.done = true;
+        m_changed.notify_all();
+    }
+
+    GDBusConnection* m_lookup = nullptr;
+    guint m_filter = 0;
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::map<std::string, Entry> m_entries;     // by unique name
+    std::map<guint32, std::string> m_requests;  // serial of a look-up -> the name it asks about
+};
 
 // The JSON value of a GVariant of the statistics payloads and others: arrays
 // as arrays, tuples as arrays, numbers, strings and booleans as themselves.
@@ -214,7 +349,11 @@ public:
             g_dbus_connection_close_sync(m_connection, nullptr, nullptr);
             g_object_unref(m_connection);
         }
-        if (m_lookup != nullptr) g_object_unref(m_lookup);
+        if (m_lookup != nullptr) {
+            g_dbus_connection_close_sync(m_lookup, nullptr, nullptr);
+            m_identities.Detach();
+            g_object_unref(m_lookup);
+        }
     }
 
     int Run(GMainLoop* loop) {
@@ -255,6 +394,8 @@ private:
             if (error != nullptr) g_error_free(error);
             return false;
         }
+        m_identities.Attach(m_lookup);
+        m_serviceOwner = NameOwner(contract::kBusName);
         g_dbus_connection_add_filter(m_connection, &Monitor::Filter, this, nullptr);
         std::string calls = std::string("type='method_call',destination='") + contract::kBusName + "'";
         std::string returns = std::string("type='method_return',sender='") + contract::kBusName + "'";
@@ -263,8 +404,12 @@ private:
         std::string busErrors = "type='error',sender='org.freedesktop.DBus'";
         std::string signals =
             std::string("type='signal',interface='") + contract::kInterface + "',path='" + contract::kObjectPath + "'";
-        const gchar* rules[] = {calls.c_str(),     returns.c_str(), errors.c_str(),
-                                busErrors.c_str(), signals.c_str(), nullptr};
+        // Who owns the service's name (a signal from anyone else is not the
+        // service's), and which connections left the bus.
+        std::string owners = std::string("type='signal',sender='") + kBusDaemon + "',interface='" + kBusDaemon +
+                             "',member='NameOwnerChanged'";
+        const gchar* rules[] = {calls.c_str(),   returns.c_str(), errors.c_str(), busErrors.c_str(),
+                                signals.c_str(), owners.c_str(),  nullptr};
         GDBusMessage* become = g_dbus_message_new_method_call("org.freedesktop.DBus", "/org/freedesktop/DBus",
                                                               "org.freedesktop.DBus.Monitoring", "BecomeMonitor");
         g_dbus_message_set_body(become, g_variant_new("(^asu)", rules, 0u));
@@ -292,6 +437,45 @@ private:
         return true;
     }
 
+    // The unique name of name's owner, "" when it has none (asked once, before
+    // monitoring starts; NameOwnerChanged tells the rest).
+    std::string NameOwner(const char* name) {
+        GVariant* reply = g_dbus_connection_call_sync(m_lookup, kBusDaemon, kBusDaemonPath, kBusDaemon, "GetNameOwner",
+                                                      g_variant_new("(s)", name), G_VARIANT_TYPE("(s)"),
+                                                      G_DBUS_CALL_FLAGS_NONE, 1000, nullptr, nullptr);
+        if (reply == nullptr) return "";
+        const gchar* owner = nullptr;
+        g_variant_get(reply, "(&s)", &owner);
+        std::string text = owner;
+        g_variant_unref(reply);
+        return text;
+    }
+
+    // The connections a message concerns, looked up at once (see Identities).
+    void NoticeParties(GDBusMessage* message) {
+        const char* sender = g_dbus_message_get_sender(message);
+        switch (g_dbus_message_get_message_type(message)) {
+            case G_DBUS_MESSAGE_TYPE_METHOD_CALL: {
+                gint32 claimedPid = 0;
+                GVariant* body = g_dbus_message_get_body(message);
+                if (body != nullptr && g_variant_is_of_type(body, G_VARIANT_TYPE(contract::kRequestTuple))) {
+                    GVariant* pid = g_variant_get_child_value(body, 0);
+                    claimedPid = g_variant_get_int32(pid);
+                    g_variant_unref(pid);
+                }
+                m_identities.Notice(sender, claimedPid);
+                break;
+            }
+            case G_DBUS_MESSAGE_TYPE_SIGNAL:
+                if (g_strcmp0(sender, kBusDaemon) == 0) break;
+                m_identities.Notice(sender, 0);
+                m_identities.Notice(g_dbus_message_get_destination(message), 0);
+                break;
+            default:
+                break;
+        }
+    }
+
     // GDBus's worker thread: every message the bus copies to the monitor.
     // Taken away from GDBus (a monitor must never answer) and handed to the
     // main loop, in order.
@@ -308,7 +492,9 @@ private:
             }
             return message;
         }
-        auto* seen = new Seen{g_get_monotonic_time(), message};  // takes the filter's reference
+        gint64 us = g_get_monotonic_time();
+        self->NoticeParties(message);
+        auto* seen = new Seen{us, message};  // takes the filter's reference
         auto* pair = new std::pair<Monitor*, Seen*>(self, seen);
         lumora::internal::HandOffSend(pair);  // the main context's lock orders it; Handle receives it
         g_main_context_invoke_full(nullptr, G_PRIORITY_DEFAULT, &Monitor::Handle, pair, nullptr);
@@ -357,17 +543,6 @@ private:
         json["t_ms"] = Ms(us - m_startUs);
         json["event"] = event;
         return json;
-    }
-
-    void Undecodable(gint64 us, GDBusMessage* message) {
-        Json::Value json = Base(us, "undecodable");
-        const char* member = g_dbus_message_get_member(message);
-        const char* signature = g_dbus_message_get_signature(message);
-        json["member"] = member != nullptr ? member : "";
-        json["signature"] = signature != nullptr ? signature : "";
-        const char* sender = g_dbus_message_get_sender(message);
-        json["sender"] = sender != nullptr ? sender : "";
-        Emit(json);
     }
 
     // The call's type and fields from its member, interface and body: a call
@@ -421,18 +596,13 @@ private:
         call["serial"] = g_dbus_message_get_serial(message);
         bool noReply = (g_dbus_message_get_flags(message) & G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED) != 0;
         if (noReply) call["no_reply"] = true;
-        gint32 pid = 0;  // none in a ServiceEnable
-        call["type"] = Decode(message, call, pid);
-        // The tuple's pid is the caller's word; when it names no process, the
-        // bus's credentials of the caller.
-        std::string name = ProcessName(pid);
-        if (name.empty()) {
-            pid = static_cast<int>(CallerPid(sender));
-            name = ProcessName(pid);
-        }
-        call["pid"] = pid;
-        call["process"] = name;
-        if (!name.empty()) m_names[sender] = name;
+        gint32 tuplePid = 0;  // none in a ServiceEnable
+        call["type"] = Decode(message, call, tuplePid);
+        // The caller is who the bus daemon says it is; the tuple's pid is
+        // only its word, shown when it says another.
+        Identity caller = m_identities.Get(sender);
+        SetParty(call, "pid", "process", caller);
+        if (tuplePid != 0 && static_cast<guint32>(tuplePid) != caller.pid) call["request_pid"] = tuplePid;
         // Every call is matched with its answer, the ones whose caller asked
         // for none too: a service may answer them all the same.
         m_pending[{sender, g_dbus_message_get_serial(message)}] = {us, call, noReply};
@@ -456,7 +626,8 @@ private:
             return true;
         }
         if (type == "read" || type == "subscribe" || type == "unsubscribe") {
-            if (body == nullptr || !g_variant_is_of_type(body, G_VARIANT_TYPE(contract::kRequestSyncReply))) return false;
+            if (body == nullptr || !g_variant_is_of_type(body, G_VARIANT_TYPE(contract::kRequestSyncReply)))
+                return false;
             gint32 code = 0;
             const gchar* text = nullptr;
             g_variant_get(body, "(i&s)", &code, &text);
@@ -537,7 +708,8 @@ private:
             answer["event"] = "error";
             answer["error"] = Text(g_dbus_message_get_error_name(message));
             const gchar* text = nullptr;
-            if (body != nullptr && g_variant_is_of_type(body, G_VARIANT_TYPE("(s)"))) g_variant_get(body, "(&s)", &text);
+            if (body != nullptr && g_variant_is_of_type(body, G_VARIANT_TYPE("(s)")))
+                g_variant_get(body, "(&s)", &text);
             answer["message"] = Text(text);
         } else if (type == kUndecodable) {
             answer["reply_signature"] = SignatureOf(message);
@@ -552,52 +724,73 @@ private:
         Emit(answer);
     }
 
-    void TakeSignal(gint64 us, GDBusMessage* message) {
-        // The bus's own word to the monitor (it lost its names), not a copy.
-        if (g_strcmp0(g_dbus_message_get_sender(message), "org.freedesktop.DBus") == 0) return;
+    // The bus daemon's word: the service's name changed hands, or a
+    // connection left the bus.
+    void TakeOwnerChange(GDBusMessage* message) {
         GVariant* body = g_dbus_message_get_body(message);
+        if (g_strcmp0(g_dbus_message_get_member(message), "NameOwnerChanged") != 0 || body == nullptr ||
+            !g_variant_is_of_type(body, G_VARIANT_TYPE("(sss)"))) {
+            return;  // its word to the monitor itself (NameLost...), not a copy
+        }
+        const gchar *name = nullptr, *newOwner = nullptr;
+        g_variant_get(body, "(&s&s&s)", &name, nullptr, &newOwner);
+        if (strcmp(name, contract::kBusName) == 0) m_serviceOwner = newOwner;
+        if (name[0] == ':' && newOwner[0] == '\0') {
+            // Everything it sent was shown before this, in the bus's order.
+            m_identities.Forget(name);
+            for (auto it = m_late.begin(); it != m_late.end();)
+                it = it->first.first == name ? m_late.erase(it) : std::next(it);
+        }
+    }
+
+    void TakeSignal(gint64 us, GDBusMessage* message) {
+        std::string sender = Text(g_dbus_message_get_sender(message));
+        if (sender == kBusDaemon) return TakeOwnerChange(message);
+        GVariant* body = g_dbus_message_get_body(message);
+        Json::Value json;
+        std::string subject;
         if (g_strcmp0(g_dbus_message_get_member(message), contract::kSignalResponse) != 0 || body == nullptr ||
             !g_variant_is_of_type(body, G_VARIANT_TYPE(contract::kResponseSignal))) {
-            return Undecodable(us, message);
-        }
-        const gchar *subject = nullptr, *data = nullptr;
-        g_variant_get(body, "(i&s&s)", nullptr, &subject, &data);
-        Json::Value json;
-        if (strcmp(subject, contract::kHello) == 0) {
-            json = Base(us, "hello");
-            json["data"] = DataJson(data);
-        } else if (strcmp(subject, contract::kBye) == 0) {
-            json = Base(us, "bye");
+            json = Base(us, kUndecodable);
+            json["member"] = Text(g_dbus_message_get_member(message));
+            json["signature"] = SignatureOf(message);
         } else {
-            json = Base(us, "signal");
-            json["subject"] = subject;
-            json["data"] = DataJson(data);
-            json["text"] = data;
+            const gchar *text = nullptr, *data = nullptr;
+            g_variant_get(body, "(i&s&s)", nullptr, &text, &data);
+            subject = text;
+            if (subject == contract::kHello) {
+                json = Base(us, "hello");
+                json["data"] = DataJson(data);
+            } else if (subject == contract::kBye) {
+                json = Base(us, "bye");
+            } else {
+                json = Base(us, "signal");
+                json["subject"] = subject;
+                json["data"] = DataJson(data);
+                json["text"] = data;
+            }
         }
+        // Anyone may send a signal with the service's interface and path; it
+        // is the service's only when its sender owns the service's name.
+        json["sender"] = sender;
+        SetParty(json, "sender_pid", "sender_process", m_identities.Get(sender));
+        bool fromService = !m_serviceOwner.empty() && sender == m_serviceOwner;
+        json["from_service"] = fromService;
         const char* destination = g_dbus_message_get_destination(message);
         json["destination"] = destination != nullptr ? Json::Value(destination) : Json::Value();
-        if (destination != nullptr && m_names.count(destination) != 0) json["process"] = m_names[destination];
-        Record(json);
+        if (destination != nullptr) SetParty(json, "pid", "process", m_identities.Get(destination));
+        // A replay plays the timeline as the service: what others sent is
+        // not the service's to play.
+        if (fromService) Record(json);
         if (!Shown(json)) return;
         if (json["event"] == "signal") ++m_subjects[subject].signals;
         Emit(json);
     }
 
-    // The caller's pid as the bus daemon knows it (cached per connection).
-    guint32 CallerPid(const std::string& sender) {
-        auto cached = m_pids.find(sender);
-        if (cached != m_pids.end()) return cached->second;
-        GVariant* reply = g_dbus_connection_call_sync(m_lookup, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                                      "org.freedesktop.DBus", "GetConnectionUnixProcessID",
-                                                      g_variant_new("(s)", sender.c_str()), G_VARIANT_TYPE("(u)"),
-                                                      G_DBUS_CALL_FLAGS_NONE, 1000, nullptr, nullptr);
-        guint32 pid = 0;
-        if (reply != nullptr) {
-            g_variant_get(reply, "(u)", &pid);
-            g_variant_unref(reply);
-        }
-        m_pids[sender] = pid;
-        return pid;
+    // A process's fields: null pid and "unknown" for what could not be learnt.
+    static void SetParty(Json::Value& event, const char* pidKey, const char* processKey, const Identity& identity) {
+        event[pidKey] = identity.pid != 0 ? Json::Value(identity.pid) : Json::Value();
+        event[processKey] = identity.process.empty() ? kUnknown : identity.process;
     }
 
     // Calls without an answer after 25 s are reported as time-outs and kept
@@ -633,9 +826,8 @@ private:
 
     void KeepForLateAnswer(const std::pair<std::string, guint32>& key, const PendingCall& pending) {
         if (m_late.size() >= kMaxLateCalls) {
-            auto oldest = std::min_element(m_late.begin(), m_late.end(), [](const auto& a, const auto& b) {
-                return a.second.us < b.second.us;
-            });
+            auto oldest = std::min_element(m_late.begin(), m_late.end(),
+                                           [](const auto& a, const auto& b) { return a.second.us < b.second.us; });
             m_late.erase(oldest);
         }
         m_late[key] = pending;
@@ -654,9 +846,15 @@ private:
             return false;
         }
         if (!m_options.processes.empty()) {
-            if (!event.isMember("process")) return event["event"] == "hello" || event["event"] == "bye";
-            return std::find(m_options.processes.begin(), m_options.processes.end(), TextOf(event, "process")) !=
-                   m_options.processes.end();
+            // The process of the call (its caller), of the signal (its
+            // receiver and its sender).
+            auto named = [&](const char* key) {
+                return event.isMember(key) && std::find(m_options.processes.begin(), m_options.processes.end(),
+                                                        TextOf(event, key)) != m_options.processes.end();
+            };
+            if (named("process") || named("sender_process")) return true;
+            // The service's word to all its clients.
+            return (event["event"] == "hello" || event["event"] == "bye") && BoolOf(event, "from_service");
         }
         return true;
     }
@@ -775,7 +973,7 @@ private:
     MonitorOptions m_options;
     GMainLoop* m_loop = nullptr;
     GDBusConnection* m_connection = nullptr;
-    GDBusConnection* m_lookup = nullptr;  // for the bus's credentials of callers
+    GDBusConnection* m_lookup = nullptr;  // for the bus's credentials of the connections seen
     guint m_timeoutSource = 0;
     std::atomic<bool> m_monitoring{false};
     std::atomic<guint32> m_becomeSerial{0};
@@ -784,8 +982,8 @@ private:
     std::ofstream m_record;
     std::map<std::pair<std::string, guint32>, PendingCall> m_pending;  // by (caller, serial)
     std::map<std::pair<std::string, guint32>, PendingCall> m_late;     // timed out, an answer may still come
-    std::map<std::string, std::string> m_names;                        // unique name -> process
-    std::map<std::string, guint32> m_pids;                             // unique name -> pid
+    Identities m_identities;
+    std::string m_serviceOwner;  // the unique name that owns the service's name, "" when none
     std::map<std::string, SubjectStats> m_subjects;
     std::map<std::string, std::map<std::string, unsigned>> m_processes;
 };
