@@ -108,7 +108,7 @@ constexpr const char* kServiceName = "org.verdin.tv.lumora2";
 constexpr const char* kServicePath = "/org/verdin/tv/lumora2";
 constexpr const char* kServiceInterface = "org.verdin.tv.lumora.interface2";
 // Every name "type" may take, as the README lists them.
-const std::set<std::string> kTypeNames = {"read",       "write", "request", "subscribe",  "unsubscribe", "enable",
+const std::set<std::string> kTypeNames = {"read",       "write", "request",    "subscribe",  "unsubscribe", "enable",
                                           "introspect", "ping",  "machine-id", "properties", "undecodable"};
 
 // lumora monitor on a pseudo-terminal of a given width, as a developer runs
@@ -259,8 +259,8 @@ protected:
     void Sentinel(TerminalMonitor& monitor) {
         std::string subject = "Test/Sentinel/" + std::to_string(++m_sentinels);
         ASSERT_TRUE(RawRequest("RequestSync", 1, 9000 + m_sentinels, subject).Ok());
-        ASSERT_TRUE(monitor.ReadUntil([&](const std::string& text) { return Occurrences(text, subject) >= 2; },
-                                      kWaitMs))
+        ASSERT_TRUE(
+            monitor.ReadUntil([&](const std::string& text) { return Occurrences(text, subject) >= 2; }, kWaitMs))
             << monitor.Text();
     }
     int m_sentinels = 0;
@@ -525,8 +525,8 @@ TEST_F(MonitorTest, AMethodAndRequestTypeTheContractDoesNotPairAreUndecodableWit
     ChildProcess monitor;
     StartMonitor(monitor, {"--json"});
     const std::vector<std::pair<std::string, int>> pairs = {
-        {"RequestSync", 2}, {"RequestSync", 5}, {"RequestSync", 7}, {"RequestAsync", 1},
-        {"RequestAsync", 3}, {"Write", 1},      {"Write", 7},       {"RequestSync", 0},
+        {"RequestSync", 2},  {"RequestSync", 5}, {"RequestSync", 7}, {"RequestAsync", 1},
+        {"RequestAsync", 3}, {"Write", 1},       {"Write", 7},       {"RequestSync", 0},
     };
     for (size_t i = 0; i < pairs.size(); ++i) {
         const auto& [member, type] = pairs[i];
@@ -570,7 +570,9 @@ TEST_F(MonitorTest, TextLinesNameUndecodableMembersAndEscapeControlCharacters) {
     StartMonitor(monitor, {});
     CallResult frobnicate = Raw("Frobnicate", g_variant_new("(iiiss)", 1, 1, 108, "X/Y", ""));
     EXPECT_FALSE(frobnicate.Ok());
-    const std::string subject = "Ctl/A\nB\x1b[2JC\aD\rE\x7f" "F\x01G";
+    const std::string subject =
+        "Ctl/A\nB\x1b[2JC\aD\rE\x7f"
+        "F\x01G";
     ASSERT_TRUE(RawRequest("RequestSync", 1, 5, subject, "in\tput\x1b]0;title\a").Ok());
     Sentinel(monitor);
     std::string out = StopMonitor(monitor);
@@ -580,12 +582,14 @@ TEST_F(MonitorTest, TextLinesNameUndecodableMembersAndEscapeControlCharacters) {
                                                            << out;
     }
     std::vector<std::string> lines = TextLines(out);
-    size_t undecodable = 0, escaped = 0;
+    size_t undecodable = 0, refused = 0, escaped = 0;
     for (const std::string& line : lines) {
-        if (line.find("undecodable") != std::string::npos && line.find("Frobnicate") != std::string::npos &&
-            line.find("iiiss") != std::string::npos)
-            ++undecodable;
-        if (line.find("Ctl/A\\nB\\x1b[2JC\\x07D\\rE\\x7f" "F\\x01G") != std::string::npos) {
+        if (line.find(" undecodable Frobnicate(iiiss) ") != std::string::npos) {
+            // The call, and the error answer to it.
+            ++(line.find("org.freedesktop.DBus.Error.UnknownMethod") != std::string::npos ? refused : undecodable);
+        }
+        if (line.find("Ctl/A\\nB\\x1b[2JC\\x07D\\rE\\x7f"
+                      "F\\x01G") != std::string::npos) {
             ++escaped;
             if (line.find(" call ") != std::string::npos) {
                 EXPECT_NE(std::string::npos, line.find("in\\tput\\x1b]0;title\\x07")) << line;
@@ -593,6 +597,7 @@ TEST_F(MonitorTest, TextLinesNameUndecodableMembersAndEscapeControlCharacters) {
         }
     }
     EXPECT_EQ(1u, undecodable) << out;
+    EXPECT_EQ(1u, refused) << out;
     EXPECT_EQ(2u, escaped) << "the call and its answer, one line each:\n" << out;
 }
 
@@ -602,8 +607,8 @@ TEST_F(MonitorTest, OnAnEightyColumnTerminalOnlyTheDataIsCut) {
     TerminalMonitor narrow, wide;
     for (auto [monitor, columns] : {std::pair{&narrow, 80}, std::pair{&wide, 120}}) {
         ASSERT_TRUE(monitor->Start({}, static_cast<unsigned short>(columns)));
-        ASSERT_TRUE(monitor->ReadUntil(
-            [](const std::string& text) { return text.find("lumora: monitoring") == 0; }, kWaitMs))
+        ASSERT_TRUE(
+            monitor->ReadUntil([](const std::string& text) { return text.find("lumora: monitoring") == 0; }, kWaitMs))
             << monitor->Text();
     }
     const std::string input = "{\"Detail\":\"" + std::string(200, 'i') + "\"}";
@@ -732,8 +737,9 @@ TEST_F(MonitorTest, WhatCannotBeLearntOfAGoneCallerIsShownAsUnknown) {
 
     std::vector<Json::Value> lines = JsonLines(StopMonitor(json));
     auto gone = Events(lines, "call");
-    gone.erase(std::remove_if(gone.begin(), gone.end(), [&](const Json::Value& call) { return call["sender"] == OwnName(); }),
-               gone.end());
+    gone.erase(
+        std::remove_if(gone.begin(), gone.end(), [&](const Json::Value& call) { return call["sender"] == OwnName(); }),
+        gone.end());
     ASSERT_EQ(2u, gone.size()) << json.Out();
     EXPECT_EQ("enable", gone[0]["type"].asString());
     for (const Json::Value& call : gone) {
@@ -782,8 +788,7 @@ TEST_F(MonitorTest, AnAnswerAfterTheTwentyFiveSecondTimeoutIsStillShownAsLate) {
     ASSERT_TRUE(Control(sim::kCtlStopAnswering));
     CallResult late;
     std::thread caller([&] { late = RawRequest("RequestSync", 1, 77, "Ctx/App/Info/Current", "", 60000); });
-    bool timedOut =
-        WaitUntil([&] { return monitor.Out().find("\"event\":\"timeout\"") != std::string::npos; }, 30000);
+    bool timedOut = WaitUntil([&] { return monitor.Out().find("\"event\":\"timeout\"") != std::string::npos; }, 30000);
     EXPECT_TRUE(Control(sim::kCtlResumeAnswering));
     caller.join();
     ASSERT_TRUE(timedOut) << monitor.Out();
@@ -815,9 +820,11 @@ TEST_F(MonitorTest, IntrospectionPingAndPropertiesOfTheServiceObjectAreNamedAsWh
     std::vector<Json::Value> lines = JsonLines(StopMonitor(monitor));
 
     EXPECT_TRUE(Events(lines, "undecodable").empty()) << monitor.Out();
-    const std::vector<std::pair<std::string, std::string>> expected = {
-        {"introspect", "answer"}, {"ping", "answer"}, {"machine-id", "answer"}, {"properties", "answer"},
-        {"properties", "error"}};
+    const std::vector<std::pair<std::string, std::string>> expected = {{"introspect", "answer"},
+                                                                       {"ping", "answer"},
+                                                                       {"machine-id", "answer"},
+                                                                       {"properties", "answer"},
+                                                                       {"properties", "error"}};
     std::vector<Json::Value> calls = With(Events(lines, "call"), "sender", OwnName());
     ASSERT_EQ(expected.size() + 1, calls.size()) << "and the sentinel\n" << monitor.Out();
     for (size_t i = 0; i < expected.size(); ++i) {

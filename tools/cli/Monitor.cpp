@@ -340,6 +340,129 @@ double Percentile(std::vector<double> values, double p) {
     return values[std::min(index, values.size() - 1)];
 }
 
+// Text from the bus for a terminal, one event one line: the C0 controls and
+// DEL as \n, \r, \t or \xHH, the C1 controls as \u0080 to \u009f, and the
+// backslash doubled, so that an escape cannot be passed off in the text
+// itself. D-Bus strings are valid UTF-8 and hold no NUL.
+std::string Escape(const std::string& text) {
+    std::string out;
+    out.reserve(text.size());
+    char hex[8];
+    for (size_t i = 0; i < text.size(); ++i) {
+        auto c = static_cast<unsigned char>(text[i]);
+        if (c == '\\') {
+            out += "\\\\";
+        } else if (c == '\n') {
+            out += "\\n";
+        } else if (c == '\r') {
+            out += "\\r";
+        } else if (c == '\t') {
+            out += "\\t";
+        } else if (c < 0x20 || c == 0x7f) {
+            snprintf(hex, sizeof hex, "\\x%02x", c);
+            out += hex;
+        } else if (c == 0xc2 && i + 1 < text.size() && static_cast<unsigned char>(text[i + 1]) < 0xa0 &&
+                   static_cast<unsigned char>(text[i + 1]) >= 0x80) {
+            snprintf(hex, sizeof hex, "\\u%04x", static_cast<unsigned char>(text[++i]));
+            out += hex;
+        } else {
+            out += static_cast<char>(c);
+        }
+    }
+    return out;
+}
+
+// Compact JSON as a terminal may show it: jsoncpp escapes the C0 controls in
+// strings, not DEL nor the C1 controls, which can only stand inside strings
+// and become \u escapes here.
+std::string JsonSafe(const std::string& json) {
+    std::string out;
+    out.reserve(json.size());
+    char hex[8];
+    for (size_t i = 0; i < json.size(); ++i) {
+        auto c = static_cast<unsigned char>(json[i]);
+        if (c == 0x7f) {
+            out += "\\u007f";
+        } else if (c == 0xc2 && i + 1 < json.size() && static_cast<unsigned char>(json[i + 1]) >= 0x80 &&
+                   static_cast<unsigned char>(json[i + 1]) < 0xa0) {
+            snprintf(hex, sizeof hex, "\\u%04x", static_cast<unsigned char>(json[++i]));
+            out += hex;
+        } else {
+            out += static_cast<char>(c);
+        }
+    }
+    return out;
+}
+
+// The columns text takes on a terminal: wide characters two, combining
+// marks none.
+size_t Width(const std::string& text) {
+    size_t width = 0;
+    for (const char* p = text.c_str(); *p != '\0'; p = g_utf8_next_char(p)) {
+        gunichar c = g_utf8_get_char(p);
+        width += g_unichar_iszerowidth(c) ? 0 : g_unichar_iswide(c) ? 2 : 1;
+    }
+    return width;
+}
+
+// The longest start of text no wider than columns, cut between characters.
+std::string Prefix(const std::string& text, size_t columns) {
+    size_t width = 0;
+    const char* p = text.c_str();
+    for (; *p != '\0'; p = g_utf8_next_char(p)) {
+        gunichar c = g_utf8_get_char(p);
+        size_t w = g_unichar_iszerowidth(c) ? 0 : g_unichar_iswide(c) ? 2 : 1;
+        if (width + w > columns) break;
+        width += w;
+    }
+    return text.substr(0, static_cast<size_t>(p - text.c_str()));
+}
+
+struct Piece {
+    std::string text;
+    bool data = false;  // may be cut to fit
+};
+
+// One line of pieces no wider than columns (0: any width). Only the data
+// pieces give way, each ending in "..." when cut: the narrower ones keep
+// what they need, the wider ones share the rest evenly. When what is not
+// data is wider than the terminal by itself, the data is "..." and the line
+// is shown whole, to wrap: time, names, subject, code and latency are never
+// cut.
+std::string Fit(const std::vector<Piece>& pieces, size_t columns) {
+    std::string whole;
+    for (const Piece& piece : pieces) whole += piece.text;
+    if (columns == 0 || Width(whole) <= columns) return whole;
+    size_t fixed = 0;
+    std::vector<std::pair<size_t, size_t>> data;  // (width, index), narrowest first
+    for (size_t i = 0; i < pieces.size(); ++i) {
+        size_t width = Width(pieces[i].text);
+        if (pieces[i].data) {
+            data.emplace_back(width, i);
+        } else {
+            fixed += width;
+        }
+    }
+    std::sort(data.begin(), data.end());
+    std::vector<size_t> allowed(pieces.size(), 0);
+    size_t left = columns > fixed ? columns - fixed : 0;
+    for (size_t n = 0; n < data.size(); ++n) {
+        size_t share = left / (data.size() - n);
+        allowed[data[n].second] = std::min(data[n].first, share);
+        left -= allowed[data[n].second];
+    }
+    std::string line;
+    for (size_t i = 0; i < pieces.size(); ++i) {
+        const Piece& piece = pieces[i];
+        if (!piece.data || Width(piece.text) <= allowed[i]) {
+            line += piece.text;
+        } else {
+            line += Prefix(piece.text, allowed[i] > 3 ? allowed[i] - 3 : 0) + "...";
+        }
+    }
+    return line;
+}
+
 class Monitor {
 public:
     explicit Monitor(MonitorOptions options) : m_options(std::move(options)) {}
@@ -888,31 +1011,60 @@ private:
         Json::Value event = recorded;
         event.removeMember("text");
         if (m_options.json) {
-            PrintText(Compact(event));
+            PrintText(JsonSafe(Compact(event)));
             return;
         }
+        // Pieces of one line; the data ones give way on a narrow terminal.
+        std::vector<Piece> line;
+        auto add = [&](std::string text) { line.push_back({std::move(text), false}); };
+        auto addData = [&](const std::string& before, std::string text) {
+            add(before);
+            line.push_back({std::move(text), true});
+        };
         std::string what = TextOf(event, "event");
-        std::string line = TextOf(event, "time") + "  " + what;
-        line.resize(std::max<size_t>(line.size(), 26), ' ');
+        add(TextOf(event, "time") + " " + what + std::string(what.size() < 6 ? 6 - what.size() : 0, ' '));
         if (event.isMember("type")) {
             std::string type = TextOf(event, "type");
-            type.resize(std::max<size_t>(type.size(), 12), ' ');
-            line += type;
-            line += TextOf(event, "process") + "[" + std::to_string(IntOf(event, "pid")) + "]";
-            if (event.isMember("id")) line += " #" + std::to_string(IntOf(event, "id"));
+            if (type != what) add(" " + type);
+            if (type == kUndecodable)
+                add(" " + Escape(TextOf(event, "member")) + "(" + TextOf(event, "signature") + ")");
+            add(" " + Party(event, "process", "pid"));
+            if (event.isMember("request_type")) add(" type " + std::to_string(IntOf(event, "request_type")));
+            if (event.isMember("id")) add(" #" + std::to_string(IntOf(event, "id")));
+        } else if (event.isMember("member")) {  // a signal that is not the service's
+            add(" " + Escape(TextOf(event, "member")) + "(" + TextOf(event, "signature") + ")");
         }
-        if (event.isMember("subject")) line += " " + TextOf(event, "subject");
-        if (event.isMember("input") && !TextOf(event, "input").empty()) line += " " + TextOf(event, "input");
-        if (event.isMember("error")) line += " " + TextOf(event, "error") + " " + TextOf(event, "message");
-        if (event.isMember("code")) line += " -> " + std::to_string(IntOf(event, "code"));
-        if (event.isMember("enabled")) line += BoolOf(event, "enabled") ? " -> enabled" : " -> disabled";
-        if (event.isMember("data")) line += " " + Compact(event["data"]);
-        if (event.isMember("records")) line += " " + Compact(event["records"]);
-        if (event.isMember("process") && !event.isMember("type")) line += " -> " + TextOf(event, "process");
-        if (event.isMember("signature")) line += " signature " + TextOf(event, "signature");
-        if (event.isMember("latency_ms")) line += Millis(" (", NumberOf(event, "latency_ms"), " ms)");
-        if (event.isMember("waited_ms")) line += Millis(" (no answer after ", NumberOf(event, "waited_ms"), " ms)");
-        PrintText(Cut(line));
+        if (event.isMember("subject")) add(" " + Escape(TextOf(event, "subject")));
+        if (!TextOf(event, "input").empty()) addData(" ", Escape(TextOf(event, "input")));
+        if (event.isMember("arguments")) addData(" ", Escape(TextOf(event, "arguments")));
+        if (event.isMember("error")) {
+            add(" " + Escape(TextOf(event, "error")));
+            if (!TextOf(event, "message").empty()) addData(" ", Escape(TextOf(event, "message")));
+        }
+        if (event.isMember("code")) add(" -> " + std::to_string(IntOf(event, "code")));
+        if (event.isMember("enabled")) add(BoolOf(event, "enabled") ? " -> enabled" : " -> disabled");
+        if (event.isMember("bytes")) add(" -> " + std::to_string(IntOf(event, "bytes")) + " bytes");
+        if (event.isMember("reply")) addData(" -> ", Escape(TextOf(event, "reply")));
+        if (event.isMember("data")) addData(" ", JsonSafe(Compact(event["data"])));
+        if (event.isMember("records")) addData(" ", JsonSafe(Compact(event["records"])));
+        if (event.isMember("reply_signature")) add(" reply (" + TextOf(event, "reply_signature") + ")");
+        if (event.isMember("from_service")) {
+            if (event["destination"].isString()) add(" -> " + Party(event, "process", "pid"));
+            add(" from " + TextOf(event, "sender") + " " + Party(event, "sender_process", "sender_pid"));
+            if (!BoolOf(event, "from_service")) add(" (not from the service)");
+        }
+        if (BoolOf(event, "late")) add(" late");
+        if (event.isMember("latency_ms")) add(Millis(" (", NumberOf(event, "latency_ms"), " ms)"));
+        if (event.isMember("waited_ms")) add(Millis(" (no answer after ", NumberOf(event, "waited_ms"), " ms)"));
+        PrintText(Fit(line, TerminalColumns()));
+    }
+
+    // NAME[PID], NAME when the pid is not known (NAME is "unknown" when
+    // that is not known either).
+    static std::string Party(const Json::Value& event, const char* processKey, const char* pidKey) {
+        std::string party = Escape(TextOf(event, processKey));
+        if (!event[pidKey].isNull()) party += "[" + std::to_string(IntOf(event, pidKey)) + "]";
+        return party;
     }
 
     static std::string Millis(const char* before, double ms, const char* after) {
@@ -921,13 +1073,13 @@ private:
         return text;
     }
 
-    // A line no wider than the terminal, unless --full or not a terminal.
-    std::string Cut(const std::string& line) const {
-        if (m_options.full || !isatty(STDOUT_FILENO)) return line;
+    // The terminal's width when lines are fitted to it: not with --full, nor
+    // into a pipe or a file (0: no limit).
+    size_t TerminalColumns() const {
+        if (m_options.full || !isatty(STDOUT_FILENO)) return 0;
         winsize size{};
-        if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col < 20) return line;
-        if (line.size() <= size.ws_col) return line;
-        return line.substr(0, size.ws_col - 3) + "...";
+        if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col < 20) return 0;
+        return size.ws_col;
     }
 
     void PrintSummary() {
