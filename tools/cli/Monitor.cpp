@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cmath>
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
@@ -70,8 +71,9 @@ struct PendingCall {
 
 struct SubjectStats {
     std::map<std::string, unsigned> calls;  // by type
-    unsigned errors = 0;
-    std::vector<double> latenciesMs;
+    unsigned errors = 0;                    // answers with another code than 0, and all below
+    unsigned notCounted = 0;                // error and undecodable answers, time-outs: no latency
+    std::vector<double> latenciesMs;        // of the answers
     unsigned signals = 0;
 };
 
@@ -316,7 +318,9 @@ std::string Compact(const Json::Value& value) {
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "";
     builder["emitUTF8"] = true;
-    builder["precision"] = 6;
+    // As many significant digits as a double always keeps: the service's
+    // numbers as it wrote them, 0.1 as 0.1.
+    builder["precision"] = 15;
     return Json::writeString(builder, value);
 }
 
@@ -333,11 +337,58 @@ std::string Clock(gint64 realUs) {
 // Microseconds as milliseconds with three decimals.
 double Ms(gint64 us) { return static_cast<double>(us) / 1000.0; }
 
-double Percentile(std::vector<double> values, double p) {
-    if (values.empty()) return 0;
-    std::sort(values.begin(), values.end());
-    size_t index = static_cast<size_t>(p * static_cast<double>(values.size() - 1) + 0.5);
-    return values[std::min(index, values.size() - 1)];
+// The median of sorted values: the middle one, or the mean of the two
+// middle ones of an even count.
+double Median(const std::vector<double>& sorted) {
+    size_t n = sorted.size();
+    return n % 2 == 1 ? sorted[n / 2] : (sorted[n / 2 - 1] + sorted[n / 2]) / 2;
+}
+
+// The p-th percentile of sorted values by nearest rank: the smallest value
+// that at least p of them do not exceed.
+double NearestRank(const std::vector<double>& sorted, double p) {
+    auto rank = static_cast<size_t>(std::ceil(p * static_cast<double>(sorted.size())));
+    return sorted[std::min(std::max<size_t>(rank, 1), sorted.size()) - 1];
+}
+
+// An event or the summary as one line of JSON. The monitor's own figures,
+// the real numbers it makes (t_ms, latency_ms, waited_ms, seconds, the
+// percentiles, rates), are milliseconds or seconds with three decimals, never
+// in exponent form; what came from the bus ("data", "records") is written as
+// jsoncpp writes it.
+void AppendJson(const Json::Value& value, bool figures, std::string& out) {
+    if (value.isObject()) {
+        out += '{';
+        bool first = true;
+        for (const std::string& key : value.getMemberNames()) {
+            if (!first) out += ',';
+            first = false;
+            out += Compact(Json::Value(key));
+            out += ':';
+            AppendJson(value[key], figures && key != "data" && key != "records", out);
+        }
+        out += '}';
+    } else if (value.isArray()) {
+        out += '[';
+        for (Json::ArrayIndex i = 0; i < value.size(); ++i) {
+            if (i > 0) out += ',';
+            AppendJson(value[i], figures, out);
+        }
+        out += ']';
+    } else if (figures && value.type() == Json::realValue) {
+        double number = tools::JsonField(value).NumberOr(0);
+        char text[64];
+        snprintf(text, sizeof text, "%.3f", number);
+        out += std::isfinite(number) ? text : "null";
+    } else {
+        out += Compact(value);
+    }
+}
+
+std::string EventJson(const Json::Value& event) {
+    std::string line;
+    AppendJson(event, true, line);
+    return line;
 }
 
 // Text from the bus for a terminal, one event one line: the C0 controls and
@@ -483,6 +534,10 @@ public:
         m_loop = loop;
         m_startUs = g_get_monotonic_time();
         m_startRealUs = g_get_real_time();
+        if (!Connect()) return kFailed;
+        // Once the bus lets the monitor watch: a refusal leaves no file, and
+        // an earlier timeline of the same name as it was. What the bus sends
+        // meanwhile waits on the main loop.
         if (!m_options.record.empty()) {
             m_record.open(m_options.record, std::ios::out | std::ios::trunc);
             if (!m_record) return Fail("cannot write the timeline " + m_options.record + ": " + g_strerror(errno));
@@ -491,11 +546,16 @@ public:
             header["version"] = kTimelineVersion;
             m_record << Compact(header) << "\n" << std::flush;
         }
-        if (!Connect()) return kFailed;
         // On stderr, so that standard output holds the events alone.
         fprintf(stderr, "lumora: monitoring %s on %s\n", contract::kBusName, BusAddress().c_str());
         m_timeoutSource = g_timeout_add(500, &Monitor::CheckTimeouts, this);
-        if (m_options.durationSeconds > 0) g_timeout_add_seconds(m_options.durationSeconds, &Monitor::Quit, loop);
+        if (m_options.durationSeconds > 0) {
+            // To the millisecond from the start (g_timeout_add_seconds would
+            // round to a whole second of GLib's own).
+            gint64 leftMs =
+                m_options.durationSeconds * G_GINT64_CONSTANT(1000) - (g_get_monotonic_time() - m_startUs) / 1000;
+            g_timeout_add(static_cast<guint>(std::max<gint64>(leftMs, 0)), &Monitor::Quit, loop);
+        }
         g_main_loop_run(loop);
         ReportTimeouts(true);
         if (m_options.summary) PrintSummary();
@@ -548,8 +608,10 @@ private:
             if (error == nullptr) g_set_error_literal(&error, G_IO_ERROR, G_IO_ERROR_FAILED, "no answer");
             gchar* remote = g_dbus_error_get_remote_error(error);
             g_dbus_error_strip_remote_error(error);
+            // dbus-daemon lets root and the user it runs as monitor, whatever
+            // the bus's policy says.
             std::string why = remote != nullptr && strcmp(remote, "org.freedesktop.DBus.Error.AccessDenied") == 0
-                                  ? " (on a system bus only root may monitor; run it as root, or on a private bus)"
+                                  ? " (the bus daemon lets only root and its own user monitor)"
                                   : "";
             Fail(std::string("the bus refused monitoring: ") + error->message + why);
             g_free(remote);
@@ -993,7 +1055,10 @@ private:
             stats.latenciesMs.push_back(NumberOf(event, "latency_ms"));
             if (event.isMember("code") && IntOf(event, "code") != 0) ++stats.errors;
         } else {
-            ++stats.errors;  // an error answer, a time-out
+            // An error or undecodable answer, a time-out: in the errors, not
+            // in the latency figures.
+            ++stats.errors;
+            ++stats.notCounted;
         }
     }
 
@@ -1003,7 +1068,7 @@ private:
         if (!m_record.is_open()) return;
         Json::Value line = event;
         line.removeMember("time");
-        m_record << Compact(line) << "\n" << std::flush;
+        m_record << EventJson(line) << "\n" << std::flush;
     }
 
     void Emit(const Json::Value& recorded) {
@@ -1011,7 +1076,7 @@ private:
         Json::Value event = recorded;
         event.removeMember("text");
         if (m_options.json) {
-            PrintText(JsonSafe(Compact(event)));
+            PrintText(JsonSafe(EventJson(event)));
             return;
         }
         // Pieces of one line; the data ones give way on a narrow terminal.
@@ -1084,6 +1149,7 @@ private:
 
     void PrintSummary() {
         double seconds = static_cast<double>(g_get_monotonic_time() - m_startUs) / 1e6;
+        for (auto& [subject, stats] : m_subjects) std::sort(stats.latenciesMs.begin(), stats.latenciesMs.end());
         if (m_options.json) {
             Json::Value summary(Json::objectValue);
             summary["event"] = "summary";
@@ -1092,32 +1158,42 @@ private:
                 Json::Value& row = summary["subjects"][subject];
                 for (const auto& [type, n] : stats.calls) row["calls"][type] = n;
                 row["errors"] = stats.errors;
-                row["latency_ms"]["p50"] = Percentile(stats.latenciesMs, 0.5);
-                row["latency_ms"]["p95"] = Percentile(stats.latenciesMs, 0.95);
-                row["latency_ms"]["max"] = Percentile(stats.latenciesMs, 1.0);
+                Json::Value& latency = row["latency_ms"];
+                const std::vector<double>& ms = stats.latenciesMs;
+                latency["p50"] = ms.empty() ? Json::Value() : Json::Value(Median(ms));
+                latency["p95"] = ms.empty() ? Json::Value() : Json::Value(NearestRank(ms, 0.95));
+                latency["max"] = ms.empty() ? Json::Value() : Json::Value(ms.back());
+                latency["answers"] = static_cast<Json::UInt64>(ms.size());
+                latency["not_counted"] = stats.notCounted;
                 row["signals"] = stats.signals;
-                row["signals_per_s"] = seconds > 0 ? stats.signals / seconds : 0;
+                row["signals_per_s"] = seconds > 0 ? stats.signals / seconds : 0.0;
             }
             for (const auto& [process, calls] : m_processes)
                 for (const auto& [type, n] : calls) summary["processes"][process][type] = n;
-            PrintText(Compact(summary));
+            PrintText(JsonSafe(EventJson(summary)));
             return;
         }
-        printf("\n%-44s %-36s %6s %8s %8s %8s %9s\n", "subject", "calls", "errors", "p50 ms", "p95 ms", "max ms",
-               "signals/s");
+        printf("\n%-44s %-30s %6s  %-58s %9s\n", "subject", "calls", "errors", "latency in ms", "signals/s");
         for (const auto& [subject, stats] : m_subjects) {
             std::string calls;
             for (const auto& [type, n] : stats.calls)
                 calls += (calls.empty() ? "" : " ") + type + ":" + std::to_string(n);
-            printf("%-44s %-36s %6u %8.1f %8.1f %8.1f %9.2f\n", subject.c_str(), calls.empty() ? "-" : calls.c_str(),
-                   stats.errors, Percentile(stats.latenciesMs, 0.5), Percentile(stats.latenciesMs, 0.95),
-                   Percentile(stats.latenciesMs, 1.0), seconds > 0 ? stats.signals / seconds : 0.0);
+            const std::vector<double>& ms = stats.latenciesMs;
+            char latency[160];
+            int used = snprintf(latency, sizeof latency, "%zu answers, %u not counted", ms.size(), stats.notCounted);
+            if (!ms.empty() && used > 0 && static_cast<size_t>(used) < sizeof latency) {
+                snprintf(latency + used, sizeof latency - static_cast<size_t>(used), ": p50 %.1f p95 %.1f max %.1f",
+                         Median(ms), NearestRank(ms, 0.95), ms.back());
+            }
+            printf("%-44s %-30s %6u  %-58s %9.2f\n", Escape(subject).c_str(), calls.empty() ? "-" : calls.c_str(),
+                   stats.errors, latency, seconds > 0 ? stats.signals / seconds : 0.0);
         }
+        printf("(latency of the answers; error and undecodable answers and time-outs are errors, not counted in it)\n");
         printf("\n%-24s %s\n", "process", "calls");
         for (const auto& [process, calls] : m_processes) {
             std::string text;
             for (const auto& [type, n] : calls) text += (text.empty() ? "" : " ") + type + ":" + std::to_string(n);
-            printf("%-24s %s\n", process.empty() ? "(unknown)" : process.c_str(), text.c_str());
+            printf("%-24s %s\n", Escape(process).c_str(), text.c_str());
         }
         fflush(stdout);
     }
