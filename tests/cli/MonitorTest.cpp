@@ -566,8 +566,9 @@ TEST_F(MonitorTest, AMethodAndRequestTypeTheContractDoesNotPairAreUndecodableWit
 }
 
 TEST_F(MonitorTest, TextLinesNameUndecodableMembersAndEscapeControlCharacters) {
-    ChildProcess monitor;
+    ChildProcess monitor, json;
     StartMonitor(monitor, {});
+    StartMonitor(json, {"--json"});
     CallResult frobnicate = Raw("Frobnicate", g_variant_new("(iiiss)", 1, 1, 108, "X/Y", ""));
     EXPECT_FALSE(frobnicate.Ok());
     const std::string subject =
@@ -575,7 +576,14 @@ TEST_F(MonitorTest, TextLinesNameUndecodableMembersAndEscapeControlCharacters) {
         "F\x01G";
     ASSERT_TRUE(RawRequest("RequestSync", 1, 5, subject, "in\tput\x1b]0;title\a").Ok());
     Sentinel(monitor);
+    Sentinel(json);
     std::string out = StopMonitor(monitor);
+
+    // JSON escapes them its own way, and gives them back as they were.
+    auto calls = Events(JsonLines(StopMonitor(json)), "call", subject);
+    ASSERT_EQ(1u, calls.size()) << json.Out();
+    EXPECT_EQ("in\tput\x1b]0;title\a", calls[0]["input"].asString());
+    for (unsigned char c : json.Out()) EXPECT_FALSE((c < 0x20 && c != '\n') || c == 0x7f) << static_cast<int>(c);
 
     for (unsigned char c : out) {
         EXPECT_FALSE((c < 0x20 && c != '\n') || c == 0x7f) << "a control character " << static_cast<int>(c) << " in\n"

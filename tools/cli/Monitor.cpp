@@ -315,12 +315,15 @@ Json::Value DataJson(const std::string& data) {
 }
 
 std::string Compact(const Json::Value& value) {
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    builder["emitUTF8"] = true;
-    // As many significant digits as a double always keeps: the service's
-    // numbers as it wrote them, 0.1 as 0.1.
-    builder["precision"] = 15;
+    static const Json::StreamWriterBuilder builder = [] {
+        Json::StreamWriterBuilder settings;
+        settings["indentation"] = "";
+        settings["emitUTF8"] = true;
+        // As many significant digits as a double always keeps: the service's
+        // numbers as it wrote them, 0.1 as 0.1.
+        settings["precision"] = 15;
+        return settings;
+    }();
     return Json::writeString(builder, value);
 }
 
@@ -356,16 +359,58 @@ double NearestRank(const std::vector<double>& sorted, double p) {
 // percentiles, rates), are milliseconds or seconds with three decimals, never
 // in exponent form; what came from the bus ("data", "records") is written as
 // jsoncpp writes it.
+// text as a JSON string the way jsoncpp writes it with emitUTF8: UTF-8 as it
+// is; the quote, the backslash and the C0 controls escaped.
+void AppendQuoted(const std::string& text, std::string& out) {
+    out += '"';
+    for (char c : text) {
+        switch (c) {
+            case '"':
+                out += "\\\"";
+                break;
+            case '\\':
+                out += "\\\\";
+                break;
+            case '\b':
+                out += "\\b";
+                break;
+            case '\f':
+                out += "\\f";
+                break;
+            case '\n':
+                out += "\\n";
+                break;
+            case '\r':
+                out += "\\r";
+                break;
+            case '\t':
+                out += "\\t";
+                break;
+            default:
+                if (static_cast<unsigned char>(c) < 0x20) {
+                    char hex[8];
+                    snprintf(hex, sizeof hex, "\\u%04x", static_cast<unsigned char>(c));
+                    out += hex;
+                } else {
+                    out += c;
+                }
+        }
+    }
+    out += '"';
+}
+
 void AppendJson(const Json::Value& value, bool figures, std::string& out) {
-    if (value.isObject()) {
+    if (!figures) {
+        out += Compact(value);  // what came from the bus, as one
+    } else if (value.isObject()) {
         out += '{';
         bool first = true;
         for (const std::string& key : value.getMemberNames()) {
             if (!first) out += ',';
             first = false;
-            out += Compact(Json::Value(key));
+            AppendQuoted(key, out);
             out += ':';
-            AppendJson(value[key], figures && key != "data" && key != "records", out);
+            AppendJson(value[key], key != "data" && key != "records", out);
         }
         out += '}';
     } else if (value.isArray()) {
@@ -380,6 +425,10 @@ void AppendJson(const Json::Value& value, bool figures, std::string& out) {
         char text[64];
         snprintf(text, sizeof text, "%.3f", number);
         out += std::isfinite(number) ? text : "null";
+    } else if (value.isString()) {
+        AppendQuoted(tools::JsonField(value).TextOr(""), out);
+    } else if ((value.isInt() || value.isUInt()) && !value.isBool()) {
+        out += std::to_string(tools::JsonField(value).IntOr(0));
     } else {
         out += Compact(value);
     }
