@@ -1,8 +1,10 @@
 // lumora monitor: the context service's traffic on the bus, decoded from the
 // wire contract: every call with its caller, type, request id, subject and
-// input; its answer matched by serial, with the latency; the service's
-// "Response" signals, "HELLO" and "BYE". Through the bus daemon's monitoring
-// interface, with match rules limited to the service.
+// input, and what is not the contract's as undecodable; its answer matched by
+// caller and serial, with the latency; the "Response" signals, "HELLO" and
+// "BYE" with their sender and receiver, and whether the sender owns the
+// service's name. Through the bus daemon's monitoring interface, with match
+// rules limited to the service and the bus's NameOwnerChanged.
 #include <fcntl.h>
 #include <glib-unix.h>
 #include <sys/ioctl.h>
@@ -34,7 +36,8 @@ namespace {
 namespace contract = lumora::contract;
 using Args = std::vector<std::string>;
 
-// A call nobody answers is reported once the bus itself would have given up.
+// A call nobody answers is reported once a caller with GDBus's default
+// time-out would have given up; an answer after it is still shown.
 constexpr gint64 kCallTimeoutUs = 25 * G_USEC_PER_SEC;
 // Timed-out calls kept for a late answer, the oldest dropped first beyond it.
 constexpr size_t kMaxLateCalls = 4096;
