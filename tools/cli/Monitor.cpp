@@ -38,7 +38,7 @@ using Args = std::vector<std::string>;
 
 // A call nobody answers is reported once a caller with GDBus's default
 // time-out would have given up; an answer after it is still shown.
-constexpr gint64 kCallTimeoutUs = 25 * G_USEC_PER_SEC;
+constexpr gint64 kCallTimeoutUs = G_GINT64_CONSTANT(25) * G_USEC_PER_SEC;
 // Timed-out calls kept for a late answer, the oldest dropped first beyond it.
 constexpr size_t kMaxLateCalls = 4096;
 // How long an event waits for the bus daemon's word on whom it concerns.
@@ -403,9 +403,7 @@ void AppendQuoted(const std::string& text, std::string& out) {
 }
 
 void AppendJson(const Json::Value& value, bool figures, std::string& out) {
-    if (!figures) {
-        out += Compact(value);  // what came from the bus, as one
-    } else if (value.isObject()) {
+    if (figures && value.isObject()) {
         out += '{';
         bool first = true;
         for (const std::string& key : value.getMemberNames()) {
@@ -416,7 +414,7 @@ void AppendJson(const Json::Value& value, bool figures, std::string& out) {
             AppendJson(value[key], key != "data" && key != "records", out);
         }
         out += '}';
-    } else if (value.isArray()) {
+    } else if (figures && value.isArray()) {
         out += '[';
         for (Json::ArrayIndex i = 0; i < value.size(); ++i) {
             if (i > 0) out += ',';
@@ -428,12 +426,12 @@ void AppendJson(const Json::Value& value, bool figures, std::string& out) {
         char text[64];
         snprintf(text, sizeof text, "%.3f", number);
         out += std::isfinite(number) ? text : "null";
-    } else if (value.isString()) {
+    } else if (figures && value.isString()) {
         AppendQuoted(tools::JsonField(value).TextOr(""), out);
-    } else if ((value.isInt() || value.isUInt()) && !value.isBool()) {
+    } else if (figures && (value.isInt() || value.isUInt()) && !value.isBool()) {
         out += std::to_string(tools::JsonField(value).IntOr(0));
     } else {
-        out += Compact(value);
+        out += Compact(value);  // what came from the bus, as one; true, false, null
     }
 }
 
