@@ -151,20 +151,26 @@ public:
 
     // lookup: a connection of the monitor's own, still an ordinary client.
     void Attach(GDBusConnection* lookup) {
-        m_lookup = lookup;
         m_filter = g_dbus_connection_add_filter(lookup, &Identities::Filter, this, nullptr);
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_lookup = lookup;
     }
 
     void Detach() {
-        if (m_lookup != nullptr) g_dbus_connection_remove_filter(m_lookup, m_filter);
-        m_lookup = nullptr;
+        GDBusConnection* lookup = nullptr;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            std::swap(lookup, m_lookup);
+        }
+        if (lookup != nullptr) g_dbus_connection_remove_filter(lookup, m_filter);
     }
 
     // name seen for the first time (any thread); claimedPid: the pid of its
     // request tuple, 0 when it sent none.
     void Notice(const char* name, gint32 claimedPid) {
-        if (name == nullptr || name[0] != ':' || m_lookup == nullptr) return;
+        if (name == nullptr || name[0] != ':') return;
         std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_lookup == nullptr) return;
         auto [entry, added] = m_entries.try_emplace(name);
         if (!added) return;
         if (claimedPid > 0) {
