@@ -190,7 +190,8 @@ public:
         g_object_unref(ask);
     }
 
-    // What was learnt of name; waits for a look-up still under way.
+    // What was learnt of name; waits for a look-up still under way, once: an
+    // answer later than that still fills in the events after it.
     Identity Get(const std::string& name) {
         std::unique_lock<std::mutex> lock(m_mutex);
         m_changed.wait_for(lock, kIdentityWait, [&] {
@@ -198,7 +199,9 @@ public:
             return it == m_entries.end() || it->second.done;
         });
         auto it = m_entries.find(name);
-        return it != m_entries.end() ? it->second.identity : Identity{};
+        if (it == m_entries.end()) return {};
+        it->second.done = true;
+        return it->second.identity;
     }
 
     // The connection left the bus; unique names are never given again.
