@@ -137,8 +137,9 @@ struct Identity {
 };
 
 // The processes behind the connections that the monitor sees, by unique
-// name. A name is looked up the moment its first message reaches the
-// monitor, on GDBus's worker thread: the main loop may be far behind (a
+// name. A name is looked up the moment the monitor learns of it (the
+// connection joins the bus or takes the service's name, or its first message
+// arrives), on GDBus's worker thread: the main loop may be far behind (a
 // slow terminal, a long answer), and a client that makes one call and exits
 // is gone by the time the loop shows its call. The bus daemon answers for a
 // connection as long as it is on the bus, and /proc for a process until it
@@ -638,6 +639,7 @@ private:
         }
         m_identities.Attach(m_lookup);
         m_serviceOwner = NameOwner(contract::kBusName);
+        m_identities.Notice(m_serviceOwner.c_str(), 0);
         g_dbus_connection_add_filter(m_connection, &Monitor::Filter, this, nullptr);
         std::string calls = std::string("type='method_call',destination='") + contract::kBusName + "'";
         std::string returns = std::string("type='method_return',sender='") + contract::kBusName + "'";
@@ -710,11 +712,24 @@ private:
                 m_identities.Notice(sender, claimedPid);
                 break;
             }
-            case G_DBUS_MESSAGE_TYPE_SIGNAL:
-                if (g_strcmp0(sender, kBusDaemon) == 0) break;
-                m_identities.Notice(sender, 0);
-                m_identities.Notice(g_dbus_message_get_destination(message), 0);
+            case G_DBUS_MESSAGE_TYPE_SIGNAL: {
+                if (g_strcmp0(sender, kBusDaemon) != 0) {
+                    m_identities.Notice(sender, 0);
+                    m_identities.Notice(g_dbus_message_get_destination(message), 0);
+                    break;
+                }
+                // A connection joined the bus, or took the service's name:
+                // looked up before it says anything, which a client that
+                // calls once and goes may leave little time for.
+                GVariant* body = g_dbus_message_get_body(message);
+                if (g_strcmp0(g_dbus_message_get_member(message), "NameOwnerChanged") != 0 || body == nullptr ||
+                    !g_variant_is_of_type(body, G_VARIANT_TYPE("(sss)")))
+                    break;
+                const gchar* newOwner = nullptr;
+                g_variant_get(body, "(&s&s&s)", nullptr, nullptr, &newOwner);
+                m_identities.Notice(newOwner, 0);
                 break;
+            }
             default:
                 break;
         }
