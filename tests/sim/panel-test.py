@@ -263,7 +263,7 @@ def malformed_side(setup):
         if not wait_for(setup.alive, 3):
             check(False, f"the simulator still serves after {body[:60]} to {path}")
             return
-    refused = setup.log().count(") refused (400): ")
+    refused = sum(1 for line in setup.log().splitlines() if "panel: POST /api/" in line and " refused (400): " in line)
     check(refused == len(posts), f"one log line per refused post ({refused} for {len(posts)})")
     status, _ = setup.request("GET", "/api/state")
     check(status == 200, "the panel still answers")
@@ -446,6 +446,12 @@ def descriptors_side(setup):
 
 
 def slow_side(setup):
+    # A page following the state: its WebSocket outlives the time-out.
+    page = socket.create_connection(("127.0.0.1", setup.port), timeout=10)
+    page.sendall(f"GET /ws HTTP/1.1\r\nHost: {setup.host}\r\nOrigin: {setup.origin}\r\nConnection: Upgrade\r\n"
+                 "Upgrade: websocket\r\nSec-WebSocket-Version: 13\r\nSec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n\r\n"
+                 .encode())
+    check(page.recv(4096).startswith(b"HTTP/1.1 101"), "a page's WebSocket is upgraded")
     baseline = fd_count(setup.pid)
     trickling = open_connections(setup, 200)
     request = f"GET /api/state HTTP/1.1\r\nHost: {setup.host}\r\n\r\n".encode()
@@ -478,6 +484,23 @@ def slow_side(setup):
     check(answered and all(answered), f"the panel answered others all along ({answered.count(False)} misses)")
     timeouts = setup.log().count("panel: connection closed")
     check(timeouts >= 1, "closing slow connections is logged")
+    # Still open: a change is sent to it (a frame, not the end of the stream).
+    page.setblocking(False)
+    try:
+        while page.recv(65536):
+            pass
+    except BlockingIOError:
+        pass
+    except OSError as e:
+        check(False, f"the page's WebSocket is still open after the time-outs ({e})")
+    page.settimeout(5)
+    subprocess.run([SIM, "ctl", "set", "Ctx/App/Info/Current", '{"AppId":"after.timeouts"}'], env=setup.env, check=True)
+    try:
+        frame = page.recv(65536)
+    except OSError as e:
+        frame = repr(e).encode()
+    check(b"after.timeouts" in frame, f"the page's WebSocket outlived the time-outs and follows the state ({frame[:60]})")
+    page.close()
     check(setup.alive(), "D-Bus clients are served")
 
 
