@@ -248,6 +248,7 @@ def malformed_side(setup):
         ("/api/control", json.dumps({"action": "code", "subject": "A/B", "value": 1e20}), "$.value: expected"),
         ("/api/control", json.dumps({"action": "delay", "subject": "A/B", "value": -1}), "$.value:"),
         ("/api/control", json.dumps({"action": "whitelist", "names": ["a", 2]}), "$.names[1]: expected a string"),
+        ("/api/set", json.dumps({"subject": "A/\u0000B", "value": "1"}), "$.subject: a NUL character"),
         ("/api/set", deep(3000), "nested more than"),
         ("/api/control", deep(5000), "nested more than"),
         ("/api/set", json.dumps({"subject": "A/B", "value": deep(5000)}), "$.value: the value is not JSON"),

@@ -5,6 +5,7 @@
 
 #include <glib.h>
 
+#include <algorithm>
 #include <utility>
 #include <vector>
 
@@ -17,13 +18,27 @@ namespace {
 
 using tools::JsonField;
 
-// text as a JSON string (control characters escaped), for messages that
-// repeat what a post said: a refusal stays one line.
+// text as a JSON string, for messages that repeat what a post said: valid
+// UTF-8 (a path may have been escaped into anything), control characters
+// escaped so that a refusal stays one line, and cut after 40 characters.
 std::string Quoted(const std::string& text) {
+    gchar* valid = g_utf8_make_valid(text.data(), static_cast<gssize>(text.size()));
+    glong length = g_utf8_strlen(valid, -1);
+    gchar* shown = g_utf8_substring(valid, 0, std::min<glong>(length, 40));
     Json::StreamWriterBuilder writer;
     writer["indentation"] = "";
     writer["emitUTF8"] = true;
-    return Json::writeString(writer, Json::Value(text));
+    std::string quoted = Json::writeString(writer, Json::Value(shown));
+    g_free(shown);
+    g_free(valid);
+    return length > 40 ? quoted + " (" + std::to_string(length) + " characters)" : quoted;
+}
+
+// A text that goes out on the bus (a subject, a value): a D-Bus string has
+// no NUL in it, which JSON's "\u0000" can put in a string.
+bool ReadBusText(const JsonField& field, bool name, std::string& out, std::string& error) {
+    if (!(name ? field.ReadName(out, error) : field.ReadText(out, error))) return false;
+    return out.find('\0') == std::string::npos || field.Fail("a NUL character cannot go on the bus", error);
 }
 
 PanelOutcome Refused(unsigned status, std::string error) {
@@ -45,7 +60,7 @@ PanelOutcome ApplySet(const JsonField& request, PanelTarget& target) {
     std::string value;
     bool notify = false;
     std::string error;
-    if (!request["subject"].ReadName(subject, error) || !request["value"].ReadText(value, error) ||
+    if (!ReadBusText(request["subject"], true, subject, error) || !ReadBusText(request["value"], false, value, error) ||
         !request["notify"].ReadOptional(notify, error)) {
         return Refused(400, error);
     }
@@ -97,7 +112,7 @@ PanelOutcome ApplyControl(const JsonField& request, PanelTarget& target) {
         state.SetWhiteList(std::move(names));
     } else if (action == "code" || action == "delay") {
         std::string subject;
-        if (!request["subject"].ReadName(subject, error)) return Refused(400, error);
+        if (!ReadBusText(request["subject"], true, subject, error)) return Refused(400, error);
         if (action == "code") {
             int code = 0;
             if (!request["value"].ReadInt(code, error)) return Refused(400, error);
@@ -109,8 +124,7 @@ PanelOutcome ApplyControl(const JsonField& request, PanelTarget& target) {
         state.SetDelayMs(subject, static_cast<unsigned>(delay));
         return Done("delay " + std::to_string(delay) + " ms for " + subject);
     } else {
-        std::string shown = action.size() <= 40 ? Quoted(action) : "of " + std::to_string(action.size()) + " bytes";
-        request["action"].Fail("unknown action " + shown +
+        request["action"].Fail("unknown action " + Quoted(action) +
                                    " (enable, disable, stop-answering, resume-answering, restart, whitelist, "
                                    "code, delay)",
                                error);
