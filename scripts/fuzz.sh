@@ -2,7 +2,8 @@
 # Builds the "fuzz" preset (clang, libFuzzer) and runs every fuzz target for
 # SECONDS (default 600), one after the other: fuzz_<name> for each seed corpus
 # fuzz/corpus/<name>/, each in a fresh work folder that starts from that
-# corpus. Prints per target the executions run and any crash file (kept in
+# corpus, with the dictionary fuzz/dict/<name>.dict when there is one. Prints
+# per target the executions run and any crash file (kept in
 # build/fuzz/artifacts/, with the end of the target's output); exits non-zero
 # when a target crashed or failed.
 #
@@ -35,7 +36,9 @@ for corpus in fuzz/corpus/*/; do
   work=$(mktemp -d)
   log=$(mktemp)
   status=0
-  "$fuzzer" -max_total_time="$seconds" -print_final_stats=1 -artifact_prefix="$artifacts/$name-" \
+  dict=()
+  [[ -f fuzz/dict/$name.dict ]] && dict=(-dict="fuzz/dict/$name.dict")
+  "$fuzzer" -max_total_time="$seconds" -print_final_stats=1 -artifact_prefix="$artifacts/$name-" "${dict[@]}" \
     "$work" "$corpus" >"$log" 2>&1 || status=$?
   executions=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log" | tail -n 1)
   # Crashes, leaks, time-outs and running out of memory all leave a file.
