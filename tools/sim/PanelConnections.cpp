@@ -6,6 +6,7 @@
 #include <netinet/tcp.h>
 
 #include <exception>
+#include <memory>
 
 #include "SimLog.h"
 
@@ -113,8 +114,8 @@ void PanelConnections::AcceptPending() {
             }
             m_outSince = 0;
         }
+        std::unique_ptr<GSocket, void (*)(gpointer)> accepted(socket, g_object_unref);
         Admit(socket);
-        g_object_unref(socket);
     }
 }
 
