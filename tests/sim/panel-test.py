@@ -543,6 +543,10 @@ def hosts_side(setup):
 
 def start_browser():
     global By
+    if failures:
+        # What was checked before the browser was needed is not skipped.
+        print(f"{len(failures)} check(s) failed before the browser was needed")
+        sys.exit(1)
     try:
         from selenium import webdriver
         from selenium.webdriver.common.by import By
