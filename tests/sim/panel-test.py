@@ -423,12 +423,15 @@ def open_connections(setup, count):
 
 def descriptors_side(setup):
     # The simulator runs under prlimit --nofile=256.
+    baseline = fd_count(setup.pid)
     held = open_connections(setup, 255)
     time.sleep(1)
     check(setup.alive(), "D-Bus clients are served while 255 connections are open")
     for sock in held:
         sock.close()
     check(wait_for(lambda: page_answers(setup, 2), 15), "after 255 connections closed, the panel answers again")
+    check(wait_for(lambda: fd_count(setup.pid) <= baseline + 2, 15),
+          f"the descriptors of closed connections are given back ({fd_count(setup.pid)}, {baseline} before)")
     # Descriptors run out: a limit just above what the simulator holds now.
     limit = fd_count(setup.pid) + 8
     subprocess.run(["prlimit", "--pid", str(setup.pid), f"--nofile={limit}:{limit}"], check=True)
