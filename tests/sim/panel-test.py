@@ -278,6 +278,10 @@ class OtherOrigin:
                '</iframe>'.encode()
 
         class Handler(http.server.BaseHTTPRequestHandler):
+            # Chromium opens connections ahead that it may never use: an idle
+            # one must not hold the server (and its shutdown) for a minute.
+            timeout = 5
+
             def do_GET(self):
                 self.send_response(200)
                 self.send_header("Content-Type", "text/html")
@@ -288,7 +292,8 @@ class OtherOrigin:
             def log_message(self, *args):
                 pass
 
-        self.server = http.server.HTTPServer(("127.0.0.1", 0), Handler)
+        self.server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
+        self.server.daemon_threads = True
         self.url = f"http://127.0.0.1:{self.server.server_address[1]}/"
         threading.Thread(target=self.server.serve_forever, daemon=True).start()
 
@@ -330,8 +335,8 @@ def framing_side(setup):
         check(wait_for(lambda: browser.find_element(By.ID, "connection").text == "live"), "the panel itself goes live")
         check(wait_for(lambda: setup.log().count("panel: WebSocket opened") == 1, 3), "and its WebSocket is logged")
     finally:
-        other.close()
         browser.quit()
+        other.close()
 
 
 def rss_kib(pid):
