@@ -2,7 +2,8 @@
 # Builds the "fuzz" preset (clang, libFuzzer) and runs every fuzz target for
 # SECONDS (default 600), one after the other: fuzz_<name> for each seed corpus
 # fuzz/corpus/<name>/, each in a fresh work folder that starts from that
-# corpus, with the dictionary fuzz/dict/<name>.dict where there is one. Prints per target the executions run and any crash file (kept in
+# corpus, with the dictionary fuzz/dict/<name>.dict when there is one. Prints
+# per target the executions run and any crash file (kept in
 # build/fuzz/artifacts/, with the end of the target's output); exits non-zero
 # when a target crashed or failed.
 #

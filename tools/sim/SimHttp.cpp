@@ -1,33 +1,65 @@
 // The control panel's server: static files from the GResource, the state as
 // JSON (GET /api/state and over the WebSocket /ws whenever it changes), and
-// the changes (POST /api/set, POST /api/control).
+// the changes (POST /api/set, POST /api/control, see PanelRequest.h).
+//
+// Every request is judged from its headers before its body is read (Host,
+// Origin, length), and a refused one is answered there and then; a chunked
+// body is cut off once it passes the limit. Nothing thrown in here leaves a
+// libsoup callback: a request that meets an unexpected failure is answered
+// 500, and the simulator goes on serving its D-Bus clients.
 #include "SimHttp.h"
 
 #include <gio/gio.h>
 
 #include <algorithm>
 #include <cstdlib>
+#include <exception>
 
 #include "Scenario.h"
 #include "SimLog.h"
 #include "SimService.h"
+#include "SimState.h"
 
 namespace lumora::sim {
 
 namespace {
 
 constexpr const char* kResourceRoot = "/org/verdin/tv/lumora-sim/panel";
+// Set on a message whose refusal has had its log line.
+constexpr const char* kLoggedKey = "lumora-sim-panel-logged";
+// What a page may send over the WebSocket before it is closed: the page only
+// listens, so nothing; a frame this size is still read whole by libsoup.
+constexpr guint64 kMaxWebSocketFrame = 4096;
+
+// The policy every answer carries: the page loads only its own files and
+// connects only to its own WebSocket, and no other page may frame it (a
+// framed panel would take clicks meant for another site). host, once
+// checked, names the WebSocket; "" before.
+std::string SecurityPolicy(const std::string& host) {
+    std::string connect = host.empty() ? "'self'" : "'self' ws://" + host;
+    return "default-src 'self'; connect-src " + connect +
+           "; img-src 'self' data:; frame-ancestors 'none'; base-uri 'none'; form-action 'self'; object-src 'none'";
+}
+
+void SetSafetyHeaders(SoupMessageHeaders* headers, const std::string& host) {
+    soup_message_headers_replace(headers, "X-Frame-Options", "DENY");
+    soup_message_headers_replace(headers, "Content-Security-Policy", SecurityPolicy(host).c_str());
+    soup_message_headers_replace(headers, "X-Content-Type-Options", "nosniff");
+    soup_message_headers_replace(headers, "Referrer-Policy", "no-referrer");
+    soup_message_headers_replace(headers, "Cache-Control", "no-store");
+}
+
+std::string ErrorBody(const std::string& error) {
+    Json::Value body;
+    body["error"] = error;
+    return ValueText(body);
+}
 
 void Reply(SoupServerMessage* message, guint status, const std::string& type, const std::string& body) {
     soup_server_message_set_status(message, status, nullptr);
     soup_server_message_set_response(message, type.c_str(), SOUP_MEMORY_COPY, body.data(), body.size());
-    soup_message_headers_replace(soup_server_message_get_response_headers(message), "Cache-Control", "no-store");
-}
-
-void ReplyError(SoupServerMessage* message, guint status, const std::string& error) {
-    Json::Value body;
-    body["error"] = error;
-    Reply(message, status, "application/json", ValueText(body));
+    // One request a connection (see PanelConnections.h): said to the client.
+    soup_message_headers_replace(soup_server_message_get_response_headers(message), "Connection", "close");
 }
 
 bool IsLoopback(const std::string& address) {
@@ -37,10 +69,108 @@ bool IsLoopback(const std::string& address) {
     return loopback;
 }
 
+// An IPv4 address reached over an IPv6 socket (::ffff:a.b.c.d) as itself.
+GInetAddress* Unmapped(GInetAddress* address) {
+    if (g_inet_address_get_family(address) == G_SOCKET_FAMILY_IPV6) {
+        const guint8* bytes = g_inet_address_to_bytes(address);
+        static const guint8 kPrefix[12] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff};
+        if (std::equal(kPrefix, kPrefix + 12, bytes)) return g_inet_address_new_from_bytes(bytes + 12, G_SOCKET_FAMILY_IPV4);
+    }
+    return G_INET_ADDRESS(g_object_ref(address));
+}
+
+// "ADDRESS:PORT" as a Host names it, or "" when address is none.
+std::string HostText(GInetAddress* address, unsigned port) {
+    if (address == nullptr) return "";
+    GInetAddress* plain = Unmapped(address);
+    gchar* text = g_inet_address_to_string(plain);
+    std::string host = g_inet_address_get_family(plain) == G_SOCKET_FAMILY_IPV6 ? std::string("[") + text + "]" : text;
+    g_free(text);
+    g_object_unref(plain);
+    return host + ":" + std::to_string(port);
+}
+
+// host with its address written as HostText writes it; "" when host does
+// not name an address (a name, or nothing that parses).
+std::string AddressHost(const std::string& host) {
+    size_t colon = host.rfind(':');
+    if (colon == std::string::npos) return "";
+    std::string name = host.substr(0, colon);
+    std::string port = host.substr(colon + 1);
+    if (name.size() > 2 && name.front() == '[' && name.back() == ']') {
+        name = name.substr(1, name.size() - 2);
+    } else if (name.find(':') != std::string::npos) {
+        return "";  // an IPv6 address outside brackets
+    }
+    if (port.empty() || port.size() > 5 || port.find_first_not_of("0123456789") != std::string::npos) return "";
+    GInetAddress* address = g_inet_address_new_from_string(name.c_str());
+    std::string text = HostText(address, static_cast<unsigned>(std::stoul(port)));
+    if (address != nullptr) g_object_unref(address);
+    return text;
+}
+
 const char* ContentType(const std::string& path) {
     if (g_str_has_suffix(path.c_str(), ".js")) return "text/javascript; charset=utf-8";
     if (g_str_has_suffix(path.c_str(), ".css")) return "text/css; charset=utf-8";
     return "text/html; charset=utf-8";
+}
+
+// Text from a request for the log and for answers: printable, and short.
+std::string Shown(const char* text) {
+    if (text == nullptr) return "(none)";
+    std::string shown;
+    for (const char* c = text; *c != '\0' && shown.size() < 120; ++c)
+        shown += static_cast<unsigned char>(*c) < 0x20 || *c == 0x7f ? '?' : *c;
+    return shown;
+}
+
+std::string PathOf(SoupServerMessage* message) {
+    GUri* uri = soup_server_message_get_uri(message);
+    return uri != nullptr ? Shown(g_uri_get_path(uri)) : "?";
+}
+
+std::string MethodOf(SoupServerMessage* message) { return Shown(soup_server_message_get_method(message)); }
+
+// The state and the service, as a post changes them.
+class ServiceTarget : public PanelTarget {
+public:
+    explicit ServiceTarget(SimService& service) : m_service(service) {}
+    SimState& State() override { return m_service.State(); }
+    void Notify(const std::string& subject, const std::string& value) override {
+        m_service.EmitResponse(subject, value);
+    }
+    void StopAnswering() override { m_service.StopAnswering(); }
+    void ResumeAnswering() override { m_service.ResumeAnswering(); }
+    bool Restart(unsigned pauseMs) override { return m_service.Restart(pauseMs, nullptr); }
+
+private:
+    SimService& m_service;
+};
+
+// Runs a handler's body; anything it throws is logged, and what is given
+// then (a 500 answer) is done too, itself guarded.
+template <typename Body, typename Failed>
+void Guarded(const char* where, Body&& body, Failed&& failed) noexcept {
+    std::string what;
+    try {
+        body();
+        return;
+    } catch (const std::exception& e) {
+        what = e.what();
+    } catch (...) {
+        what = "an unknown exception";
+    }
+    SIM_LOGE("panel: %s failed (500): %s", where, what.c_str());
+    try {
+        failed();
+    } catch (...) {
+        SIM_LOGE("panel: %s: the 500 answer failed too", where);
+    }
+}
+
+template <typename Body>
+void Guarded(const char* where, Body&& body) noexcept {
+    Guarded(where, std::forward<Body>(body), [] {});
 }
 
 }  // namespace
@@ -71,9 +201,11 @@ SimHttp::~SimHttp() {
         g_object_unref(socket);
     }
     if (m_server != nullptr) {
+        g_signal_handlers_disconnect_by_data(m_server, this);
         soup_server_disconnect(m_server);
-        g_object_unref(m_server);
     }
+    m_connections.reset();
+    if (m_server != nullptr) g_object_unref(m_server);
 }
 
 bool SimHttp::Start(std::string& error) {
@@ -86,31 +218,26 @@ bool SimHttp::Start(std::string& error) {
                  m_address.c_str());
         fprintf(stderr, "lumora-sim: warning: the control panel on %s is open to other machines\n", m_address.c_str());
     }
-    m_server = soup_server_new("server-header", "lumora-sim", nullptr);
-    soup_server_add_early_handler(m_server, nullptr, &SimHttp::OnEarly, this, nullptr);
-    soup_server_add_handler(m_server, nullptr, &SimHttp::OnRequest, this, nullptr);
     GInetAddress* inet = g_inet_address_new_from_string(m_address.c_str());
-    GSocketAddress* socketAddress = g_inet_socket_address_new(inet, static_cast<guint16>(m_port));
+    m_wildcard = g_inet_address_get_is_any(inet);
+    m_server = soup_server_new("server-header", "lumora-sim", nullptr);
+    g_signal_connect(m_server, "request-started", G_CALLBACK(&SimHttp::OnRequestStarted), this);
+    soup_server_add_handler(m_server, nullptr, &SimHttp::OnRequest, this, nullptr);
+    // Host and Origin of the upgrade are checked with every request's, from
+    // its headers (libsoup would check only an Origin fixed in advance).
+    soup_server_add_websocket_handler(m_server, "/ws", nullptr, nullptr, &SimHttp::OnWebSocket, this, nullptr);
+    m_connections = std::make_unique<PanelConnections>(m_server, PanelConnections::Limits{});
+    std::string why;
+    bool listening = m_connections->Listen(inet, m_port, why);
     g_object_unref(inet);
-    GError* listenError = nullptr;
-    bool listening = soup_server_listen(m_server, socketAddress, static_cast<SoupServerListenOptions>(0), &listenError);
-    g_object_unref(socketAddress);
     if (!listening) {
-        error = std::string("cannot serve the control panel on ") + m_address + ":" + std::to_string(m_port) + ": " +
-                listenError->message;
-        g_error_free(listenError);
+        error = "cannot serve the control panel on " + m_address + ":" + std::to_string(m_port) + ": " + why;
         return false;
     }
-    GSList* uris = soup_server_get_uris(m_server);
-    if (uris != nullptr) m_port = static_cast<unsigned>(g_uri_get_port(static_cast<GUri*>(uris->data)));
-    g_slist_free_full(uris, reinterpret_cast<GDestroyNotify>(g_uri_unref));
+    m_port = m_connections->Port();
     bool v6 = m_address.find(':') != std::string::npos;
     m_host = (v6 ? "[" + m_address + "]" : m_address) + ":" + std::to_string(m_port);
     m_url = "http://" + m_host + "/";
-    // The WebSocket takes only the panel's own page (libsoup checks Origin
-    // too); the early handler has refused any other Host or Origin before.
-    std::string origin = "http://" + m_host;
-    soup_server_add_websocket_handler(m_server, "/ws", origin.c_str(), nullptr, &SimHttp::OnWebSocket, this, nullptr);
     // Every change of the state, from ctl, a replay, another browser or the
     // clients, reaches the pages once the main loop is idle: a burst of
     // changes is one message.
@@ -121,62 +248,176 @@ bool SimHttp::Start(std::string& error) {
     return true;
 }
 
+// A request has begun: what every answer carries, and the checks made as its
+// headers and body come.
+void SimHttp::OnRequestStarted(SoupServer*, SoupServerMessage* message, gpointer self) {
+    auto* http = static_cast<SimHttp*>(self);
+    Guarded("a request's start", [http, message] {
+        SetSafetyHeaders(soup_server_message_get_response_headers(message), "");
+        g_signal_connect(message, "got-headers", G_CALLBACK(&SimHttp::OnGotHeaders), http);
+        g_signal_connect(message, "got-chunk", G_CALLBACK(&SimHttp::OnGotChunk), http);
+        g_signal_connect(message, "finished", G_CALLBACK(&SimHttp::OnFinished), http);
+    });
+}
+
+// What a request reaching the panel names as its Host: the address served,
+// always; with a wildcard bind also the address its connection came to,
+// written as an address (a name could be rebound to this machine by another
+// site's page), with the port served. "" when there is no second one.
+std::string SimHttp::ReachedHost(SoupServerMessage* message) const {
+    if (!m_wildcard) return "";
+    GSocketAddress* local = soup_server_message_get_local_address(message);
+    if (local == nullptr || !G_IS_INET_SOCKET_ADDRESS(local)) return "";
+    return HostText(g_inet_socket_address_get_address(G_INET_SOCKET_ADDRESS(local)), m_port);
+}
+
+bool SimHttp::HostAllowed(const std::string& host, SoupServerMessage* message) const {
+    if (host == m_host) return true;
+    std::string reached = ReachedHost(message);
+    return !reached.empty() && AddressHost(host) == reached;
+}
+
 // Every request, before its body is read: a page of another site (Origin) or
-// a name that resolves here by trickery (Host) is refused whatever it asks.
-std::string SimHttp::Refusal(SoupServerMessage* message, guint& status) const {
+// a name that resolves here by trickery (Host) is refused whatever it asks,
+// and so is a body announced over the limit.
+std::string SimHttp::Refusal(SoupServerMessage* message, guint& status, std::string& host) const {
     SoupMessageHeaders* headers = soup_server_message_get_request_headers(message);
-    const char* host = soup_message_headers_get_one(headers, "Host");
+    const char* hostHeader = soup_message_headers_get_one(headers, "Host");
     const char* origin = soup_message_headers_get_one(headers, "Origin");
-    std::string method = soup_server_message_get_method(message);
+    std::string method = MethodOf(message);
     status = SOUP_STATUS_FORBIDDEN;
-    if (host == nullptr || m_host != host)
-        return std::string("Host ") + (host != nullptr ? host : "(none)") + " is not " + m_host;
+    host = hostHeader != nullptr ? hostHeader : "";
+    if (hostHeader == nullptr || !HostAllowed(host, message)) {
+        std::string reached = ReachedHost(message);
+        return "Host " + Shown(hostHeader) + " is not " + m_host +
+               (reached.empty() ? "" : " nor " + reached + " (the address this connection came to)");
+    }
     bool reading = method == "GET" || method == "HEAD";
     bool upgrade = soup_message_headers_header_contains(headers, "Upgrade", "websocket");
-    if ((!reading || upgrade || origin != nullptr) && (origin == nullptr || "http://" + m_host != origin))
-        return std::string("Origin ") + (origin != nullptr ? origin : "(none)") + " is not the panel's own";
-    goffset length = soup_message_headers_get_content_length(headers);
-    if (length > static_cast<goffset>(kMaxPanelBody)) {
-        status = SOUP_STATUS_REQUEST_ENTITY_TOO_LARGE;
-        return "a body of " + std::to_string(length) + " bytes is over " + std::to_string(kMaxPanelBody);
+    if ((!reading || upgrade || origin != nullptr) && (origin == nullptr || "http://" + host != origin))
+        return "Origin " + Shown(origin) + " is not the panel's own";
+    if (soup_message_headers_get_encoding(headers) == SOUP_ENCODING_CONTENT_LENGTH) {
+        goffset length = soup_message_headers_get_content_length(headers);
+        if (length > static_cast<goffset>(kMaxPanelBody)) {
+            status = SOUP_STATUS_REQUEST_ENTITY_TOO_LARGE;
+            return "a body of " + std::to_string(length) + " bytes is over " + std::to_string(kMaxPanelBody);
+        }
     }
     return "";
 }
 
-void SimHttp::OnEarly(SoupServer*, SoupServerMessage* message, const char* path, GHashTable*, gpointer self) {
+void SimHttp::OnGotHeaders(SoupServerMessage* message, gpointer self) {
     auto* http = static_cast<SimHttp*>(self);
-    guint status = 0;
-    std::string why = http->Refusal(message, status);
-    if (why.empty()) return;
-    SIM_LOGW("panel: %s %s refused (%u): %s", soup_server_message_get_method(message), path, status, why.c_str());
-    ReplyError(message, status, why);
+    Guarded(
+        "a request's headers",
+        [http, message] {
+            guint status = 0;
+            std::string host;
+            std::string why = http->Refusal(message, status, host);
+            guint early = soup_server_message_get_status(message);
+            if (why.empty() && early >= 400) {
+                // libsoup refused it already (a path that climbs out, say):
+                // answered now too, whatever body it announces.
+                status = early;
+                why = std::string("malformed request (") + soup_status_get_phrase(early) + ")";
+            }
+            if (!why.empty()) return http->RefuseNow(message, status, why);
+            SetSafetyHeaders(soup_server_message_get_response_headers(message), host);
+        },
+        [http, message] { http->RefuseNow(message, SOUP_STATUS_INTERNAL_SERVER_ERROR, "internal error"); });
+}
+
+// A chunked body has no length in its headers: it is cut off as it passes
+// the limit, before more of it is read.
+void SimHttp::OnGotChunk(SoupServerMessage* message, GBytes*, gpointer self) {
+    auto* http = static_cast<SimHttp*>(self);
+    Guarded(
+        "a request's body",
+        [http, message] {
+            SoupMessageBody* body = soup_server_message_get_request_body(message);
+            if (body == nullptr || body->length <= static_cast<goffset>(kMaxPanelBody)) return;
+            http->RefuseNow(message, SOUP_STATUS_REQUEST_ENTITY_TOO_LARGE,
+                            "a body of more than " + std::to_string(kMaxPanelBody) + " bytes");
+        },
+        [http, message] { http->RefuseNow(message, SOUP_STATUS_INTERNAL_SERVER_ERROR, "internal error"); });
+}
+
+// Answers refused by libsoup itself (a request it could not parse) get their
+// line too.
+void SimHttp::OnFinished(SoupServerMessage* message, gpointer) {
+    Guarded("a request's end", [message] {
+        guint status = soup_server_message_get_status(message);
+        if (status < 400 || g_object_get_data(G_OBJECT(message), kLoggedKey) != nullptr) return;
+        SIM_LOGW("panel: %s %s ended with %u (%s)", MethodOf(message).c_str(), PathOf(message).c_str(), status,
+                 Shown(soup_server_message_get_reason_phrase(message)).c_str());
+    });
+}
+
+void SimHttp::Refuse(SoupServerMessage* message, guint status, const std::string& why) {
+    SIM_LOGW("panel: %s %s refused (%u): %s", MethodOf(message).c_str(), PathOf(message).c_str(), status, why.c_str());
+    g_object_set_data(G_OBJECT(message), kLoggedKey, GINT_TO_POINTER(1));
+    Reply(message, status, "application/json", ErrorBody(why));
+}
+
+void SimHttp::RefuseNow(SoupServerMessage* message, guint status, const std::string& why) {
+    SIM_LOGW("panel: %s %s refused (%u): %s", MethodOf(message).c_str(), PathOf(message).c_str(), status, why.c_str());
+    g_object_set_data(G_OBJECT(message), kLoggedKey, GINT_TO_POINTER(1));
+    // The answer as libsoup would write it, with the headers already set
+    // (date, server, the safety headers).
+    std::string body = ErrorBody(why);
+    std::string answer = "HTTP/1.1 " + std::to_string(status) + " " + soup_status_get_phrase(status) + "\r\n";
+    SoupMessageHeadersIter iter;
+    soup_message_headers_iter_init(&iter, soup_server_message_get_response_headers(message));
+    const char* name = nullptr;
+    const char* value = nullptr;
+    while (soup_message_headers_iter_next(&iter, &name, &value)) {
+        if (g_ascii_strcasecmp(name, "Content-Length") == 0 || g_ascii_strcasecmp(name, "Content-Type") == 0 ||
+            g_ascii_strcasecmp(name, "Connection") == 0 || g_ascii_strcasecmp(name, "Transfer-Encoding") == 0) {
+            continue;
+        }
+        answer += std::string(name) + ": " + value + "\r\n";
+    }
+    answer += "Content-Type: application/json\r\nContent-Length: " + std::to_string(body.size()) +
+              "\r\nConnection: close\r\n\r\n" + body;
+    m_connections->AnswerAndClose(message, answer);
 }
 
 void SimHttp::OnRequest(SoupServer*, SoupServerMessage* message, const char* path, GHashTable*, gpointer self) {
     auto* http = static_cast<SimHttp*>(self);
-    if (soup_server_message_get_status(message) >= 400) return;  // refused early
+    std::string route = path != nullptr ? path : "/";
+    Guarded(
+        "a request", [http, message, &route] { http->Serve(message, route); },
+        [message] {
+            g_object_set_data(G_OBJECT(message), kLoggedKey, GINT_TO_POINTER(1));
+            Reply(message, SOUP_STATUS_INTERNAL_SERVER_ERROR, "application/json", "{\"error\":\"internal error\"}");
+        });
+}
+
+void SimHttp::Serve(SoupServerMessage* message, const std::string& route) {
+    if (soup_server_message_get_status(message) >= 400) return;  // refused already
     guint status = 0;
-    std::string why = http->Refusal(message, status);
-    if (!why.empty()) return ReplyError(message, status, why);
-    std::string method = soup_server_message_get_method(message);
-    std::string route = path;
+    std::string host;
+    std::string why = Refusal(message, status, host);
+    if (!why.empty()) return Refuse(message, status, why);
+    std::string method = MethodOf(message);
     if (method == "GET" || method == "HEAD") {
         if (route == "/api/state")
-            return Reply(message, SOUP_STATUS_OK, "application/json", ValueText(http->Snapshot()));
-        return http->ServeFile(message, route == "/" ? "/index.html" : route);
+            return Reply(message, SOUP_STATUS_OK, "application/json", ValueText(Snapshot()));
+        return ServeFile(message, route == "/" ? "/index.html" : route);
     }
-    if (method == "POST") return http->Post(message, route);
-    ReplyError(message, SOUP_STATUS_METHOD_NOT_ALLOWED, method + " is not served");
+    if (method == "POST") return Post(message, route);
+    Refuse(message, SOUP_STATUS_METHOD_NOT_ALLOWED, method + " is not served");
 }
 
 void SimHttp::ServeFile(SoupServerMessage* message, const std::string& path) {
     std::string resource = std::string(kResourceRoot) + path;
     GBytes* bytes = g_resources_lookup_data(resource.c_str(), G_RESOURCE_LOOKUP_FLAGS_NONE, nullptr);
-    if (bytes == nullptr) return ReplyError(message, SOUP_STATUS_NOT_FOUND, path + " is not part of the panel");
+    if (bytes == nullptr) return Refuse(message, SOUP_STATUS_NOT_FOUND, path + " is not part of the panel");
     gsize size = 0;
     const char* data = static_cast<const char*>(g_bytes_get_data(bytes, &size));
-    Reply(message, SOUP_STATUS_OK, ContentType(path), std::string(data, size));
+    std::string text(data, size);
     g_bytes_unref(bytes);
+    Reply(message, SOUP_STATUS_OK, ContentType(path), text);
 }
 
 void SimHttp::Post(SoupServerMessage* message, const std::string& path) {
@@ -186,82 +427,12 @@ void SimHttp::Post(SoupServerMessage* message, const std::string& path) {
     const char* data = static_cast<const char*>(g_bytes_get_data(bytes, &size));
     std::string text(data != nullptr ? data : "", size);
     g_bytes_unref(bytes);
-    std::string error;
-    guint status = SOUP_STATUS_BAD_REQUEST;
-    Json::Value request;
-    if (size > kMaxPanelBody) {
-        status = SOUP_STATUS_REQUEST_ENTITY_TOO_LARGE;
-        error = "the body is over " + std::to_string(kMaxPanelBody) + " bytes";
-    } else if (!g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr)) {
-        error = "the body is not valid UTF-8";
-    } else if (!ParseJsonText(text, request, error)) {
-        error = "the body is not JSON: " + error;
-    } else if (!request.isObject()) {
-        error = "the body is not a JSON object";
-    } else if (path != "/api/set" && path != "/api/control") {
-        status = SOUP_STATUS_NOT_FOUND;
-        error = path + " takes no post";
-    } else if (Apply(path, request, error)) {
-        Reply(message, SOUP_STATUS_OK, "application/json", "{}");
-        SendSnapshot(true);
-        return;
-    }
-    SIM_LOGW("panel: POST %s refused (%u): %s", path.c_str(), status, error.c_str());
-    ReplyError(message, status, error);
-}
-
-// The change a post asks for, through the same state and service operations
-// as the control interface.
-bool SimHttp::Apply(const std::string& path, const Json::Value& request, std::string& error) {
-    SimState& state = m_service.State();
-    if (path == "/api/set") {
-        const Json::Value& subject = request["subject"];
-        const Json::Value& value = request["value"];
-        if (!subject.isString() || subject.asString().empty()) return error = "\"subject\" must be a text", false;
-        if (!value.isString()) return error = "\"value\" must be the value's text", false;
-        Json::Value parsed;
-        std::string why;
-        if (!ParseJsonText(value.asString(), parsed, why)) return error = "the value is not JSON: " + why, false;
-        state.SetValue(subject.asString(), value.asString());
-        if (request["notify"].asBool()) m_service.EmitResponse(subject.asString(), value.asString());
-        SIM_LOGI("panel: %s %s", request["notify"].asBool() ? "set and notified" : "set", subject.asCString());
-        return true;
-    }
-    std::string action = request["action"].asString();
-    const Json::Value& subject = request["subject"];
-    if (action == "enable" || action == "disable") {
-        state.SetEnabled(action == "enable");
-    } else if (action == "stop-answering") {
-        m_service.StopAnswering();
-    } else if (action == "resume-answering") {
-        m_service.ResumeAnswering();
-    } else if (action == "restart") {
-        unsigned pause = request["pause_ms"].isUInt() ? std::min(request["pause_ms"].asUInt(), 60000u) : 1000u;
-        if (!m_service.Restart(pause, nullptr))
-            return error = "a restart is under way, or the name is not owned", false;
-    } else if (action == "whitelist") {
-        if (!request["names"].isArray()) return error = "\"names\" must be a list of process names", false;
-        std::vector<std::string> names;
-        for (const Json::Value& name : request["names"]) {
-            if (!name.isString()) return error = "\"names\" must be a list of process names", false;
-            names.push_back(name.asString());
-        }
-        state.SetWhiteList(std::move(names));
-    } else if (action == "code" || action == "delay") {
-        if (!subject.isString() || subject.asString().empty()) return error = "\"subject\" must be a text", false;
-        const Json::Value& number = request["value"];
-        if (action == "code") {
-            if (!number.isInt()) return error = "\"value\" must be a whole number", false;
-            state.SetResultCode(subject.asString(), number.asInt());
-        } else {
-            if (!number.isUInt() || number.asUInt() > 600000) return error = "\"value\" must be 0 to 600000 ms", false;
-            state.SetDelayMs(subject.asString(), number.asUInt());
-        }
-    } else {
-        return error = "unknown action \"" + action + "\"", false;
-    }
-    SIM_LOGI("panel: %s", action.c_str());
-    return true;
+    ServiceTarget target(m_service);
+    PanelOutcome outcome = ApplyPanelPost(path, text, target);
+    if (outcome.status != SOUP_STATUS_OK) return Refuse(message, outcome.status, outcome.error);
+    SIM_LOGI("panel: %s", outcome.done.c_str());
+    Reply(message, SOUP_STATUS_OK, "application/json", "{}");
+    SendSnapshot(true);
 }
 
 Json::Value SimHttp::Snapshot() const {
@@ -286,32 +457,55 @@ void SimHttp::SendSnapshot(bool onlyWhenChanged) {
 gboolean SimHttp::OnTick(gpointer self) {
     auto* http = static_cast<SimHttp*>(self);
     http->m_tick = 0;
-    if (!http->m_sockets.empty()) http->SendSnapshot(true);
+    Guarded("telling the pages", [http] {
+        if (!http->m_sockets.empty()) http->SendSnapshot(true);
+    });
     return G_SOURCE_REMOVE;
 }
 
-void SimHttp::OnWebSocket(SoupServer*, SoupServerMessage*, const char*, SoupWebsocketConnection* connection,
+void SimHttp::OnWebSocket(SoupServer*, SoupServerMessage* message, const char*, SoupWebsocketConnection* connection,
                           gpointer self) {
     auto* http = static_cast<SimHttp*>(self);
-    http->m_sockets.push_back(SOUP_WEBSOCKET_CONNECTION(g_object_ref(connection)));
-    g_signal_connect(connection, "closed", G_CALLBACK(&SimHttp::OnSocketClosed), http);
-    g_signal_connect(connection, "message", G_CALLBACK(&SimHttp::OnSocketMessage), http);
-    // The page starts from the whole state.
-    soup_websocket_connection_send_text(connection, ValueText(http->Snapshot()).c_str());
+    Guarded(
+        "a WebSocket's start",
+        [http, message, connection] {
+            if (!http->m_connections->AdoptWebSocket(message)) {
+                SIM_LOGW("panel: WebSocket refused: %u open already", http->m_connections->WebSockets());
+                soup_websocket_connection_close(connection, SOUP_WEBSOCKET_CLOSE_POLICY_VIOLATION, "too many pages");
+                return;
+            }
+            soup_websocket_connection_set_max_incoming_payload_size(connection, kMaxWebSocketFrame);
+            http->m_sockets.push_back(SOUP_WEBSOCKET_CONNECTION(g_object_ref(connection)));
+            g_signal_connect(connection, "closed", G_CALLBACK(&SimHttp::OnSocketClosed), http);
+            g_signal_connect(connection, "message", G_CALLBACK(&SimHttp::OnSocketMessage), http);
+            SIM_LOGI("panel: WebSocket opened (%zu open)", http->m_sockets.size());
+            // The page starts from the whole state.
+            soup_websocket_connection_send_text(connection, ValueText(http->Snapshot()).c_str());
+        },
+        [connection] { soup_websocket_connection_close(connection, SOUP_WEBSOCKET_CLOSE_SERVER_ERROR, nullptr); });
 }
 
-// The page only listens: anything it sends is dropped with a line.
-void SimHttp::OnSocketMessage(SoupWebsocketConnection*, gint, GBytes* data, gpointer) {
-    SIM_LOGW("panel: %zu byte(s) from a WebSocket ignored (the panel posts its changes)", g_bytes_get_size(data));
+// The page only listens (it posts its changes): a frame from it is nothing
+// the panel reads, and the WebSocket that sent it is closed.
+void SimHttp::OnSocketMessage(SoupWebsocketConnection* connection, gint, GBytes* data, gpointer) {
+    Guarded("a WebSocket frame", [connection, data] {
+        SIM_LOGW("panel: WebSocket frame of %zu byte(s) refused (the page only listens): closing it",
+                 g_bytes_get_size(data));
+        if (soup_websocket_connection_get_state(connection) == SOUP_WEBSOCKET_STATE_OPEN)
+            soup_websocket_connection_close(connection, SOUP_WEBSOCKET_CLOSE_POLICY_VIOLATION, "the panel only sends");
+    });
 }
 
 void SimHttp::OnSocketClosed(SoupWebsocketConnection* connection, gpointer self) {
     auto* http = static_cast<SimHttp*>(self);
-    auto it = std::find(http->m_sockets.begin(), http->m_sockets.end(), connection);
-    if (it == http->m_sockets.end()) return;
-    http->m_sockets.erase(it);
-    g_signal_handlers_disconnect_by_data(connection, http);
-    g_object_unref(connection);
+    Guarded("a WebSocket's end", [http, connection] {
+        auto it = std::find(http->m_sockets.begin(), http->m_sockets.end(), connection);
+        if (it == http->m_sockets.end()) return;
+        http->m_sockets.erase(it);
+        g_signal_handlers_disconnect_by_data(connection, http);
+        g_object_unref(connection);
+        SIM_LOGI("panel: WebSocket closed (%zu open)", http->m_sockets.size());
+    });
 }
 
 }  // namespace lumora::sim

@@ -8,20 +8,23 @@
 #include <json/json.h>
 #include <libsoup/soup.h>
 
+#include <memory>
 #include <string>
 #include <vector>
+
+#include "PanelConnections.h"
+#include "PanelRequest.h"
 
 namespace lumora::sim {
 
 class SimService;
 
-/// The largest request body the panel takes.
-constexpr gsize kMaxPanelBody = 64 * 1024;
-
 class SimHttp {
 public:
     /// address: the address to listen on ("127.0.0.1" by default); port 0
-    /// picks a free one. A non-loopback address needs allowRemote.
+    /// picks a free one. A non-loopback address needs allowRemote; on a
+    /// wildcard address (0.0.0.0, ::) a request may name as its Host the
+    /// address its connection came to.
     SimHttp(SimService& service, std::string address, unsigned port, bool allowRemote);
     ~SimHttp();
     SimHttp(const SimHttp&) = delete;
@@ -33,19 +36,30 @@ public:
     const std::string& Url() const { return m_url; }
 
 private:
-    static void OnEarly(SoupServer*, SoupServerMessage* message, const char* path, GHashTable*, gpointer self);
+    static void OnRequestStarted(SoupServer*, SoupServerMessage* message, gpointer self);
+    static void OnGotHeaders(SoupServerMessage* message, gpointer self);
+    static void OnGotChunk(SoupServerMessage* message, GBytes* chunk, gpointer self);
+    static void OnFinished(SoupServerMessage* message, gpointer self);
     static void OnRequest(SoupServer*, SoupServerMessage* message, const char* path, GHashTable*, gpointer self);
-    static void OnWebSocket(SoupServer*, SoupServerMessage*, const char*, SoupWebsocketConnection* connection,
-                            gpointer self);
+    static void OnWebSocket(SoupServer*, SoupServerMessage* message, const char*,
+                            SoupWebsocketConnection* connection, gpointer self);
     static void OnSocketClosed(SoupWebsocketConnection* connection, gpointer self);
     static void OnSocketMessage(SoupWebsocketConnection* connection, gint type, GBytes* data, gpointer self);
     static gboolean OnTick(gpointer self);
 
-    // Why message may not go further (403 or 413), or "" when it may.
-    std::string Refusal(SoupServerMessage* message, guint& status) const;
+    // Why message may not go further (403 or 413), or "" when it may; host
+    // is then the Host it named.
+    std::string Refusal(SoupServerMessage* message, guint& status, std::string& host) const;
+    std::string ReachedHost(SoupServerMessage* message) const;
+    bool HostAllowed(const std::string& host, SoupServerMessage* message) const;
+    // A refusal with its one log line: answered by libsoup once the request
+    // is read (Refuse), or at once from the headers, the body left unread
+    // (RefuseNow; message is no longer libsoup's after it).
+    void Refuse(SoupServerMessage* message, guint status, const std::string& why);
+    void RefuseNow(SoupServerMessage* message, guint status, const std::string& why);
+    void Serve(SoupServerMessage* message, const std::string& path);
     void ServeFile(SoupServerMessage* message, const std::string& path);
     void Post(SoupServerMessage* message, const std::string& path);
-    bool Apply(const std::string& path, const Json::Value& request, std::string& error);
     Json::Value Snapshot() const;
     void SendSnapshot(bool onlyWhenChanged);
 
@@ -53,9 +67,11 @@ private:
     std::string m_address;
     unsigned m_port;
     bool m_allowRemote;
-    std::string m_host;  // "ADDRESS:PORT" as served: the Host every request must name
+    bool m_wildcard = false;  // listening on every address of the machine
+    std::string m_host;       // "ADDRESS:PORT" as served: the Host a request names
     std::string m_url;
     SoupServer* m_server = nullptr;
+    std::unique_ptr<PanelConnections> m_connections;
     std::vector<SoupWebsocketConnection*> m_sockets;
     std::string m_lastSnapshot;
     guint m_tick = 0;  // the idle source that tells the pages of a change
