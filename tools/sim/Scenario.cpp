@@ -234,10 +234,6 @@ bool CheckTupleElement(char type, const JsonField& element, std::string& error) 
 
 }  // namespace
 
-bool ParseJsonText(const std::string& text, Json::Value& out, std::string& error) {
-    return tools::ParseJson(text, out, error, tools::JsonDialect::kWithComments);
-}
-
 bool CheckStatistics(const std::string& subject, const Json::Value& value, const std::string& path, std::string& error,
                      const Json::Value** where) {
     const JsonField tuples(value, JsonPathStyle::kBracketed, path);

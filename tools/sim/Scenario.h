@@ -33,12 +33,6 @@ struct Scenario {
 /// position applies). Never throws.
 bool LoadScenario(const std::string& path, Scenario& out, std::string& error);
 
-/// The simulator's texts (comments allowed; no trailing data, no duplicate
-/// keys, nesting bounded) parsed at the tools' one boundary, JsonInput.h's
-/// ParseJson, which the rest of the simulator calls directly. Never throws.
-/// On failure error holds "LINE:COLUMN: reason".
-bool ParseJsonText(const std::string& text, Json::Value& out, std::string& error);
-
 /// Checks statistics tuples for subject against its array signature. On
 /// failure error names the offending element by its JSON path (path is that of
 /// tuples) and, when where is given, *where points at that element.
