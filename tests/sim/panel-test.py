@@ -101,6 +101,11 @@ class Setup:
         self.port = int(self.host.rsplit(":", 1)[1])
         self.origin = "http://" + self.host
         self.pid = self.sim.pid
+        # The panel's address comes as soon as it listens, which may be before
+        # the service has its name on the bus (by far so under a sanitizer):
+        # clients started now would be told the service is not ready.
+        if not wait_for(lambda: os.path.exists("/tmp/lmf_service_ready"), 30.0):
+            raise SystemExit("lumora-sim did not get ready on the bus")
         return self
 
     def __exit__(self, *exc):
@@ -388,7 +393,9 @@ def bodies_side(setup):
               f"a {framing} POST of 256 MiB for Host {host} is refused with {expected} after at most 4 MiB "
               f"(got {status} after {sent >> 10} KiB, {seconds:.1f} s)")
     rss_after = rss_kib(setup.pid)
-    check(rss_after - rss_before < 16 * 1024, f"the simulator's memory stayed put ({rss_before} -> {rss_after} KiB)")
+    # Reading the posts whole grew it by over 270 MiB; what is bounded grows
+    # by a few hundred KiB, or by some tens of MiB of a sanitizer's shadow.
+    check(rss_after - rss_before < 64 * 1024, f"the simulator's memory stayed put ({rss_before} -> {rss_after} KiB)")
     # Chunked within the limit is still taken.
     sock = socket.create_connection(("127.0.0.1", setup.port), timeout=10)
     body = json.dumps({"subject": "Ctx/Sound/Volume/Level/Current", "value": '{"Level":12}'}).encode()
