@@ -233,6 +233,83 @@ def browser_side(setup):
 
 
 
+# Each control's ".../Changed" subject and the ".../Current" an app reads when
+# the change arrives.
+CHANGED_CURRENT = {
+    "Ctx/Media/Broadcast/Program/Changed": "Ctx/Media/Broadcast/Program/Current",
+    "Ctx/Sound/Volume/Level/Changed": "Ctx/Sound/Volume/Level/Current",
+    "Ctx/Media/Source/Changed": "Ctx/Media/Source/Info/Current",
+    "Ctx/App/Info/Changed": "Ctx/App/Info/Current",
+    "Ctx/Env/Brightness/Level/Changed": "Ctx/Env/Brightness/Level/Current",
+}
+
+# The page's posts, each held back as on a slow link: whatever a control
+# posts second reaches the simulator well after its first.
+SLOW_POSTS = """
+const realFetch = window.fetch;
+window.fetch = (...args) => new Promise((resolve) => setTimeout(resolve, 400)).then(() => realFetch(...args));
+"""
+
+
+def order_side(setup):
+    """An app that reads the current value when a change is notified sees the
+    new value, for every control of the page."""
+    browser = start_browser()
+    subscriber = subprocess.Popen([LUMORA, "subscribe", *CHANGED_CURRENT], stdout=subprocess.PIPE, text=True,
+                                  env=setup.env)
+    seen = []
+
+    def follow():
+        # As the app does it: each change read against the current value at once.
+        for line in subscriber.stdout:
+            event = json.loads(line)
+            if "subject" not in event:
+                continue
+            current = json.loads(setup.lumora("read", CHANGED_CURRENT[event["subject"]]).stdout or "null")
+            seen.append((event["subject"], event["data"], current))
+
+    reader = threading.Thread(target=follow, daemon=True)
+    reader.start()
+    try:
+        browser.get(setup.url)
+        check(wait_for(lambda: browser.find_element(By.ID, "connection").text == "live"), "the page goes live")
+        time.sleep(0.5)  # the subscriber's subscriptions are in
+        browser.execute_script(SLOW_POSTS)
+        actions = [("channel up", "document.getElementById('channel-up').click()"),
+                   ("channel up", "document.getElementById('channel-up').click()"),
+                   ("channel down", "document.getElementById('channel-down').click()"),
+                   ("volume", "const s = document.getElementById('volume'); s.value = 12;"
+                              " s.dispatchEvent(new Event('change'));"),
+                   ("source", "const s = document.getElementById('source'); s.value = 'HDMI2';"
+                              " s.dispatchEvent(new Event('change'));"),
+                   ("app", "document.getElementById('app').value = 'com.example.order';"
+                           " document.getElementById('app-set').click();"),
+                   ("brightness", "const s = document.getElementById('brightness'); s.value = 33;"
+                                  " s.dispatchEvent(new Event('change'));")]
+        for number, (what, script) in enumerate(actions, 1):
+            browser.execute_script(script)
+            if not wait_for(lambda: len(seen) >= number, 10):
+                check(False, f"{what}: the subscriber heard the change")
+                return
+            time.sleep(1.0)  # the control's last post is in
+        channels = [entry for entry in seen if entry[0].endswith("Program/Changed")]
+        right = [entry for entry in channels
+                 if entry[2] and (entry[2].get("major"), entry[2].get("minor")) ==
+                 (entry[1].get("major"), entry[1].get("minor"))]
+        check(len(channels) == 3 and len(right) == 3,
+              f"the current programme read on each channel change is the new channel, {len(right)} of 3 ({channels})")
+        for subject, data, current in seen:
+            if subject.endswith("Program/Changed"):
+                continue
+            check(isinstance(current, dict) and all(current.get(k) == v for k, v in data.items()),
+                  f"{subject}: the current value read on the change is the new one ({data} read as {current})")
+        check(len(seen) == len(actions), f"one change per control ({len(seen)} for {len(actions)})")
+    finally:
+        browser.quit()
+        subscriber.terminate()
+        subscriber.wait()
+
+
 def deep(levels):
     return "[" * levels + "]" * levels
 
@@ -576,7 +653,8 @@ def start_browser():
 
 
 MODES = {"http": http_side, "browser": None, "malformed": malformed_side, "framing": framing_side,
-         "bodies": bodies_side, "descriptors": descriptors_side, "slow": slow_side, "hosts": hosts_side}
+         "bodies": bodies_side, "descriptors": descriptors_side, "slow": slow_side, "hosts": hosts_side,
+         "order": order_side}
 if MODE not in MODES:
     raise SystemExit(f"unknown mode {MODE} (one of {', '.join(MODES)})")
 prefix = ("prlimit", "--nofile=256:256") if MODE == "descriptors" else ()

@@ -68,8 +68,10 @@ async function tune(index) {
   const program = { ChName: channel.ChName, major: channel.major, minor: channel.minor,
                     ProgramTitle: channel.ChName + " now", Genre: "" };
   try {
+    // The current programme first: an app that reads it when the change
+    // arrives must find the new channel there.
+    await setValue("Ctx/Media/Broadcast/Program/Current", program, false);
     await setValue("Ctx/Media/Broadcast/Program/Changed", program, true);
-    await setValue("Ctx/Media/Broadcast/Program/Current", program, true);
     show("tuned to " + channel.major + "-" + channel.minor + " " + channel.ChName, false);
   } catch (error) {
     show(error.message, true);
@@ -80,6 +82,9 @@ function currentChannelIndex() {
   const program = value("Ctx/Media/Broadcast/Program/Current") || {};
   return channels().findIndex((c) => c.major === program.major && c.minor === program.minor);
 }
+
+// Every control sets ".../Current" before it notifies ".../Changed", never
+// the other way round: an app reads the current value when told of a change.
 
 // A level control (volume, brightness): the slider's level set on the
 // ".../Current" subject and notified on ".../Changed".
