@@ -310,6 +310,72 @@ def order_side(setup):
         subscriber.wait()
 
 
+def edits_side(setup):
+    """A draft left in a field without "set" outlives the state's updates, is
+    marked and can be reverted; a refused set keeps its reason beside it."""
+    browser = start_browser()
+    try:
+        browser.get(setup.url)
+        check(wait_for(lambda: browser.find_element(By.ID, "connection").text == "live"), "the page goes live")
+        updates = lambda: int(browser.find_element(By.TAG_NAME, "body").get_attribute("data-updates") or 0)
+        row = lambda subject: browser.find_element(By.CSS_SELECTOR, f"tr[data-subject='{subject}']")
+        check(wait_for(lambda: row("Ctx/App/Info/Current")), "the page lists the subjects")
+
+        # A draft, left without pressing set: another change of the same
+        # subject (and of others) does not overwrite it.
+        app = row("Ctx/App/Info/Current")
+        text = app.find_element(By.TAG_NAME, "textarea")
+        text.clear()
+        text.send_keys('{"AppId":"my.draft"}')
+        browser.execute_script("document.activeElement.blur();")
+        before = updates()
+        subprocess.run([SIM, "ctl", "set", "Ctx/App/Info/Current", '{"AppId":"from.ctl"}'], env=setup.env, check=True)
+        subprocess.run([SIM, "ctl", "set", "Ctx/Sound/Volume/Level/Current", '{"Level":5}'], env=setup.env, check=True)
+        check(wait_for(lambda: updates() >= before + 2, 3), "the changes came over the WebSocket")
+        time.sleep(0.3)
+        check(text.get_attribute("value") == '{"AppId":"my.draft"}',
+              f"the draft is kept through the updates (shows {text.get_attribute('value')})")
+        check("draft" in app.get_attribute("class").split(), "the row is marked as a draft")
+        revert = app.find_element(By.CSS_SELECTOR, "button.revert")
+        check(revert.is_displayed(), "a draft has a revert button")
+        revert.click()
+        check(wait_for(lambda: text.get_attribute("value") == '{"AppId":"from.ctl"}', 2),
+              f"revert shows the value in force ({text.get_attribute('value')})")
+        check("draft" not in app.get_attribute("class").split(), "a reverted row is no draft")
+        check(not revert.is_displayed(), "and has no revert button")
+        # Not a draft any more: the next update shows.
+        subprocess.run([SIM, "ctl", "set", "Ctx/App/Info/Current", '{"AppId":"next"}'], env=setup.env, check=True)
+        check(wait_for(lambda: text.get_attribute("value") == '{"AppId":"next"}', 2),
+              "a field that is no draft follows the state")
+
+        # A refused set: its reason stays beside the draft through updates.
+        source = row("Ctx/Media/Source/Info/Current")
+        text = source.find_element(By.TAG_NAME, "textarea")
+        text.clear()
+        text.send_keys("{broken")
+        source.find_element(By.CSS_SELECTOR, "button.set").click()
+        error = source.find_element(By.CLASS_NAME, "error")
+        check(wait_for(lambda: "not JSON" in error.text), "invalid JSON is refused in place with the reason")
+        browser.execute_script("document.activeElement.blur();")
+        before = updates()
+        subprocess.run([SIM, "ctl", "set", "Ctx/Media/Source/Info/Current", '{"Source":"HDMI3"}'], env=setup.env,
+                       check=True)
+        check(wait_for(lambda: updates() > before, 3), "the change came over the WebSocket")
+        time.sleep(0.3)
+        check(text.get_attribute("value") == "{broken" and "not JSON" in error.text,
+              f"the refused draft and its reason stay ({text.get_attribute('value')!r}, {error.text!r})")
+        text.send_keys("}")
+        check(error.text == "", f"the reason goes with the next edit ({error.text!r})")
+        # A set refused by the simulator (nested too deep for it).
+        text.clear()
+        text.send_keys("[" * 3000 + "]" * 3000)
+        source.find_element(By.CSS_SELECTOR, "button.set").click()
+        check(wait_for(lambda: "nested" in error.text), f"a set refused by the simulator says why ({error.text!r})")
+        check(text.get_attribute("value").startswith("[[["), "beside the refused draft")
+    finally:
+        browser.quit()
+
+
 def deep(levels):
     return "[" * levels + "]" * levels
 
@@ -654,7 +720,7 @@ def start_browser():
 
 MODES = {"http": http_side, "browser": None, "malformed": malformed_side, "framing": framing_side,
          "bodies": bodies_side, "descriptors": descriptors_side, "slow": slow_side, "hosts": hosts_side,
-         "order": order_side}
+         "order": order_side, "edits": edits_side}
 if MODE not in MODES:
     raise SystemExit(f"unknown mode {MODE} (one of {', '.join(MODES)})")
 prefix = ("prlimit", "--nofile=256:256") if MODE == "descriptors" else ()

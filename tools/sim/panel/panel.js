@@ -4,7 +4,6 @@
 "use strict";
 
 let state = null;
-const editing = new Set(); // subjects whose value is being edited in the page
 
 const $ = (id) => document.getElementById(id);
 
@@ -32,8 +31,14 @@ function setValue(subject, value, notify) {
 
 function control(action, extra) {
   return post("/api/control", Object.assign({ action }, extra || {}))
-    .then(() => show(action + " done", false))
-    .catch((error) => show(action + ": " + error.message, true));
+    .then(() => {
+      show(action + " done", false);
+      return true;
+    })
+    .catch((error) => {
+      show(action + ": " + error.message, true);
+      return false;
+    });
 }
 
 function value(subject) {
@@ -122,6 +127,8 @@ async function launchApp() {
   try {
     await setValue("Ctx/App/Info/Current", app, false);
     await setValue("Ctx/App/Info/Changed", app, true);
+    $("app").dataset.shown = $("app").value;
+    markDraft($("app"));
     show(appId + " in the foreground", false);
   } catch (error) {
     show(error.message, true);
@@ -157,53 +164,103 @@ function drawTelevision() {
     $("brightness-value").textContent = brightness.Level;
   }
   const app = value("Ctx/App/Info/Current") || {};
-  if (document.activeElement !== $("app")) $("app").value = app.AppId || "";
+  showField($("app"), app.AppId || "");
 }
 
 function drawService() {
   $("enabled").checked = state.enabled;
   $("answering").textContent = state.answering ? "answering" : "holding " + state.heldCalls + " call(s)";
-  if (document.activeElement !== $("whitelist")) $("whitelist").value = state.whiteList.join(" ");
+  showField($("whitelist"), state.whiteList.join(" "));
   $("service").textContent = (state.enabled ? "enabled" : "disabled") + (state.answering ? "" : ", not answering") +
     (state.replay ? ", replay " + state.replay.played + "/" + state.replay.events : "");
+}
+
+// A field the user types into shows the state's value only while it holds
+// the last value shown: anything else is a draft, kept through the state's
+// updates (focused or not) until it is set or reverted.
+function isDraft(field) {
+  return field.dataset.shown !== undefined && field.value !== field.dataset.shown;
+}
+
+function markDraft(field) {
+  const draft = isDraft(field);
+  field.classList.toggle("draft", draft);
+  const holder = field.closest("[data-draft-holder]");
+  if (holder) holder.classList.toggle("draft", draft);
+}
+
+// Shows value in field unless the field holds a draft; the value is what a
+// revert goes back to either way.
+function showField(field, value) {
+  if (!isDraft(field)) field.value = value;
+  field.dataset.shown = value;
+  markDraft(field);
+}
+
+function revertField(field) {
+  if (field.dataset.shown !== undefined) field.value = field.dataset.shown;
+  markDraft(field);
 }
 
 function subjectRow(subject) {
   const row = document.createElement("tr");
   row.dataset.subject = subject;
+  row.dataset.draftHolder = "";
   const name = document.createElement("td");
   name.className = "subject";
   name.textContent = subject;
+  name.title = subject;
   const cell = document.createElement("td");
+  cell.className = "value";
   const text = document.createElement("textarea");
   text.spellcheck = false;
-  text.addEventListener("focus", () => editing.add(subject));
-  text.addEventListener("blur", () => editing.delete(subject));
+  text.rows = 1;
+  const note = document.createElement("span");
+  note.className = "draft-note";
+  note.textContent = "draft, not set";
   const error = document.createElement("span");
   error.className = "error";
-  cell.append(text, error);
+  // A refusal stays beside the draft it refused until the next edit or set.
+  text.addEventListener("input", () => {
+    error.textContent = "";
+    markDraft(text);
+  });
+  cell.append(text, note, error);
   const buttons = document.createElement("td");
+  buttons.className = "buttons";
   for (const [label, notify] of [["set", false], ["set and notify", true]]) {
     const button = document.createElement("button");
     button.textContent = label;
     button.className = notify ? "set-notify" : "set";
     button.addEventListener("click", async () => {
+      error.textContent = "";
       try {
         JSON.parse(text.value);
       } catch (parseError) {
         error.textContent = "not JSON: " + parseError.message;
         return;
       }
+      const sent = text.value;
       try {
-        await setValue(subject, text.value, notify);
-        error.textContent = "";
-        editing.delete(subject);
+        await setValue(subject, sent, notify);
+        // The simulator keeps the text as given: it is what the next update shows.
+        text.dataset.shown = sent;
+        markDraft(text);
       } catch (postError) {
         error.textContent = postError.message;
       }
     });
     buttons.append(button);
   }
+  const revert = document.createElement("button");
+  revert.textContent = "revert";
+  revert.className = "revert";
+  revert.title = "drop the draft and show the value in force";
+  revert.addEventListener("click", () => {
+    error.textContent = "";
+    revertField(text);
+  });
+  buttons.append(revert);
   row.append(name, cell, buttons);
   return row;
 }
@@ -213,16 +270,20 @@ function drawSubjects() {
   const filter = $("search").value.toLowerCase();
   const subjects = Object.keys(state.values).sort();
   const rows = new Map(Array.from(body.rows).map((row) => [row.dataset.subject, row]));
+  let previous = null;
   for (const subject of subjects) {
     let row = rows.get(subject);
     if (!row) {
       row = subjectRow(subject);
-      body.append(row);
+      // In sorted order among the rows there are, without a reload.
+      if (previous) previous.after(row);
+      else body.prepend(row);
     }
+    previous = row;
     rows.delete(subject);
-    row.hidden = filter !== "" && !subject.toLowerCase().includes(filter);
-    const text = row.querySelector("textarea");
-    if (!editing.has(subject) && text.value !== state.values[subject]) text.value = state.values[subject];
+    const shown = state.values[subject];
+    row.hidden = filter !== "" && !subject.toLowerCase().includes(filter) && !shown.toLowerCase().includes(filter);
+    showField(row.querySelector("textarea"), shown);
   }
   for (const row of rows.values()) row.remove();
 }
@@ -287,8 +348,16 @@ $("enabled").addEventListener("change", () => control($("enabled").checked ? "en
 $("stop-answering").addEventListener("click", () => control("stop-answering"));
 $("resume-answering").addEventListener("click", () => control("resume-answering"));
 $("restart").addEventListener("click", () => control("restart", { pause_ms: Number($("restart-pause").value) }));
-$("whitelist-set").addEventListener("click",
-  () => control("whitelist", { names: $("whitelist").value.split(/\s+/).filter((n) => n) }));
+$("whitelist-set").addEventListener("click", () => {
+  const names = $("whitelist").value.split(/\s+/).filter((n) => n);
+  return control("whitelist", { names }).then((done) => {
+    if (!done) return;
+    $("whitelist").dataset.shown = names.join(" ");
+    $("whitelist").value = names.join(" ");
+    markDraft($("whitelist"));
+  });
+});
+for (const id of ["app", "whitelist"]) $(id).addEventListener("input", () => markDraft($(id)));
 $("code-set").addEventListener("click",
   () => control("code", { subject: $("fault-subject").value, value: Number($("fault-code").value) }));
 $("delay-set").addEventListener("click",
