@@ -376,6 +376,91 @@ def edits_side(setup):
         browser.quit()
 
 
+def shown_side(setup):
+    """What the page shows is the simulator's state: faults in force, callers'
+    names, subjects in order, numbers as written, and whether it is there."""
+    subprocess.run([SIM, "ctl", "code", "Data/Weather/Forecast", "-5"], env=setup.env, check=True)
+    subprocess.run([SIM, "ctl", "delay", "Pref/Channel/List", "1500"], env=setup.env, check=True)
+    browser = start_browser()
+    try:
+        browser.get(setup.url)
+        live = lambda: browser.find_element(By.ID, "connection").text == "live"
+        check(wait_for(live), "the page goes live")
+        faults = browser.find_element(By.ID, "faults")
+        check(wait_for(lambda: "Data/Weather/Forecast" in faults.text), "the faults in force are listed")
+        rows = {row.get_attribute("data-subject"): row.text for row in faults.find_elements(By.CSS_SELECTOR, "tbody tr")}
+        check("-5" in rows.get("Data/Weather/Forecast", ""), f"with the code -5 ({rows})")
+        check("1500 ms" in rows.get("Pref/Channel/List", ""), f"and the delay of 1500 ms ({rows})")
+        browser.find_element(By.ID, "fault-subject").send_keys("Data/Weather/Forecast")
+        check(wait_for(lambda: browser.find_element(By.ID, "fault-code").get_attribute("value") == "-5", 2),
+              "the code field shows the subject's code in force, -5 as ctl status gives it")
+        check(browser.find_element(By.ID, "fault-delay").get_attribute("value") == "0", "and its delay, none")
+
+        # ServiceEnable's caller by its name, as the other calls' callers.
+        check(setup.lumora("read", "Ctx/Sound/Volume/Level/Current").returncode == 0, "lumora read")
+        calls = lambda: [r.text for r in browser.find_elements(By.CSS_SELECTOR, "#calls tbody tr")]
+        check(wait_for(lambda: any(" enable" in c for c in calls()), 3),
+              f"the ServiceEnable call is listed ({calls()[:3]})")
+        enables = [c for c in calls() if " enable" in c]
+        check(enables and all("lumora[" in c and "?[?]" not in c for c in enables),
+              f"ServiceEnable's caller is named ({enables[:2]})")
+
+        # A subject new to the page takes its sorted place.
+        subprocess.run([SIM, "ctl", "set", "Ctx/Aaa/New", '{"x":1}'], env=setup.env, check=True)
+        order = lambda: [r.get_attribute("data-subject") for r in
+                         browser.find_elements(By.CSS_SELECTOR, "#subjects tbody tr")]
+        check(wait_for(lambda: "Ctx/Aaa/New" in order(), 2), "the new subject shows without reload")
+        check(order() == sorted(order()), f"in sorted order ({order()[:4]})")
+
+        # Numbers as they were written: the scenario's, and one set in the page.
+        table = "Pref/Channel/List/WeekTimeTable"
+        read = setup.lumora("read", table).stdout
+        check("0.82" in read and "0.8199" not in read, f"the scenario's 0.82 is answered as written ({read[:160]})")
+        shown = browser.find_element(By.CSS_SELECTOR, f"tr[data-subject='{table}'] textarea").get_attribute("value")
+        check('"Score":0.82' in shown, f"and shown as written ({shown[:160]})")
+        row = browser.find_element(By.CSS_SELECTOR, "tr[data-subject='Ctx/Aaa/New']")
+        text = row.find_element(By.TAG_NAME, "textarea")
+        text.clear()
+        text.send_keys('{"Gain": 0.82, "Step": 1.10}')
+        row.find_element(By.CSS_SELECTOR, "button.set").click()
+        check(wait_for(lambda: setup.lumora("read", "Ctx/Aaa/New").stdout.strip() == '{"Gain": 0.82, "Step": 1.10}',
+                       3),
+              f"a value set in the page is answered as its text ({setup.lumora('read', 'Ctx/Aaa/New').stdout.strip()})")
+        browser.refresh()
+        check(wait_for(live), "the page goes live again after a reload")
+        text = lambda: browser.find_element(By.CSS_SELECTOR, "tr[data-subject='Ctx/Aaa/New'] textarea")
+        check(wait_for(lambda: text().get_attribute("value") == '{"Gain": 0.82, "Step": 1.10}', 3),
+              f"and shown as its text after a reload ({text().get_attribute('value')})")
+
+        # The simulator stops: the page says so and offers nothing to press.
+        subprocess.run([SIM, "ctl", "set", "Ctx/App/Info/Current", '{"AppId":"before.stop"}'], env=setup.env,
+                       check=True)
+        setup.sim.terminate()
+        setup.sim.wait()
+        check(wait_for(lambda: "disconnected" in browser.find_element(By.ID, "connection").text, 5),
+              "the page says it is disconnected")
+        check("offline" in browser.find_element(By.TAG_NAME, "body").get_attribute("class").split(),
+              "and greys out the state")
+        enabled = browser.execute_script(
+            "return Array.from(document.querySelectorAll('main button, main input, main select, main textarea'))"
+            ".filter((c) => !c.disabled && c.id !== 'search').map((c) => c.id || c.className || c.tagName)")
+        check(enabled == [], f"every control is disabled ({enabled[:5]})")
+        # Back on the same port: live again, with the new simulator's state.
+        setup.sim = subprocess.Popen([SIM, "--scenario", os.path.join(ROOT, "data/scenarios/sample-tv.json"),
+                                      "--http", setup.host], stdout=subprocess.PIPE, env=setup.env, text=True)
+        check(wait_for(live, 10), "the page is live again when the simulator is back")
+        check("offline" not in browser.find_element(By.TAG_NAME, "body").get_attribute("class").split(),
+              "and no longer greyed out")
+        check(not browser.find_element(By.ID, "restart").get_attribute("disabled"), "its controls work again")
+        app = browser.find_element(By.CSS_SELECTOR, "tr[data-subject='Ctx/App/Info/Current'] textarea")
+        check(wait_for(lambda: "com.verdin.tv.livetv" in app.get_attribute("value"), 3),
+              f"it shows the new simulator's state ({app.get_attribute('value')})")
+        check(not browser.find_elements(By.CSS_SELECTOR, "tr[data-subject='Ctx/Aaa/New']"),
+              "without the subjects the old one had")
+    finally:
+        browser.quit()
+
+
 def deep(levels):
     return "[" * levels + "]" * levels
 
@@ -720,7 +805,7 @@ def start_browser():
 
 MODES = {"http": http_side, "browser": None, "malformed": malformed_side, "framing": framing_side,
          "bodies": bodies_side, "descriptors": descriptors_side, "slow": slow_side, "hosts": hosts_side,
-         "order": order_side, "edits": edits_side}
+         "order": order_side, "edits": edits_side, "shown": shown_side}
 if MODE not in MODES:
     raise SystemExit(f"unknown mode {MODE} (one of {', '.join(MODES)})")
 prefix = ("prlimit", "--nofile=256:256") if MODE == "descriptors" else ()

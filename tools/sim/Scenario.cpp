@@ -29,6 +29,32 @@ using tools::JsonPathStyle;
 // no client waits that long.
 constexpr unsigned kMaxDelayMs = 600000;
 
+// JSON text without the spaces and line breaks between its tokens, as
+// clients are answered; strings and numbers stay as they are written.
+std::string Compact(const std::string& text) {
+    std::string compact;
+    compact.reserve(text.size());
+    bool inString = false;
+    bool escaped = false;
+    for (char c : text) {
+        if (inString) {
+            if (escaped) {
+                escaped = false;
+            } else if (c == '\\') {
+                escaped = true;
+            } else if (c == '"') {
+                inString = false;
+            }
+        } else if (c == ' ' || c == '\t' || c == '\n' || c == '\r') {
+            continue;
+        } else if (c == '"') {
+            inString = true;
+        }
+        compact += c;
+    }
+    return compact;
+}
+
 // Reports the first problem found, at the position of the value it concerns.
 class Checker {
 public:
@@ -39,6 +65,19 @@ public:
     bool Fail(const JsonField& at, const std::string& what) { return FailAt(at, at.Path() + ": " + what); }
     bool FailAt(const Json::Value& at, const std::string& message) {
         return FailAtOffset(at.getOffsetStart(), message);
+    }
+    // A value as the file writes it (its numbers as written: 0.82 stays
+    // 0.82), when that text is strict JSON by itself; else written anew.
+    std::string SourceText(const Json::Value& value) const {
+        ptrdiff_t start = value.getOffsetStart();
+        ptrdiff_t limit = value.getOffsetLimit();
+        if (!value.isString() && start >= 0 && limit > start && static_cast<size_t>(limit) <= m_text.size()) {
+            std::string text = Compact(m_text.substr(static_cast<size_t>(start), static_cast<size_t>(limit - start)));
+            Json::Value parsed;
+            std::string why;
+            if (tools::ParseJson(text, parsed, why, tools::JsonDialect::kStrict) && parsed == value) return text;
+        }
+        return ValueText(value);
     }
     bool FailAtOffset(ptrdiff_t offset, const std::string& message) {
         m_error = m_file + ":" + tools::TextPosition(m_text, offset) + ": " + message;
@@ -106,7 +145,7 @@ bool ReadValues(Checker& check, const JsonField& values, Scenario& out) {
     for (const std::string& subject : values.Keys()) {
         const JsonField value = values[subject];
         if (value.IsNull()) continue;  // a subject without a value answers "{}"
-        out.values[subject] = ValueText(value.Value());
+        out.values[subject] = check.SourceText(value.Value());
     }
     return true;
 }

@@ -156,7 +156,28 @@ void SimService::OnNameOwnerChanged(GDBusConnection*, const gchar*, const gchar*
     const gchar* name = nullptr;
     const gchar* newOwner = nullptr;
     g_variant_get(parameters, "(&s&s&s)", &name, nullptr, &newOwner);
-    if (name[0] == ':' && newOwner[0] == '\0') static_cast<SimService*>(self)->m_state.DropClient(name);
+    if (name[0] != ':' || newOwner[0] != '\0') return;
+    auto* service = static_cast<SimService*>(self);
+    service->m_callerPids.erase(name);
+    service->m_state.DropClient(name);
+}
+
+guint32 SimService::CallerPid(const std::string& sender) {
+    auto known = m_callerPids.find(sender);
+    if (known != m_callerPids.end()) return known->second;
+    if (m_connection == nullptr) return 0;
+    // The bus daemon answers this itself, at once.
+    GVariant* reply = g_dbus_connection_call_sync(
+        m_connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+        "GetConnectionUnixProcessID", g_variant_new("(s)", sender.c_str()), G_VARIANT_TYPE("(u)"),
+        G_DBUS_CALL_FLAGS_NONE, 1000, nullptr, nullptr);
+    guint32 pid = 0;
+    if (reply != nullptr) {
+        g_variant_get(reply, "(u)", &pid);
+        g_variant_unref(reply);
+    }
+    m_callerPids[sender] = pid;
+    return pid;
 }
 
 bool SimService::Publish(const char* destination, const std::string& subject, const std::string& data) {

@@ -123,7 +123,22 @@ Json::Value SimState::ToJson() const {
     return status;
 }
 
-void SimState::RecordCall(const std::string& sender, const std::string& method, GVariant* parameters) {
+namespace {
+
+// A process as the call log shows it: its pid, and its name when it still runs.
+void AddProcess(Json::Value& call, gint32 pid) {
+    call["pid"] = pid;
+    gchar* path = g_strdup_printf("/proc/%d/comm", pid);
+    gchar* comm = nullptr;
+    if (pid > 0 && g_file_get_contents(path, &comm, nullptr, nullptr)) call["process"] = g_strstrip(comm);
+    g_free(comm);
+    g_free(path);
+}
+
+}  // namespace
+
+void SimState::RecordCall(const std::string& sender, const std::string& method, GVariant* parameters,
+                          guint32 callerPid) {
     // Nobody shows them without a listener: every call would pay for nothing.
     if (!m_onChange) return;
     Json::Value call(Json::objectValue);
@@ -135,17 +150,14 @@ void SimState::RecordCall(const std::string& sender, const std::string& method, 
         gint32 pid = 0, type = 0, id = 0;
         const gchar* subject = nullptr;
         g_variant_get(parameters, "(iii&s&s)", &pid, &type, &id, &subject, nullptr);
-        call["pid"] = pid;
+        AddProcess(call, pid);
         call["type"] = type;
         call["id"] = id;
         call["subject"] = subject;
-        gchar* path = g_strdup_printf("/proc/%d/comm", pid);
-        gchar* comm = nullptr;
-        if (pid > 0 && g_file_get_contents(path, &comm, nullptr, nullptr)) call["process"] = g_strstrip(comm);
-        g_free(comm);
-        g_free(path);
         call["code"] = ResultCode(subject);
         call["delay_ms"] = DelayMs(subject);
+    } else if (callerPid != 0) {
+        AddProcess(call, static_cast<gint32>(callerPid));
     }
     m_calls.append(call);
     constexpr Json::ArrayIndex kKept = 100;

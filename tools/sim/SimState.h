@@ -80,7 +80,12 @@ public:
     /// The calls served lately (the last 100), for the control panel: time,
     /// caller, process, method, request type, subject, the answer's code and
     /// delay as the state gives them. Kept only while a change listener is set.
-    void RecordCall(const std::string& sender, const std::string& method, GVariant* parameters);
+    /// callerPid: the caller's process as the bus knows it, for the calls
+    /// whose parameters do not name it (ServiceEnable); 0 when not known.
+    void RecordCall(const std::string& sender, const std::string& method, GVariant* parameters,
+                    guint32 callerPid = 0);
+    /// Whether calls are recorded (someone shows them).
+    bool RecordingCalls() const { return static_cast<bool>(m_onChange); }
     const Json::Value& RecentCalls() const { return m_calls; }
 
     /// Where a replay stands (null when none runs), shown as "replay".

@@ -202,6 +202,50 @@ function revertField(field) {
   markDraft(field);
 }
 
+// The result codes and delays in force, as ctl status gives them; the code
+// and delay fields show those of the subject typed beside them.
+function drawFaults() {
+  const codes = state.resultCodes || {};
+  const delays = state.delaysMs || {};
+  const body = $("faults").tBodies[0];
+  body.innerHTML = "";
+  const subjects = Array.from(new Set([...Object.keys(codes), ...Object.keys(delays)])).sort();
+  for (const subject of subjects) {
+    const row = body.insertRow();
+    row.dataset.subject = subject;
+    const name = row.insertCell();
+    name.className = "subject";
+    name.textContent = subject;
+    name.title = subject;
+    row.insertCell().textContent = subject in codes ? String(codes[subject]) : "0";
+    row.insertCell().textContent = (delays[subject] || 0) + " ms";
+    row.addEventListener("click", () => {
+      $("fault-subject").value = subject;
+      showFaultFields(true);
+    });
+  }
+  if (subjects.length === 0) placeholder(body, 3, "none: every subject answers at once with code 0");
+  showFaultFields(false);
+}
+
+function showFaultFields(chosen) {
+  const subject = $("fault-subject").value;
+  const code = String((state.resultCodes || {})[subject] || 0);
+  const delay = String((state.delaysMs || {})[subject] || 0);
+  for (const [id, text] of [["fault-code", code], ["fault-delay", delay]]) {
+    if (chosen) delete $(id).dataset.shown;
+    showField($(id), text);
+  }
+}
+
+// The one row of an empty table, saying why it is empty.
+function placeholder(body, columns, text) {
+  const cell = body.insertRow().insertCell();
+  cell.colSpan = columns;
+  cell.className = "placeholder";
+  cell.textContent = text;
+}
+
 function subjectRow(subject) {
   const row = document.createElement("tr");
   row.dataset.subject = subject;
@@ -302,6 +346,7 @@ function drawCalls() {
       row.insertCell().textContent = text;
     }
   }
+  if (body.rows.length === 0) placeholder(body, 6, "no call served yet");
   const list = $("subscriptions");
   list.innerHTML = "";
   for (const [subject, clients] of Object.entries(state.subscriptions || {})) {
@@ -314,8 +359,19 @@ function drawCalls() {
 function draw() {
   drawTelevision();
   drawService();
+  drawFaults();
   drawSubjects();
   drawCalls();
+}
+
+// Without the simulator the state shown is only what it was: greyed out, and
+// nothing to press until the simulator is back and its state is in.
+function setLive(live) {
+  if (document.body.classList.contains("offline") === !live) return;
+  document.body.classList.toggle("offline", !live);
+  for (const control of document.querySelectorAll("main button, main input, main select, main textarea")) {
+    if (control.id !== "search") control.disabled = !live;
+  }
 }
 
 function connect() {
@@ -327,11 +383,13 @@ function connect() {
   socket.onmessage = (event) => {
     state = JSON.parse(event.data);
     draw();
+    setLive(true);
     document.body.dataset.updates = String(Number(document.body.dataset.updates || 0) + 1);
   };
   socket.onclose = () => {
     $("connection").textContent = "disconnected, reconnecting...";
     $("connection").className = "bad";
+    setLive(false);
     setTimeout(connect, 1000);
   };
 }
@@ -363,4 +421,6 @@ $("code-set").addEventListener("click",
 $("delay-set").addEventListener("click",
   () => control("delay", { subject: $("fault-subject").value, value: Number($("fault-delay").value) }));
 $("search").addEventListener("input", () => state && drawSubjects());
+$("fault-subject").addEventListener("input", () => state && showFaultFields(true));
+for (const id of ["fault-code", "fault-delay"]) $(id).addEventListener("input", () => markDraft($(id)));
 connect();
