@@ -461,6 +461,64 @@ def shown_side(setup):
         browser.quit()
 
 
+LONG_SUBJECT = "Ctx/Media/Broadcast/Program/Schedule/Extended/Description/ForTheWholeWeekAhead/IncludingRegionalVariants/Now"
+
+# For every label of the Service card holding an input: the label's own text
+# and its input on one line (their boxes overlap vertically).
+LABELS_ON_ONE_LINE = """
+const broken = [];
+for (const label of document.querySelectorAll("#controls label")) {
+  const input = label.querySelector("input, select");
+  const words = Array.from(label.childNodes).find((n) => n.nodeType === 3 && n.textContent.trim());
+  if (!input || !words) continue;
+  const range = document.createRange();
+  range.selectNodeContents(words);
+  const text = range.getBoundingClientRect();
+  const box = input.getBoundingClientRect();
+  if (text.bottom <= box.top || text.top >= box.bottom) broken.push(words.textContent.trim());
+}
+return broken;
+"""
+
+
+def layout_side(setup):
+    """At 1366 and 800 pixels wide, with a long subject and value: nothing
+    wider than the window, every label beside its input. Saves screenshots."""
+    subprocess.run([SIM, "ctl", "set", LONG_SUBJECT, json.dumps({"Text": "word " * 60})], env=setup.env, check=True)
+    subprocess.run([SIM, "ctl", "whitelist", "com.example.first.application", "com.example.second.application"],
+                   env=setup.env, capture_output=True)
+    browser = start_browser()
+    try:
+        for width, height in ((1366, 768), (800, 1000)):
+            browser.set_window_size(width, height)
+            browser.get(setup.url)
+            check(wait_for(lambda: browser.find_element(By.ID, "connection").text == "live"), "the page goes live")
+            check(wait_for(lambda: browser.find_elements(By.CSS_SELECTOR, f"tr[data-subject='{LONG_SUBJECT}']")),
+                  "the long subject is listed")
+            time.sleep(0.3)
+            scroll, inner = browser.execute_script(
+                "return [document.documentElement.scrollWidth, window.innerWidth]")
+            check(scroll <= inner, f"at {width} px the page is no wider than the window ({scroll} > {inner})")
+            broken = browser.execute_script(LABELS_ON_ONE_LINE)
+            check(broken == [], f"at {width} px every label is on its input's line (not: {broken})")
+            whitelist = browser.execute_script(
+                "const w = document.getElementById('whitelist'); return [w.scrollWidth, w.clientWidth]")
+            check(whitelist[0] <= whitelist[1] + 1, f"at {width} px the whitelist shows its names whole ({whitelist})")
+            columns = browser.execute_script(
+                "const t = document.getElementById('tv').getBoundingClientRect();"
+                "const c = document.getElementById('controls').getBoundingClientRect(); return [t.top, c.top]")
+            one_column = columns[1] > columns[0] + 10
+            check(one_column == (width <= 800), f"at {width} px {'one column' if width <= 800 else 'two columns'}")
+            subject = browser.find_element(By.CSS_SELECTOR, f"tr[data-subject='{LONG_SUBJECT}'] td.subject")
+            check(subject.get_attribute("title") == LONG_SUBJECT, "the long subject's whole name is its title")
+            if SCREENSHOT:
+                path = SCREENSHOT.replace(".png", f"-{width}x{height}.png")
+                browser.save_screenshot(path)
+                print("screenshot:", path)
+    finally:
+        browser.quit()
+
+
 def deep(levels):
     return "[" * levels + "]" * levels
 
@@ -805,7 +863,8 @@ def start_browser():
 
 MODES = {"http": http_side, "browser": None, "malformed": malformed_side, "framing": framing_side,
          "bodies": bodies_side, "descriptors": descriptors_side, "slow": slow_side, "hosts": hosts_side,
-         "order": order_side, "edits": edits_side, "shown": shown_side}
+         "order": order_side, "edits": edits_side, "shown": shown_side,
+         "layout": layout_side}
 if MODE not in MODES:
     raise SystemExit(f"unknown mode {MODE} (one of {', '.join(MODES)})")
 prefix = ("prlimit", "--nofile=256:256") if MODE == "descriptors" else ()
