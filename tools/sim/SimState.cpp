@@ -137,6 +137,12 @@ void AddProcess(Json::Value& call, gint32 pid) {
 
 }  // namespace
 
+Json::Value SimState::RecentCalls() const {
+    Json::Value calls(Json::arrayValue);
+    for (const Json::Value& call : m_calls) calls.append(call);
+    return calls;
+}
+
 void SimState::RecordCall(const std::string& sender, const std::string& method, GVariant* parameters,
                           guint32 callerPid) {
     // Nobody shows them without a listener: every call would pay for nothing.
@@ -159,13 +165,9 @@ void SimState::RecordCall(const std::string& sender, const std::string& method, 
     } else if (callerPid != 0) {
         AddProcess(call, static_cast<gint32>(callerPid));
     }
-    m_calls.append(call);
-    constexpr Json::ArrayIndex kKept = 100;
-    if (m_calls.size() > kKept) {
-        Json::Value kept(Json::arrayValue);
-        for (Json::ArrayIndex i = m_calls.size() - kKept; i < m_calls.size(); ++i) kept.append(m_calls[i]);
-        m_calls = kept;
-    }
+    m_calls.push_back(std::move(call));
+    constexpr size_t kKept = 100;
+    if (m_calls.size() > kKept) m_calls.pop_front();
     Changed();
 }
 

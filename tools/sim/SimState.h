@@ -6,6 +6,7 @@
 #include <glib.h>
 #include <json/json.h>
 
+#include <deque>
 #include <functional>
 #include <map>
 #include <optional>
@@ -86,7 +87,7 @@ public:
                     guint32 callerPid = 0);
     /// Whether calls are recorded (someone shows them).
     bool RecordingCalls() const { return static_cast<bool>(m_onChange); }
-    const Json::Value& RecentCalls() const { return m_calls; }
+    Json::Value RecentCalls() const;
 
     /// Where a replay stands (null when none runs), shown as "replay".
     void SetReplayStatus(Json::Value status) {
@@ -117,7 +118,7 @@ private:
     std::map<std::string, std::vector<std::string>> m_subscribers;
     Json::Value m_channelRemovals{Json::arrayValue};
     Json::Value m_replay;
-    Json::Value m_calls{Json::arrayValue};
+    std::deque<Json::Value> m_calls;
     unsigned m_callCount = 0;
     std::function<void()> m_onChange;
 };

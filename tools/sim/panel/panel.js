@@ -1,6 +1,6 @@
 // The control panel: follows the simulator's state over the WebSocket /ws
-// (the whole state whenever it changes) and changes it with JSON posts to
-// /api/set and /api/control.
+// (the whole state first, then what changed, at most ten times a second) and
+// changes it with JSON posts to /api/set and /api/control.
 "use strict";
 
 let state = null;
@@ -374,6 +374,22 @@ function setLive(live) {
   }
 }
 
+// A change as the simulator sends it: the values that changed or went, the
+// calls served since, and any other field whole (null when it went).
+function applyDelta(base, delta) {
+  for (const [key, field] of Object.entries(delta)) {
+    if (key === "delta" || key === "values" || key === "removed" || key === "calls") continue;
+    if (field === null) delete base[key];
+    else base[key] = field;
+  }
+  Object.assign(base.values, delta.values || {});
+  for (const subject of delta.removed || []) delete base.values[subject];
+  const last = base.calls.length ? base.calls[base.calls.length - 1].n : 0;
+  base.calls.push(...(delta.calls || []).filter((call) => call.n > last));
+  base.calls.splice(0, Math.max(0, base.calls.length - 100));
+  return base;
+}
+
 function connect() {
   const socket = new WebSocket("ws://" + location.host + "/ws");
   socket.onopen = () => {
@@ -381,7 +397,8 @@ function connect() {
     $("connection").className = "good";
   };
   socket.onmessage = (event) => {
-    state = JSON.parse(event.data);
+    const message = JSON.parse(event.data);
+    state = message.delta && state ? applyDelta(state, message) : message;
     draw();
     setLive(true);
     document.body.dataset.updates = String(Number(document.body.dataset.updates || 0) + 1);
