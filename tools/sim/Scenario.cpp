@@ -29,32 +29,6 @@ using tools::JsonPathStyle;
 // no client waits that long.
 constexpr unsigned kMaxDelayMs = 600000;
 
-// JSON text without the spaces and line breaks between its tokens, as
-// clients are answered; strings and numbers stay as they are written.
-std::string Compact(const std::string& text) {
-    std::string compact;
-    compact.reserve(text.size());
-    bool inString = false;
-    bool escaped = false;
-    for (char c : text) {
-        if (inString) {
-            if (escaped) {
-                escaped = false;
-            } else if (c == '\\') {
-                escaped = true;
-            } else if (c == '"') {
-                inString = false;
-            }
-        } else if (c == ' ' || c == '\t' || c == '\n' || c == '\r') {
-            continue;
-        } else if (c == '"') {
-            inString = true;
-        }
-        compact += c;
-    }
-    return compact;
-}
-
 // Reports the first problem found, at the position of the value it concerns.
 class Checker {
 public:
@@ -66,18 +40,35 @@ public:
     bool FailAt(const Json::Value& at, const std::string& message) {
         return FailAtOffset(at.getOffsetStart(), message);
     }
-    // A value as the file writes it (its numbers as written: 0.82 stays
-    // 0.82), when that text is strict JSON by itself; else written anew.
+    // A value as clients are answered it: compact, keys in order, as
+    // ValueText writes it, but each number as the file writes it (0.82 stays
+    // 0.82, not the nearest double's 17 digits).
     std::string SourceText(const Json::Value& value) const {
+        if (value.isObject()) {
+            std::string text = "{";
+            for (const std::string& key : value.getMemberNames()) {
+                if (text.size() > 1) text += ",";
+                text += Written(Json::Value(key)) + ":" + SourceText(value[key]);
+            }
+            return text + "}";
+        }
+        if (value.isArray()) {
+            std::string text = "[";
+            for (Json::ArrayIndex i = 0; i < value.size(); ++i) text += (i > 0 ? "," : "") + SourceText(value[i]);
+            return text + "]";
+        }
         ptrdiff_t start = value.getOffsetStart();
         ptrdiff_t limit = value.getOffsetLimit();
-        if (!value.isString() && start >= 0 && limit > start && static_cast<size_t>(limit) <= m_text.size()) {
-            std::string text = Compact(m_text.substr(static_cast<size_t>(start), static_cast<size_t>(limit - start)));
-            Json::Value parsed;
-            std::string why;
-            if (tools::ParseJson(text, parsed, why, tools::JsonDialect::kStrict) && parsed == value) return text;
+        if (value.isNumeric() && !value.isBool() && start >= 0 && limit > start &&
+            static_cast<size_t>(limit) <= m_text.size()) {
+            return m_text.substr(static_cast<size_t>(start), static_cast<size_t>(limit - start));
         }
-        return ValueText(value);
+        return Written(value);
+    }
+    static std::string Written(const Json::Value& value) {
+        Json::StreamWriterBuilder writer;
+        writer["indentation"] = "";
+        return Json::writeString(writer, value);
     }
     bool FailAtOffset(ptrdiff_t offset, const std::string& message) {
         m_error = m_file + ":" + tools::TextPosition(m_text, offset) + ": " + message;

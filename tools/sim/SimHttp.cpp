@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <exception>
+#include <map>
 
 #include "Scenario.h"
 #include "SimLog.h"
@@ -55,13 +56,13 @@ Json::Value Delta(const Json::Value& before, const Json::Value& now) {
     for (const std::string& subject : oldValues.getMemberNames()) {
         if (!newValues.isMember(subject)) delta["removed"].append(subject);
     }
-    // Numbers as SimState gives them (unsigned), compared as such.
-    Json::Value last(Json::UInt(0));
-    for (const Json::Value& call : before["calls"]) {
-        if (call["n"] > last) last = call["n"];
-    }
+    // New calls, and calls told before that changed since (a caller named
+    // once the bus said who it is), each by its number.
+    std::map<std::string, const Json::Value*> told;
+    for (const Json::Value& call : before["calls"]) told[call["n"].toStyledString()] = &call;
     for (const Json::Value& call : now["calls"]) {
-        if (call["n"] > last) delta["calls"].append(call);
+        auto it = told.find(call["n"].toStyledString());
+        if (it == told.end() || *it->second != call) delta["calls"].append(call);
     }
     if (!delta.empty()) delta["delta"] = true;
     return delta;

@@ -137,6 +137,16 @@ void AddProcess(Json::Value& call, gint32 pid) {
 
 }  // namespace
 
+void SimState::NameCaller(const std::string& sender, guint32 pid) {
+    bool named = false;
+    for (Json::Value& call : m_calls) {
+        if (call.isMember("pid") || call["sender"] != Json::Value(sender)) continue;
+        AddProcess(call, static_cast<gint32>(pid));
+        named = true;
+    }
+    if (named) Changed();
+}
+
 Json::Value SimState::RecentCalls() const {
     Json::Value calls(Json::arrayValue);
     for (const Json::Value& call : m_calls) calls.append(call);

@@ -85,6 +85,9 @@ public:
     /// whose parameters do not name it (ServiceEnable); 0 when not known.
     void RecordCall(const std::string& sender, const std::string& method, GVariant* parameters,
                     guint32 callerPid = 0);
+    /// Names the process of sender's recorded calls that do not name one
+    /// yet (its pid learnt from the bus after the call was recorded).
+    void NameCaller(const std::string& sender, guint32 pid);
     /// Whether calls are recorded (someone shows them).
     bool RecordingCalls() const { return static_cast<bool>(m_onChange); }
     Json::Value RecentCalls() const;

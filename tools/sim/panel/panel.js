@@ -384,8 +384,11 @@ function applyDelta(base, delta) {
   }
   Object.assign(base.values, delta.values || {});
   for (const subject of delta.removed || []) delete base.values[subject];
-  const last = base.calls.length ? base.calls[base.calls.length - 1].n : 0;
-  base.calls.push(...(delta.calls || []).filter((call) => call.n > last));
+  for (const call of delta.calls || []) {
+    const told = base.calls.findIndex((c) => c.n === call.n);
+    if (told >= 0) base.calls[told] = call;
+    else if (!base.calls.length || call.n > base.calls[base.calls.length - 1].n) base.calls.push(call);
+  }
   base.calls.splice(0, Math.max(0, base.calls.length - 100));
   return base;
 }
