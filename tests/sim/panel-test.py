@@ -238,6 +238,292 @@ def browser_side(setup):
 
 
 
+# Each control's ".../Changed" subject and the ".../Current" an app reads when
+# the change arrives.
+CHANGED_CURRENT = {
+    "Ctx/Media/Broadcast/Program/Changed": "Ctx/Media/Broadcast/Program/Current",
+    "Ctx/Sound/Volume/Level/Changed": "Ctx/Sound/Volume/Level/Current",
+    "Ctx/Media/Source/Changed": "Ctx/Media/Source/Info/Current",
+    "Ctx/App/Info/Changed": "Ctx/App/Info/Current",
+    "Ctx/Env/Brightness/Level/Changed": "Ctx/Env/Brightness/Level/Current",
+}
+
+# The page's posts, each held back as on a slow link: whatever a control
+# posts second reaches the simulator well after its first.
+SLOW_POSTS = """
+const realFetch = window.fetch;
+window.fetch = (...args) => new Promise((resolve) => setTimeout(resolve, 400)).then(() => realFetch(...args));
+"""
+
+
+def order_side(setup):
+    """An app that reads the current value when a change is notified sees the
+    new value, for every control of the page."""
+    browser = start_browser()
+    subscriber = subprocess.Popen([LUMORA, "subscribe", *CHANGED_CURRENT], stdout=subprocess.PIPE, text=True,
+                                  env=setup.env)
+    seen = []
+
+    def follow():
+        # As the app does it: each change read against the current value at once.
+        for line in subscriber.stdout:
+            event = json.loads(line)
+            if "subject" not in event:
+                continue
+            current = json.loads(setup.lumora("read", CHANGED_CURRENT[event["subject"]]).stdout or "null")
+            seen.append((event["subject"], event["data"], current))
+
+    reader = threading.Thread(target=follow, daemon=True)
+    reader.start()
+    try:
+        browser.get(setup.url)
+        check(wait_for(lambda: browser.find_element(By.ID, "connection").text == "live"), "the page goes live")
+        time.sleep(0.5)  # the subscriber's subscriptions are in
+        browser.execute_script(SLOW_POSTS)
+        actions = [("channel up", "document.getElementById('channel-up').click()"),
+                   ("channel up", "document.getElementById('channel-up').click()"),
+                   ("channel down", "document.getElementById('channel-down').click()"),
+                   ("volume", "const s = document.getElementById('volume'); s.value = 12;"
+                              " s.dispatchEvent(new Event('change'));"),
+                   ("source", "const s = document.getElementById('source'); s.value = 'HDMI2';"
+                              " s.dispatchEvent(new Event('change'));"),
+                   ("app", "document.getElementById('app').value = 'com.example.order';"
+                           " document.getElementById('app-set').click();"),
+                   ("brightness", "const s = document.getElementById('brightness'); s.value = 33;"
+                                  " s.dispatchEvent(new Event('change'));")]
+        for number, (what, script) in enumerate(actions, 1):
+            browser.execute_script(script)
+            if not wait_for(lambda: len(seen) >= number, 10):
+                check(False, f"{what}: the subscriber heard the change")
+                return
+            time.sleep(1.0)  # the control's last post is in
+        channels = [entry for entry in seen if entry[0].endswith("Program/Changed")]
+        right = [entry for entry in channels
+                 if entry[2] and (entry[2].get("major"), entry[2].get("minor")) ==
+                 (entry[1].get("major"), entry[1].get("minor"))]
+        check(len(channels) == 3 and len(right) == 3,
+              f"the current programme read on each channel change is the new channel, {len(right)} of 3 ({channels})")
+        for subject, data, current in seen:
+            if subject.endswith("Program/Changed"):
+                continue
+            check(isinstance(current, dict) and all(current.get(k) == v for k, v in data.items()),
+                  f"{subject}: the current value read on the change is the new one ({data} read as {current})")
+        check(len(seen) == len(actions), f"one change per control ({len(seen)} for {len(actions)})")
+    finally:
+        browser.quit()
+        subscriber.terminate()
+        subscriber.wait()
+
+
+def edits_side(setup):
+    """A draft left in a field without "set" outlives the state's updates, is
+    marked and can be reverted; a refused set keeps its reason beside it."""
+    browser = start_browser()
+    try:
+        browser.get(setup.url)
+        check(wait_for(lambda: browser.find_element(By.ID, "connection").text == "live"), "the page goes live")
+        updates = lambda: int(browser.find_element(By.TAG_NAME, "body").get_attribute("data-updates") or 0)
+        row = lambda subject: browser.find_element(By.CSS_SELECTOR, f"tr[data-subject='{subject}']")
+        check(wait_for(lambda: row("Ctx/App/Info/Current")), "the page lists the subjects")
+
+        # A draft, left without pressing set: another change of the same
+        # subject (and of others) does not overwrite it.
+        app = row("Ctx/App/Info/Current")
+        text = app.find_element(By.TAG_NAME, "textarea")
+        text.clear()
+        text.send_keys('{"AppId":"my.draft"}')
+        browser.execute_script("document.activeElement.blur();")
+        before = updates()
+        subprocess.run([SIM, "ctl", "set", "Ctx/App/Info/Current", '{"AppId":"from.ctl"}'], env=setup.env, check=True)
+        subprocess.run([SIM, "ctl", "set", "Ctx/Sound/Volume/Level/Current", '{"Level":5}'], env=setup.env, check=True)
+        check(wait_for(lambda: updates() >= before + 2, 3), "the changes came over the WebSocket")
+        time.sleep(0.3)
+        check(text.get_attribute("value") == '{"AppId":"my.draft"}',
+              f"the draft is kept through the updates (shows {text.get_attribute('value')})")
+        check("draft" in app.get_attribute("class").split(), "the row is marked as a draft")
+        revert = app.find_element(By.CSS_SELECTOR, "button.revert")
+        check(revert.is_displayed(), "a draft has a revert button")
+        revert.click()
+        check(wait_for(lambda: text.get_attribute("value") == '{"AppId":"from.ctl"}', 2),
+              f"revert shows the value in force ({text.get_attribute('value')})")
+        check("draft" not in app.get_attribute("class").split(), "a reverted row is no draft")
+        check(not revert.is_displayed(), "and has no revert button")
+        # Not a draft any more: the next update shows.
+        subprocess.run([SIM, "ctl", "set", "Ctx/App/Info/Current", '{"AppId":"next"}'], env=setup.env, check=True)
+        check(wait_for(lambda: text.get_attribute("value") == '{"AppId":"next"}', 2),
+              "a field that is no draft follows the state")
+
+        # A refused set: its reason stays beside the draft through updates.
+        source = row("Ctx/Media/Source/Info/Current")
+        text = source.find_element(By.TAG_NAME, "textarea")
+        text.clear()
+        text.send_keys("{broken")
+        source.find_element(By.CSS_SELECTOR, "button.set").click()
+        error = source.find_element(By.CLASS_NAME, "error")
+        check(wait_for(lambda: "not JSON" in error.text), "invalid JSON is refused in place with the reason")
+        browser.execute_script("document.activeElement.blur();")
+        before = updates()
+        subprocess.run([SIM, "ctl", "set", "Ctx/Media/Source/Info/Current", '{"Source":"HDMI3"}'], env=setup.env,
+                       check=True)
+        check(wait_for(lambda: updates() > before, 3), "the change came over the WebSocket")
+        time.sleep(0.3)
+        check(text.get_attribute("value") == "{broken" and "not JSON" in error.text,
+              f"the refused draft and its reason stay ({text.get_attribute('value')!r}, {error.text!r})")
+        text.send_keys("}")
+        check(error.text == "", f"the reason goes with the next edit ({error.text!r})")
+        # A set refused by the simulator (nested too deep for it).
+        text.clear()
+        text.send_keys("[" * 3000 + "]" * 3000)
+        source.find_element(By.CSS_SELECTOR, "button.set").click()
+        check(wait_for(lambda: "nested" in error.text), f"a set refused by the simulator says why ({error.text!r})")
+        check(text.get_attribute("value").startswith("[[["), "beside the refused draft")
+    finally:
+        browser.quit()
+
+
+def shown_side(setup):
+    """What the page shows is the simulator's state: faults in force, callers'
+    names, subjects in order, numbers as written, and whether it is there."""
+    subprocess.run([SIM, "ctl", "code", "Data/Weather/Forecast", "-5"], env=setup.env, check=True)
+    subprocess.run([SIM, "ctl", "delay", "Pref/Channel/List", "1500"], env=setup.env, check=True)
+    browser = start_browser()
+    try:
+        browser.get(setup.url)
+        live = lambda: browser.find_element(By.ID, "connection").text == "live"
+        check(wait_for(live), "the page goes live")
+        faults = browser.find_element(By.ID, "faults")
+        check(wait_for(lambda: "Data/Weather/Forecast" in faults.text), "the faults in force are listed")
+        rows = {row.get_attribute("data-subject"): row.text for row in faults.find_elements(By.CSS_SELECTOR, "tbody tr")}
+        check("-5" in rows.get("Data/Weather/Forecast", ""), f"with the code -5 ({rows})")
+        check("1500 ms" in rows.get("Pref/Channel/List", ""), f"and the delay of 1500 ms ({rows})")
+        browser.find_element(By.ID, "fault-subject").send_keys("Data/Weather/Forecast")
+        check(wait_for(lambda: browser.find_element(By.ID, "fault-code").get_attribute("value") == "-5", 2),
+              "the code field shows the subject's code in force, -5 as ctl status gives it")
+        check(browser.find_element(By.ID, "fault-delay").get_attribute("value") == "0", "and its delay, none")
+
+        # ServiceEnable's caller by its name, as the other calls' callers.
+        check(setup.lumora("read", "Ctx/Sound/Volume/Level/Current").returncode == 0, "lumora read")
+        calls = lambda: [r.text for r in browser.find_elements(By.CSS_SELECTOR, "#calls tbody tr")]
+        check(wait_for(lambda: any(" enable" in c for c in calls()), 3),
+              f"the ServiceEnable call is listed ({calls()[:3]})")
+        enables = [c for c in calls() if " enable" in c]
+        check(enables and all("lumora[" in c and "?[?]" not in c for c in enables),
+              f"ServiceEnable's caller is named ({enables[:2]})")
+
+        # A subject new to the page takes its sorted place.
+        subprocess.run([SIM, "ctl", "set", "Ctx/Aaa/New", '{"x":1}'], env=setup.env, check=True)
+        order = lambda: [r.get_attribute("data-subject") for r in
+                         browser.find_elements(By.CSS_SELECTOR, "#subjects tbody tr")]
+        check(wait_for(lambda: "Ctx/Aaa/New" in order(), 2), "the new subject shows without reload")
+        check(order() == sorted(order()), f"in sorted order ({order()[:4]})")
+
+        # Numbers as they were written: the scenario's, and one set in the page.
+        table = "Pref/Channel/List/WeekTimeTable"
+        read = setup.lumora("read", table).stdout
+        check("0.82" in read and "0.8199" not in read, f"the scenario's 0.82 is answered as written ({read[:160]})")
+        shown = browser.find_element(By.CSS_SELECTOR, f"tr[data-subject='{table}'] textarea").get_attribute("value")
+        check('"Score":0.82' in shown, f"and shown as written ({shown[:160]})")
+        row = browser.find_element(By.CSS_SELECTOR, "tr[data-subject='Ctx/Aaa/New']")
+        text = row.find_element(By.TAG_NAME, "textarea")
+        text.clear()
+        text.send_keys('{"Gain": 0.82, "Step": 1.10}')
+        row.find_element(By.CSS_SELECTOR, "button.set").click()
+        check(wait_for(lambda: setup.lumora("read", "Ctx/Aaa/New").stdout.strip() == '{"Gain": 0.82, "Step": 1.10}',
+                       3),
+              f"a value set in the page is answered as its text ({setup.lumora('read', 'Ctx/Aaa/New').stdout.strip()})")
+        browser.refresh()
+        check(wait_for(live), "the page goes live again after a reload")
+        text = lambda: browser.find_element(By.CSS_SELECTOR, "tr[data-subject='Ctx/Aaa/New'] textarea")
+        check(wait_for(lambda: text().get_attribute("value") == '{"Gain": 0.82, "Step": 1.10}', 3),
+              f"and shown as its text after a reload ({text().get_attribute('value')})")
+
+        # The simulator stops: the page says so and offers nothing to press.
+        subprocess.run([SIM, "ctl", "set", "Ctx/App/Info/Current", '{"AppId":"before.stop"}'], env=setup.env,
+                       check=True)
+        setup.sim.terminate()
+        setup.sim.wait()
+        check(wait_for(lambda: "disconnected" in browser.find_element(By.ID, "connection").text, 5),
+              "the page says it is disconnected")
+        check("offline" in browser.find_element(By.TAG_NAME, "body").get_attribute("class").split(),
+              "and greys out the state")
+        enabled = browser.execute_script(
+            "return Array.from(document.querySelectorAll('main button, main input, main select, main textarea'))"
+            ".filter((c) => !c.disabled && c.id !== 'search').map((c) => c.id || c.className || c.tagName)")
+        check(enabled == [], f"every control is disabled ({enabled[:5]})")
+        # Back on the same port: live again, with the new simulator's state.
+        setup.sim = subprocess.Popen([SIM, "--scenario", os.path.join(ROOT, "data/scenarios/sample-tv.json"),
+                                      "--http", setup.host], stdout=subprocess.PIPE, env=setup.env, text=True)
+        check(wait_for(live, 10), "the page is live again when the simulator is back")
+        check("offline" not in browser.find_element(By.TAG_NAME, "body").get_attribute("class").split(),
+              "and no longer greyed out")
+        check(not browser.find_element(By.ID, "restart").get_attribute("disabled"), "its controls work again")
+        app = browser.find_element(By.CSS_SELECTOR, "tr[data-subject='Ctx/App/Info/Current'] textarea")
+        check(wait_for(lambda: "com.verdin.tv.livetv" in app.get_attribute("value"), 3),
+              f"it shows the new simulator's state ({app.get_attribute('value')})")
+        check(not browser.find_elements(By.CSS_SELECTOR, "tr[data-subject='Ctx/Aaa/New']"),
+              "without the subjects the old one had")
+    finally:
+        browser.quit()
+
+
+LONG_SUBJECT = "Ctx/Media/Broadcast/Program/Schedule/Extended/Description/ForTheWholeWeekAhead/IncludingRegionalVariants/Now"
+
+# For every label of the Service card holding an input: the label's own text
+# and its input on one line (their boxes overlap vertically).
+LABELS_ON_ONE_LINE = """
+const broken = [];
+for (const label of document.querySelectorAll("#controls label")) {
+  const input = label.querySelector("input, select");
+  const words = Array.from(label.childNodes).find((n) => n.nodeType === 3 && n.textContent.trim());
+  if (!input || !words) continue;
+  const range = document.createRange();
+  range.selectNodeContents(words);
+  const text = range.getBoundingClientRect();
+  const box = input.getBoundingClientRect();
+  if (text.bottom <= box.top || text.top >= box.bottom) broken.push(words.textContent.trim());
+}
+return broken;
+"""
+
+
+def layout_side(setup):
+    """At 1366 and 800 pixels wide, with a long subject and value: nothing
+    wider than the window, every label beside its input. Saves screenshots."""
+    subprocess.run([SIM, "ctl", "set", LONG_SUBJECT, json.dumps({"Text": "word " * 60})], env=setup.env, check=True)
+    subprocess.run([SIM, "ctl", "whitelist", "com.example.first.application", "com.example.second.application"],
+                   env=setup.env, capture_output=True)
+    browser = start_browser()
+    try:
+        for width, height in ((1366, 768), (800, 1000)):
+            browser.set_window_size(width, height)
+            browser.get(setup.url)
+            check(wait_for(lambda: browser.find_element(By.ID, "connection").text == "live"), "the page goes live")
+            check(wait_for(lambda: browser.find_elements(By.CSS_SELECTOR, f"tr[data-subject='{LONG_SUBJECT}']")),
+                  "the long subject is listed")
+            time.sleep(0.3)
+            scroll, inner = browser.execute_script(
+                "return [document.documentElement.scrollWidth, window.innerWidth]")
+            check(scroll <= inner, f"at {width} px the page is no wider than the window ({scroll} > {inner})")
+            broken = browser.execute_script(LABELS_ON_ONE_LINE)
+            check(broken == [], f"at {width} px every label is on its input's line (not: {broken})")
+            whitelist = browser.execute_script(
+                "const w = document.getElementById('whitelist'); return [w.scrollWidth, w.clientWidth]")
+            check(whitelist[0] <= whitelist[1] + 1, f"at {width} px the whitelist shows its names whole ({whitelist})")
+            columns = browser.execute_script(
+                "const t = document.getElementById('tv').getBoundingClientRect();"
+                "const c = document.getElementById('controls').getBoundingClientRect(); return [t.top, c.top]")
+            one_column = columns[1] > columns[0] + 10
+            check(one_column == (width <= 800), f"at {width} px {'one column' if width <= 800 else 'two columns'}")
+            subject = browser.find_element(By.CSS_SELECTOR, f"tr[data-subject='{LONG_SUBJECT}'] td.subject")
+            check(subject.get_attribute("title") == LONG_SUBJECT, "the long subject's whole name is its title")
+            if SCREENSHOT:
+                path = SCREENSHOT.replace(".png", f"-{width}x{height}.png")
+                browser.save_screenshot(path)
+                print("screenshot:", path)
+    finally:
+        browser.quit()
+
+
 def deep(levels):
     return "[" * levels + "]" * levels
 
@@ -583,7 +869,9 @@ def start_browser():
 
 
 MODES = {"http": http_side, "browser": None, "malformed": malformed_side, "framing": framing_side,
-         "bodies": bodies_side, "descriptors": descriptors_side, "slow": slow_side, "hosts": hosts_side}
+         "bodies": bodies_side, "descriptors": descriptors_side, "slow": slow_side, "hosts": hosts_side,
+         "order": order_side, "edits": edits_side, "shown": shown_side,
+         "layout": layout_side}
 if MODE not in MODES:
     raise SystemExit(f"unknown mode {MODE} (one of {', '.join(MODES)})")
 prefix = ("prlimit", "--nofile=256:256") if MODE == "descriptors" else ()

@@ -40,6 +40,36 @@ public:
     bool FailAt(const Json::Value& at, const std::string& message) {
         return FailAtOffset(at.getOffsetStart(), message);
     }
+    // A value as clients are answered it: compact, keys in order, as
+    // ValueText writes it, but each number as the file writes it (0.82 stays
+    // 0.82, not the nearest double's 17 digits).
+    std::string SourceText(const Json::Value& value) const {
+        if (value.isObject()) {
+            std::string text = "{";
+            for (const std::string& key : value.getMemberNames()) {
+                if (text.size() > 1) text += ",";
+                text += Written(Json::Value(key)) + ":" + SourceText(value[key]);
+            }
+            return text + "}";
+        }
+        if (value.isArray()) {
+            std::string text = "[";
+            for (Json::ArrayIndex i = 0; i < value.size(); ++i) text += (i > 0 ? "," : "") + SourceText(value[i]);
+            return text + "]";
+        }
+        ptrdiff_t start = value.getOffsetStart();
+        ptrdiff_t limit = value.getOffsetLimit();
+        if (value.isNumeric() && !value.isBool() && start >= 0 && limit > start &&
+            static_cast<size_t>(limit) <= m_text.size()) {
+            return m_text.substr(static_cast<size_t>(start), static_cast<size_t>(limit - start));
+        }
+        return Written(value);
+    }
+    static std::string Written(const Json::Value& value) {
+        Json::StreamWriterBuilder writer;
+        writer["indentation"] = "";
+        return Json::writeString(writer, value);
+    }
     bool FailAtOffset(ptrdiff_t offset, const std::string& message) {
         m_error = m_file + ":" + tools::TextPosition(m_text, offset) + ": " + message;
         return false;
@@ -106,7 +136,7 @@ bool ReadValues(Checker& check, const JsonField& values, Scenario& out) {
     for (const std::string& subject : values.Keys()) {
         const JsonField value = values[subject];
         if (value.IsNull()) continue;  // a subject without a value answers "{}"
-        out.values[subject] = ValueText(value.Value());
+        out.values[subject] = check.SourceText(value.Value());
     }
     return true;
 }

@@ -70,7 +70,9 @@ void SimService::OnMethodCall(const char* sender, const char* /*objectPath*/, co
 
 void SimService::Dispatch(const std::string& sender, const std::string& method, GVariant* parameters,
                           GDBusMethodInvocation* invocation) {
-    m_state.RecordCall(sender, method, parameters);
+    guint32 callerPid = 0;
+    if (method == contract::kMethodServiceEnable && m_state.RecordingCalls()) callerPid = CallerPid(sender);
+    m_state.RecordCall(sender, method, parameters, callerPid);
     if (method == contract::kMethodServiceEnable) {
         OnServiceEnable(invocation);
     } else if (method == contract::kMethodRequestSync) {

@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <exception>
+#include <map>
 
 #include "Scenario.h"
 #include "SimLog.h"
@@ -30,6 +31,42 @@ constexpr const char* kLoggedKey = "lumora-sim-panel-logged";
 // What a page may send over the WebSocket before it is closed: the page only
 // listens, so nothing; a frame this size is still read whole by libsoup.
 constexpr guint64 kMaxWebSocketFrame = 4096;
+// The pages hear of changes at most this often.
+constexpr gint64 kSendIntervalMs = 100;
+
+// What changed from before to now, as the page applies it: "delta" set,
+// the subjects' values that changed ("values") or went ("removed"), the
+// calls served since ("calls", by their number "n"), and every other field
+// that changed, whole. Empty when nothing changed.
+Json::Value Delta(const Json::Value& before, const Json::Value& now) {
+    Json::Value delta(Json::objectValue);
+    for (const std::string& key : now.getMemberNames()) {
+        if (key == "values" || key == "calls") continue;
+        if (!before.isMember(key) || before[key] != now[key]) delta[key] = now[key];
+    }
+    for (const std::string& key : before.getMemberNames()) {
+        if (!now.isMember(key)) delta[key] = Json::Value();  // gone (a replay's end)
+    }
+    const Json::Value& oldValues = before["values"];
+    const Json::Value& newValues = now["values"];
+    for (const std::string& subject : newValues.getMemberNames()) {
+        const Json::Value* old = oldValues.find(subject.data(), subject.data() + subject.size());
+        if (old == nullptr || *old != newValues[subject]) delta["values"][subject] = newValues[subject];
+    }
+    for (const std::string& subject : oldValues.getMemberNames()) {
+        if (!newValues.isMember(subject)) delta["removed"].append(subject);
+    }
+    // New calls, and calls told before that changed since (a caller named
+    // once the bus said who it is), each by its number.
+    std::map<std::string, const Json::Value*> told;
+    for (const Json::Value& call : before["calls"]) told[call["n"].toStyledString()] = &call;
+    for (const Json::Value& call : now["calls"]) {
+        auto it = told.find(call["n"].toStyledString());
+        if (it == told.end() || *it->second != call) delta["calls"].append(call);
+    }
+    if (!delta.empty()) delta["delta"] = true;
+    return delta;
+}
 
 // The policy every answer carries: the page loads only its own files and
 // connects only to its own WebSocket, and no other page may frame it (a
@@ -239,10 +276,17 @@ bool SimHttp::Start(std::string& error) {
     m_host = (v6 ? "[" + m_address + "]" : m_address) + ":" + std::to_string(m_port);
     m_url = "http://" + m_host + "/";
     // Every change of the state, from ctl, a replay, another browser or the
-    // clients, reaches the pages once the main loop is idle: a burst of
-    // changes is one message.
+    // clients, reaches the pages as what changed, at most every
+    // kSendIntervalMs: a call served costs its clients nothing more than
+    // noting that something changed, whatever the size of the state.
     m_service.State().SetChangeListener([this] {
-        if (m_tick == 0) m_tick = g_idle_add(&SimHttp::OnTick, this);
+        if (m_tick != 0 || m_sockets.empty()) return;
+        gint64 since = (g_get_monotonic_time() - m_lastSentUs) / 1000;
+        if (since >= kSendIntervalMs) {
+            m_tick = g_idle_add(&SimHttp::OnTick, this);
+        } else {
+            m_tick = g_timeout_add(static_cast<guint>(kSendIntervalMs - since), &SimHttp::OnTick, this);
+        }
     });
     SIM_LOGI("control panel at %s", m_url.c_str());
     return true;
@@ -432,7 +476,10 @@ void SimHttp::Post(SoupServerMessage* message, const std::string& path) {
     if (outcome.status != SOUP_STATUS_OK) return Refuse(message, outcome.status, outcome.error);
     SIM_LOGI("panel: %s", outcome.done.c_str());
     Reply(message, SOUP_STATUS_OK, "application/json", "{}");
-    SendSnapshot(true);
+    // The page that posted sees its change at once.
+    if (m_tick != 0) g_source_remove(m_tick);
+    m_tick = 0;
+    SendChanges();
 }
 
 Json::Value SimHttp::Snapshot() const {
@@ -444,10 +491,14 @@ Json::Value SimHttp::Snapshot() const {
     return snapshot;
 }
 
-void SimHttp::SendSnapshot(bool onlyWhenChanged) {
-    std::string text = ValueText(Snapshot());
-    if (onlyWhenChanged && text == m_lastSnapshot) return;
-    m_lastSnapshot = text;
+void SimHttp::SendChanges() {
+    if (m_sockets.empty()) return;
+    Json::Value now = Snapshot();
+    Json::Value delta = Delta(m_sent, now);
+    m_sent = std::move(now);
+    m_lastSentUs = g_get_monotonic_time();
+    if (delta.empty()) return;
+    std::string text = ValueText(delta);
     for (SoupWebsocketConnection* socket : m_sockets) {
         if (soup_websocket_connection_get_state(socket) == SOUP_WEBSOCKET_STATE_OPEN)
             soup_websocket_connection_send_text(socket, text.c_str());
@@ -458,7 +509,7 @@ gboolean SimHttp::OnTick(gpointer self) {
     auto* http = static_cast<SimHttp*>(self);
     http->m_tick = 0;
     Guarded("telling the pages", [http] {
-        if (!http->m_sockets.empty()) http->SendSnapshot(true);
+        http->SendChanges();
     });
     return G_SOURCE_REMOVE;
 }
@@ -479,8 +530,11 @@ void SimHttp::OnWebSocket(SoupServer*, SoupServerMessage* message, const char*, 
             g_signal_connect(connection, "closed", G_CALLBACK(&SimHttp::OnSocketClosed), http);
             g_signal_connect(connection, "message", G_CALLBACK(&SimHttp::OnSocketMessage), http);
             SIM_LOGI("panel: WebSocket opened (%zu open)", http->m_sockets.size());
-            // The page starts from the whole state.
-            soup_websocket_connection_send_text(connection, ValueText(http->Snapshot()).c_str());
+            // The page starts from the whole state; changes not yet sent to
+            // the others come to it again, which changes nothing there.
+            Json::Value snapshot = http->Snapshot();
+            soup_websocket_connection_send_text(connection, ValueText(snapshot).c_str());
+            if (http->m_sockets.size() == 1) http->m_sent = std::move(snapshot);
         },
         [connection] { soup_websocket_connection_close(connection, SOUP_WEBSOCKET_CLOSE_SERVER_ERROR, nullptr); });
 }

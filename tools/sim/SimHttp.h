@@ -61,7 +61,8 @@ private:
     void ServeFile(SoupServerMessage* message, const std::string& path);
     void Post(SoupServerMessage* message, const std::string& path);
     Json::Value Snapshot() const;
-    void SendSnapshot(bool onlyWhenChanged);
+    /// Sends the pages what changed since the last time, if anything.
+    void SendChanges();
 
     SimService& m_service;
     std::string m_address;
@@ -73,8 +74,9 @@ private:
     SoupServer* m_server = nullptr;
     std::unique_ptr<PanelConnections> m_connections;
     std::vector<SoupWebsocketConnection*> m_sockets;
-    std::string m_lastSnapshot;
-    guint m_tick = 0;  // the idle source that tells the pages of a change
+    Json::Value m_sent;          // the state as the pages were last told it
+    gint64 m_lastSentUs = 0;     // when, on the monotonic clock
+    guint m_tick = 0;  // the source that tells the pages of the changes
 };
 
 /// Parses "[ADDRESS:]PORT"; false when it is not that.

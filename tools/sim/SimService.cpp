@@ -63,6 +63,8 @@ void RemoveReadyMarker() {
 SimService::SimService(Scenario scenario, GMainLoop* loop) : m_state(std::move(scenario)), m_loop(loop) {}
 
 SimService::~SimService() {
+    g_cancellable_cancel(m_cancellable);
+    g_object_unref(m_cancellable);
     ReleasePendingWork();
     delete m_control;
     if (m_closedHandler != 0) g_signal_handler_disconnect(m_connection, m_closedHandler);
@@ -156,7 +158,45 @@ void SimService::OnNameOwnerChanged(GDBusConnection*, const gchar*, const gchar*
     const gchar* name = nullptr;
     const gchar* newOwner = nullptr;
     g_variant_get(parameters, "(&s&s&s)", &name, nullptr, &newOwner);
-    if (name[0] == ':' && newOwner[0] == '\0') static_cast<SimService*>(self)->m_state.DropClient(name);
+    if (name[0] != ':' || newOwner[0] != '\0') return;
+    auto* service = static_cast<SimService*>(self);
+    service->m_callerPids.erase(name);
+    service->m_state.DropClient(name);
+}
+
+guint32 SimService::CallerPid(const std::string& sender) {
+    auto known = m_callerPids.find(sender);
+    if (known != m_callerPids.end()) return known->second;
+    if (m_connection == nullptr) return 0;
+    // Asked without waiting: a synchronous call would need descriptors of
+    // its own, which may be the very thing that ran out.
+    m_callerPids[sender] = 0;
+    auto* request = new std::pair<SimService*, std::string>(this, sender);
+    g_dbus_connection_call(m_connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                           "GetConnectionUnixProcessID", g_variant_new("(s)", sender.c_str()), G_VARIANT_TYPE("(u)"),
+                           G_DBUS_CALL_FLAGS_NONE, 1000, m_cancellable, &SimService::OnCallerPid, request);
+    return 0;
+}
+
+void SimService::OnCallerPid(GObject* connection, GAsyncResult* result, gpointer data) {
+    auto* request = static_cast<std::pair<SimService*, std::string>*>(data);
+    GError* error = nullptr;
+    GVariant* reply = g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, &error);
+    guint32 pid = 0;
+    if (reply != nullptr) {
+        g_variant_get(reply, "(u)", &pid);
+        g_variant_unref(reply);
+    }
+    bool cancelled = error != nullptr && g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED);
+    if (error != nullptr) g_error_free(error);
+    // Cancelled: the service is gone, and request's service with it.
+    if (!cancelled && pid != 0) {
+        SimService* service = request->first;
+        auto known = service->m_callerPids.find(request->second);
+        if (known != service->m_callerPids.end()) known->second = pid;
+        service->m_state.NameCaller(request->second, pid);
+    }
+    delete request;
 }
 
 bool SimService::Publish(const char* destination, const std::string& subject, const std::string& data) {

@@ -8,6 +8,7 @@
 
 #include <deque>
 #include <list>
+#include <map>
 #include <string>
 
 #include "SimState.h"
@@ -99,6 +100,11 @@ private:
     /// Records a write to a channel removal subject and takes the channels it
     /// names out of the stored channel list; true when the list changed.
     bool ApplyChannelRemoval(const std::string& subject, const std::string& input);
+    /// The process of a caller whose call does not name it, asked of the bus
+    /// once per client: 0 until the bus has answered, and the calls recorded
+    /// meanwhile are named then.
+    guint32 CallerPid(const std::string& sender);
+    static void OnCallerPid(GObject* connection, GAsyncResult* result, gpointer self);
     void Answer(const std::string& subject, GDBusMethodInvocation* invocation, GVariant* reply);
     bool Publish(const char* destination, const std::string& subject, const std::string& data);
     void SayHello();
@@ -120,6 +126,8 @@ private:
     std::deque<HeldCall> m_held;
     std::list<DelayedAnswer*> m_delayed;
     PendingRestart m_restart;
+    std::map<std::string, guint32> m_callerPids;  // 0 while the bus is asked
+    GCancellable* m_cancellable = g_cancellable_new();
 };
 
 /// Creates (or refreshes) and removes the readiness marker file.

@@ -123,7 +123,38 @@ Json::Value SimState::ToJson() const {
     return status;
 }
 
-void SimState::RecordCall(const std::string& sender, const std::string& method, GVariant* parameters) {
+namespace {
+
+// A process as the call log shows it: its pid, and its name when it still runs.
+void AddProcess(Json::Value& call, gint32 pid) {
+    call["pid"] = pid;
+    gchar* path = g_strdup_printf("/proc/%d/comm", pid);
+    gchar* comm = nullptr;
+    if (pid > 0 && g_file_get_contents(path, &comm, nullptr, nullptr)) call["process"] = g_strstrip(comm);
+    g_free(comm);
+    g_free(path);
+}
+
+}  // namespace
+
+void SimState::NameCaller(const std::string& sender, guint32 pid) {
+    bool named = false;
+    for (Json::Value& call : m_calls) {
+        if (call.isMember("pid") || call["sender"] != Json::Value(sender)) continue;
+        AddProcess(call, static_cast<gint32>(pid));
+        named = true;
+    }
+    if (named) Changed();
+}
+
+Json::Value SimState::RecentCalls() const {
+    Json::Value calls(Json::arrayValue);
+    for (const Json::Value& call : m_calls) calls.append(call);
+    return calls;
+}
+
+void SimState::RecordCall(const std::string& sender, const std::string& method, GVariant* parameters,
+                          guint32 callerPid) {
     // Nobody shows them without a listener: every call would pay for nothing.
     if (!m_onChange) return;
     Json::Value call(Json::objectValue);
@@ -135,25 +166,18 @@ void SimState::RecordCall(const std::string& sender, const std::string& method, 
         gint32 pid = 0, type = 0, id = 0;
         const gchar* subject = nullptr;
         g_variant_get(parameters, "(iii&s&s)", &pid, &type, &id, &subject, nullptr);
-        call["pid"] = pid;
+        AddProcess(call, pid);
         call["type"] = type;
         call["id"] = id;
         call["subject"] = subject;
-        gchar* path = g_strdup_printf("/proc/%d/comm", pid);
-        gchar* comm = nullptr;
-        if (pid > 0 && g_file_get_contents(path, &comm, nullptr, nullptr)) call["process"] = g_strstrip(comm);
-        g_free(comm);
-        g_free(path);
         call["code"] = ResultCode(subject);
         call["delay_ms"] = DelayMs(subject);
+    } else if (callerPid != 0) {
+        AddProcess(call, static_cast<gint32>(callerPid));
     }
-    m_calls.append(call);
-    constexpr Json::ArrayIndex kKept = 100;
-    if (m_calls.size() > kKept) {
-        Json::Value kept(Json::arrayValue);
-        for (Json::ArrayIndex i = m_calls.size() - kKept; i < m_calls.size(); ++i) kept.append(m_calls[i]);
-        m_calls = kept;
-    }
+    m_calls.push_back(std::move(call));
+    constexpr size_t kKept = 100;
+    if (m_calls.size() > kKept) m_calls.pop_front();
     Changed();
 }
 

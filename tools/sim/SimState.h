@@ -6,6 +6,7 @@
 #include <glib.h>
 #include <json/json.h>
 
+#include <deque>
 #include <functional>
 #include <map>
 #include <optional>
@@ -80,8 +81,16 @@ public:
     /// The calls served lately (the last 100), for the control panel: time,
     /// caller, process, method, request type, subject, the answer's code and
     /// delay as the state gives them. Kept only while a change listener is set.
-    void RecordCall(const std::string& sender, const std::string& method, GVariant* parameters);
-    const Json::Value& RecentCalls() const { return m_calls; }
+    /// callerPid: the caller's process as the bus knows it, for the calls
+    /// whose parameters do not name it (ServiceEnable); 0 when not known.
+    void RecordCall(const std::string& sender, const std::string& method, GVariant* parameters,
+                    guint32 callerPid = 0);
+    /// Names the process of sender's recorded calls that do not name one
+    /// yet (its pid learnt from the bus after the call was recorded).
+    void NameCaller(const std::string& sender, guint32 pid);
+    /// Whether calls are recorded (someone shows them).
+    bool RecordingCalls() const { return static_cast<bool>(m_onChange); }
+    Json::Value RecentCalls() const;
 
     /// Where a replay stands (null when none runs), shown as "replay".
     void SetReplayStatus(Json::Value status) {
@@ -112,7 +121,7 @@ private:
     std::map<std::string, std::vector<std::string>> m_subscribers;
     Json::Value m_channelRemovals{Json::arrayValue};
     Json::Value m_replay;
-    Json::Value m_calls{Json::arrayValue};
+    std::deque<Json::Value> m_calls;
     unsigned m_callCount = 0;
     std::function<void()> m_onChange;
 };

@@ -1,10 +1,9 @@
 // The control panel: follows the simulator's state over the WebSocket /ws
-// (the whole state whenever it changes) and changes it with JSON posts to
-// /api/set and /api/control.
+// (the whole state first, then what changed, at most ten times a second) and
+// changes it with JSON posts to /api/set and /api/control.
 "use strict";
 
 let state = null;
-const editing = new Set(); // subjects whose value is being edited in the page
 
 const $ = (id) => document.getElementById(id);
 
@@ -32,8 +31,14 @@ function setValue(subject, value, notify) {
 
 function control(action, extra) {
   return post("/api/control", Object.assign({ action }, extra || {}))
-    .then(() => show(action + " done", false))
-    .catch((error) => show(action + ": " + error.message, true));
+    .then(() => {
+      show(action + " done", false);
+      return true;
+    })
+    .catch((error) => {
+      show(action + ": " + error.message, true);
+      return false;
+    });
 }
 
 function value(subject) {
@@ -68,8 +73,10 @@ async function tune(index) {
   const program = { ChName: channel.ChName, major: channel.major, minor: channel.minor,
                     ProgramTitle: channel.ChName + " now", Genre: "" };
   try {
+    // The current programme first: an app that reads it when the change
+    // arrives must find the new channel there.
+    await setValue("Ctx/Media/Broadcast/Program/Current", program, false);
     await setValue("Ctx/Media/Broadcast/Program/Changed", program, true);
-    await setValue("Ctx/Media/Broadcast/Program/Current", program, true);
     show("tuned to " + channel.major + "-" + channel.minor + " " + channel.ChName, false);
   } catch (error) {
     show(error.message, true);
@@ -80,6 +87,9 @@ function currentChannelIndex() {
   const program = value("Ctx/Media/Broadcast/Program/Current") || {};
   return channels().findIndex((c) => c.major === program.major && c.minor === program.minor);
 }
+
+// Every control sets ".../Current" before it notifies ".../Changed", never
+// the other way round: an app reads the current value when told of a change.
 
 // A level control (volume, brightness): the slider's level set on the
 // ".../Current" subject and notified on ".../Changed".
@@ -117,6 +127,8 @@ async function launchApp() {
   try {
     await setValue("Ctx/App/Info/Current", app, false);
     await setValue("Ctx/App/Info/Changed", app, true);
+    $("app").dataset.shown = $("app").value;
+    markDraft($("app"));
     show(appId + " in the foreground", false);
   } catch (error) {
     show(error.message, true);
@@ -152,53 +164,147 @@ function drawTelevision() {
     $("brightness-value").textContent = brightness.Level;
   }
   const app = value("Ctx/App/Info/Current") || {};
-  if (document.activeElement !== $("app")) $("app").value = app.AppId || "";
+  showField($("app"), app.AppId || "");
 }
 
 function drawService() {
   $("enabled").checked = state.enabled;
   $("answering").textContent = state.answering ? "answering" : "holding " + state.heldCalls + " call(s)";
-  if (document.activeElement !== $("whitelist")) $("whitelist").value = state.whiteList.join(" ");
+  showField($("whitelist"), state.whiteList.join(" "));
   $("service").textContent = (state.enabled ? "enabled" : "disabled") + (state.answering ? "" : ", not answering") +
     (state.replay ? ", replay " + state.replay.played + "/" + state.replay.events : "");
+}
+
+// A field the user types into shows the state's value only while it holds
+// the last value shown: anything else is a draft, kept through the state's
+// updates (focused or not) until it is set or reverted.
+function isDraft(field) {
+  return field.dataset.shown !== undefined && field.value !== field.dataset.shown;
+}
+
+function markDraft(field) {
+  const draft = isDraft(field);
+  field.classList.toggle("draft", draft);
+  const holder = field.closest("[data-draft-holder]");
+  if (holder) holder.classList.toggle("draft", draft);
+}
+
+// Shows value in field unless the field holds a draft; the value is what a
+// revert goes back to either way.
+function showField(field, value) {
+  if (!isDraft(field)) field.value = value;
+  field.dataset.shown = value;
+  markDraft(field);
+}
+
+function revertField(field) {
+  if (field.dataset.shown !== undefined) field.value = field.dataset.shown;
+  markDraft(field);
+}
+
+// The result codes and delays in force, as ctl status gives them; the code
+// and delay fields show those of the subject typed beside them.
+function drawFaults() {
+  const codes = state.resultCodes || {};
+  const delays = state.delaysMs || {};
+  const body = $("faults").tBodies[0];
+  body.innerHTML = "";
+  const subjects = Array.from(new Set([...Object.keys(codes), ...Object.keys(delays)])).sort();
+  for (const subject of subjects) {
+    const row = body.insertRow();
+    row.dataset.subject = subject;
+    const name = row.insertCell();
+    name.className = "subject";
+    name.textContent = subject;
+    name.title = subject;
+    row.insertCell().textContent = subject in codes ? String(codes[subject]) : "0";
+    row.insertCell().textContent = (delays[subject] || 0) + " ms";
+    row.addEventListener("click", () => {
+      $("fault-subject").value = subject;
+      showFaultFields(true);
+    });
+  }
+  if (subjects.length === 0) placeholder(body, 3, "none: every subject answers at once with code 0");
+  showFaultFields(false);
+}
+
+function showFaultFields(chosen) {
+  const subject = $("fault-subject").value;
+  const code = String((state.resultCodes || {})[subject] || 0);
+  const delay = String((state.delaysMs || {})[subject] || 0);
+  for (const [id, text] of [["fault-code", code], ["fault-delay", delay]]) {
+    if (chosen) delete $(id).dataset.shown;
+    showField($(id), text);
+  }
+}
+
+// The one row of an empty table, saying why it is empty.
+function placeholder(body, columns, text) {
+  const cell = body.insertRow().insertCell();
+  cell.colSpan = columns;
+  cell.className = "placeholder";
+  cell.textContent = text;
 }
 
 function subjectRow(subject) {
   const row = document.createElement("tr");
   row.dataset.subject = subject;
+  row.dataset.draftHolder = "";
   const name = document.createElement("td");
   name.className = "subject";
   name.textContent = subject;
+  name.title = subject;
   const cell = document.createElement("td");
+  cell.className = "value";
   const text = document.createElement("textarea");
   text.spellcheck = false;
-  text.addEventListener("focus", () => editing.add(subject));
-  text.addEventListener("blur", () => editing.delete(subject));
+  text.rows = 1;
+  const note = document.createElement("span");
+  note.className = "draft-note";
+  note.textContent = "draft, not set";
   const error = document.createElement("span");
   error.className = "error";
-  cell.append(text, error);
+  // A refusal stays beside the draft it refused until the next edit or set.
+  text.addEventListener("input", () => {
+    error.textContent = "";
+    markDraft(text);
+  });
+  cell.append(text, note, error);
   const buttons = document.createElement("td");
+  buttons.className = "buttons";
   for (const [label, notify] of [["set", false], ["set and notify", true]]) {
     const button = document.createElement("button");
     button.textContent = label;
     button.className = notify ? "set-notify" : "set";
     button.addEventListener("click", async () => {
+      error.textContent = "";
       try {
         JSON.parse(text.value);
       } catch (parseError) {
         error.textContent = "not JSON: " + parseError.message;
         return;
       }
+      const sent = text.value;
       try {
-        await setValue(subject, text.value, notify);
-        error.textContent = "";
-        editing.delete(subject);
+        await setValue(subject, sent, notify);
+        // The simulator keeps the text as given: it is what the next update shows.
+        text.dataset.shown = sent;
+        markDraft(text);
       } catch (postError) {
         error.textContent = postError.message;
       }
     });
     buttons.append(button);
   }
+  const revert = document.createElement("button");
+  revert.textContent = "revert";
+  revert.className = "revert";
+  revert.title = "drop the draft and show the value in force";
+  revert.addEventListener("click", () => {
+    error.textContent = "";
+    revertField(text);
+  });
+  buttons.append(revert);
   row.append(name, cell, buttons);
   return row;
 }
@@ -208,16 +314,20 @@ function drawSubjects() {
   const filter = $("search").value.toLowerCase();
   const subjects = Object.keys(state.values).sort();
   const rows = new Map(Array.from(body.rows).map((row) => [row.dataset.subject, row]));
+  let previous = null;
   for (const subject of subjects) {
     let row = rows.get(subject);
     if (!row) {
       row = subjectRow(subject);
-      body.append(row);
+      // In sorted order among the rows there are, without a reload.
+      if (previous) previous.after(row);
+      else body.prepend(row);
     }
+    previous = row;
     rows.delete(subject);
-    row.hidden = filter !== "" && !subject.toLowerCase().includes(filter);
-    const text = row.querySelector("textarea");
-    if (!editing.has(subject) && text.value !== state.values[subject]) text.value = state.values[subject];
+    const shown = state.values[subject];
+    row.hidden = filter !== "" && !subject.toLowerCase().includes(filter) && !shown.toLowerCase().includes(filter);
+    showField(row.querySelector("textarea"), shown);
   }
   for (const row of rows.values()) row.remove();
 }
@@ -236,6 +346,7 @@ function drawCalls() {
       row.insertCell().textContent = text;
     }
   }
+  if (body.rows.length === 0) placeholder(body, 6, "no call served yet");
   const list = $("subscriptions");
   list.innerHTML = "";
   for (const [subject, clients] of Object.entries(state.subscriptions || {})) {
@@ -248,8 +359,38 @@ function drawCalls() {
 function draw() {
   drawTelevision();
   drawService();
+  drawFaults();
   drawSubjects();
   drawCalls();
+}
+
+// Without the simulator the state shown is only what it was: greyed out, and
+// nothing to press until the simulator is back and its state is in.
+function setLive(live) {
+  if (document.body.classList.contains("offline") === !live) return;
+  document.body.classList.toggle("offline", !live);
+  for (const control of document.querySelectorAll("main button, main input, main select, main textarea")) {
+    if (control.id !== "search") control.disabled = !live;
+  }
+}
+
+// A change as the simulator sends it: the values that changed or went, the
+// calls served since, and any other field whole (null when it went).
+function applyDelta(base, delta) {
+  for (const [key, field] of Object.entries(delta)) {
+    if (key === "delta" || key === "values" || key === "removed" || key === "calls") continue;
+    if (field === null) delete base[key];
+    else base[key] = field;
+  }
+  Object.assign(base.values, delta.values || {});
+  for (const subject of delta.removed || []) delete base.values[subject];
+  for (const call of delta.calls || []) {
+    const told = base.calls.findIndex((c) => c.n === call.n);
+    if (told >= 0) base.calls[told] = call;
+    else if (!base.calls.length || call.n > base.calls[base.calls.length - 1].n) base.calls.push(call);
+  }
+  base.calls.splice(0, Math.max(0, base.calls.length - 100));
+  return base;
 }
 
 function connect() {
@@ -259,13 +400,16 @@ function connect() {
     $("connection").className = "good";
   };
   socket.onmessage = (event) => {
-    state = JSON.parse(event.data);
+    const message = JSON.parse(event.data);
+    state = message.delta && state ? applyDelta(state, message) : message;
     draw();
+    setLive(true);
     document.body.dataset.updates = String(Number(document.body.dataset.updates || 0) + 1);
   };
   socket.onclose = () => {
     $("connection").textContent = "disconnected, reconnecting...";
     $("connection").className = "bad";
+    setLive(false);
     setTimeout(connect, 1000);
   };
 }
@@ -282,11 +426,21 @@ $("enabled").addEventListener("change", () => control($("enabled").checked ? "en
 $("stop-answering").addEventListener("click", () => control("stop-answering"));
 $("resume-answering").addEventListener("click", () => control("resume-answering"));
 $("restart").addEventListener("click", () => control("restart", { pause_ms: Number($("restart-pause").value) }));
-$("whitelist-set").addEventListener("click",
-  () => control("whitelist", { names: $("whitelist").value.split(/\s+/).filter((n) => n) }));
+$("whitelist-set").addEventListener("click", () => {
+  const names = $("whitelist").value.split(/\s+/).filter((n) => n);
+  return control("whitelist", { names }).then((done) => {
+    if (!done) return;
+    $("whitelist").dataset.shown = names.join(" ");
+    $("whitelist").value = names.join(" ");
+    markDraft($("whitelist"));
+  });
+});
+for (const id of ["app", "whitelist"]) $(id).addEventListener("input", () => markDraft($(id)));
 $("code-set").addEventListener("click",
   () => control("code", { subject: $("fault-subject").value, value: Number($("fault-code").value) }));
 $("delay-set").addEventListener("click",
   () => control("delay", { subject: $("fault-subject").value, value: Number($("fault-delay").value) }));
 $("search").addEventListener("input", () => state && drawSubjects());
+$("fault-subject").addEventListener("input", () => state && showFaultFields(true));
+for (const id of ["fault-code", "fault-delay"]) $(id).addEventListener("input", () => markDraft($(id)));
 connect();
