@@ -403,12 +403,16 @@ def shown_side(setup):
 
         # ServiceEnable's caller by its name, as the other calls' callers.
         check(setup.lumora("read", "Ctx/Sound/Volume/Level/Current").returncode == 0, "lumora read")
-        calls = lambda: [r.text for r in browser.find_elements(By.CSS_SELECTOR, "#calls tbody tr")]
+        # Read in one go: an update replaces rows under a row-by-row reader.
+        calls = lambda: browser.execute_script(
+            "return Array.from(document.querySelectorAll('#calls tbody tr'), r => r.innerText.replace(/\\s+/g, ' '));")
         check(wait_for(lambda: any(" enable" in c for c in calls()), 3),
               f"the ServiceEnable call is listed ({calls()[:3]})")
-        enables = [c for c in calls() if " enable" in c]
-        check(enables and all("lumora[" in c and "?[?]" not in c for c in enables),
-              f"ServiceEnable's caller is named ({enables[:2]})")
+        # The caller's process is asked of the bus without waiting: its name
+        # follows the call in a later update.
+        enables = lambda: [c for c in calls() if " enable" in c]
+        check(wait_for(lambda: enables() and all("lumora[" in c and "?[?]" not in c for c in enables()), 3),
+              f"ServiceEnable's caller is named ({enables()[:2]})")
 
         # A subject new to the page takes its sorted place.
         subprocess.run([SIM, "ctl", "set", "Ctx/Aaa/New", '{"x":1}'], env=setup.env, check=True)
