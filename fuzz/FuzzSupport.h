@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -90,6 +91,17 @@ inline const std::string& ScratchFolder() {
         return made;
     }();
     return folder;
+}
+
+// Writes size bytes of data to path whole, as a file the loader under test
+// reads as the tool would; returns them as text.
+inline std::string WriteScratchFile(const std::string& path, const uint8_t* data, size_t size) {
+    std::string text(reinterpret_cast<const char*>(data), size);
+    FILE* file = fopen(path.c_str(), "wb");
+    Check(file != nullptr);
+    Check(fwrite(text.data(), 1, text.size(), file) == text.size());
+    Check(fclose(file) == 0);
+    return text;
 }
 
 }  // namespace fuzz

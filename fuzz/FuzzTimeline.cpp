@@ -64,11 +64,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    std::string text(reinterpret_cast<const char*>(data), size);
-    FILE* file = fopen(g_path.c_str(), "wb");
-    Check(file != nullptr);
-    Check(fwrite(text.data(), 1, text.size(), file) == text.size());
-    Check(fclose(file) == 0);
+    std::string text = fuzz::WriteScratchFile(g_path, data, size);
 
     std::vector<lumora::sim::TimelineEvent> events;
     std::string error;
