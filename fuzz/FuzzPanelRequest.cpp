@@ -9,11 +9,13 @@
 #include <string>
 #include <vector>
 
+#include "ControlContract.h"
 #include "FuzzSupport.h"
 #include "JsonSupport.h"
 #include "PanelRequest.h"
 #include "Scenario.h"
 #include "SimState.h"
+#include "Statistics.h"
 
 using fuzz::Check;
 using lumora::sim::PanelOutcome;
@@ -76,10 +78,45 @@ void CheckSet(const Json::Value& request, const lumora::sim::SimState& state, co
     Check(target.stops == 0 && target.resumes == 0 && target.restarts.empty());
 }
 
+// A string member that the clients could read as JSON, or absent when optional.
+bool IsJsonText(const Json::Value& value) {
+    Json::Value parsed;
+    return value.isString() && value.asString().find('\0') == std::string::npos &&
+           fuzz::ParseJson(value.asString(), parsed);
+}
+
+// The posts that send to subscribers: what was notified, and what the state became.
+void CheckSending(const std::string& action, const Json::Value& request, const std::string& before,
+                  const lumora::sim::SimState& state, const RecordingTarget& target) {
+    Check(target.stops == 0 && target.resumes == 0 && target.restarts.empty());
+    if (action == "emit") {
+        // Notified only: the state as it was.
+        Check(IsText(request["subject"]) && IsJsonText(request["value"]));
+        Check(target.notified ==
+              std::vector<std::string>{request["subject"].asString() + '\0' + request["value"].asString()});
+        Check(lumora::sim::ValueText(state.ToJson()) == before);
+        return;
+    }
+    Check(request["kind"].isString());
+    const lumora::sim::EventKind* kind = lumora::sim::FindEventKind(request["kind"].asString().c_str());
+    Check(kind != nullptr && request["kind"].asString() == kind->name);
+    const Json::Value& data = request["data"];
+    Check(data.isNull() || IsJsonText(data));
+    std::vector<std::string> expected;
+    for (const char* subject : kind->subjects) {
+        if (subject == nullptr) continue;
+        if (!data.isNull()) Check(state.Value(subject) == data.asString());
+        expected.push_back(subject + std::string(1, '\0') + state.Value(subject));
+    }
+    Check(target.notified == expected);
+}
+
 // A post to /api/control that was taken.
-void CheckControl(const Json::Value& request, const lumora::sim::SimState& state, const RecordingTarget& target) {
+void CheckControl(const Json::Value& request, const std::string& before, const lumora::sim::SimState& state,
+                  const RecordingTarget& target) {
     Check(request["action"].isString());
     std::string action = request["action"].asString();
+    if (action == "emit" || action == "event") return CheckSending(action, request, before, state, target);
     Check(target.notified.empty());
     if (action == "enable" || action == "disable") {
         Check(state.Enabled() == (action == "enable"));
@@ -110,6 +147,18 @@ void CheckControl(const Json::Value& request, const lumora::sim::SimState& state
         Check(IsText(request["subject"]) && delay.isInt64() && delay.asInt64() >= 0 &&
               delay.asInt64() <= lumora::sim::kMaxPanelDelayMs);
         Check(state.DelayMs(request["subject"].asString()) == static_cast<unsigned>(delay.asInt64()));
+    } else if (action == "statistics") {
+        Check(IsText(request["subject"]));
+        const std::string subject = request["subject"].asString();
+        const auto* kind = lumora::sim::FindStatisticsKind(subject);
+        Check(kind != nullptr && request["tuples"].isArray());
+        for (const Json::Value& tuple : request["tuples"]) {
+            Check(tuple.isArray() && tuple.size() == lumora::sim::TupleTypes(*kind).size());
+        }
+        Check(state.Statistics(subject) == request["tuples"]);
+    } else if (action == "clear") {
+        Check(IsText(request["subject"]));
+        Check(!state.ToJson()["values"].isMember(request["subject"].asString()));
     } else {
         Check(false);  // no other action is taken
     }
@@ -148,7 +197,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         CheckSet(request, state, target);
     } else {
         Check(path == "/api/control");
-        CheckControl(request, state, target);
+        CheckControl(request, before, state, target);
     }
     return 0;
 }

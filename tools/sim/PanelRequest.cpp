@@ -9,7 +9,9 @@
 #include <utility>
 #include <vector>
 
+#include "ControlContract.h"
 #include "JsonInput.h"
+#include "Scenario.h"
 #include "SimState.h"
 
 namespace lumora::sim {
@@ -77,6 +79,40 @@ PanelOutcome ApplySet(const JsonField& request, PanelTarget& target) {
     return Done((notify ? "set and notified " : "set ") + subject);
 }
 
+// A text the clients are sent as data: JSON they can read, as a set value.
+bool ReadJsonText(const JsonField& field, std::string& out, std::string& error) {
+    if (!ReadBusText(field, false, out, error)) return false;
+    Json::Value parsed;
+    std::string why;
+    return tools::ParseJson(out, parsed, why) || field.Fail("not JSON: " + why, error);
+}
+
+// {"action": "event", "kind": KIND, "data": JSON TEXT?}: what ctl event does.
+// Data, when given, becomes the value of every subject of the kind before
+// any is notified, so that a callback reading one back sees the event.
+PanelOutcome ApplyEvent(const JsonField& request, PanelTarget& target) {
+    std::string name;
+    std::string data;
+    std::string error;
+    if (!request["kind"].ReadText(name, error)) return Refused(400, error);
+    const EventKind* kind = FindEventKind(name.c_str());
+    if (kind == nullptr || name.find('\0') != std::string::npos) {
+        std::string kinds;
+        for (const EventKind& known : kEventKinds) kinds += std::string(kinds.empty() ? "" : ", ") + known.name;
+        request["kind"].Fail("unknown event kind " + Quoted(name) + " (" + kinds + ")", error);
+        return Refused(400, error);
+    }
+    if (!request["data"].IsNull() && !ReadJsonText(request["data"], data, error)) return Refused(400, error);
+    SimState& state = target.State();
+    for (const char* subject : kind->subjects) {
+        if (subject != nullptr && !data.empty()) state.SetValue(subject, data);
+    }
+    for (const char* subject : kind->subjects) {
+        if (subject != nullptr) target.Notify(subject, state.Value(subject));
+    }
+    return Done(std::string("event ") + kind->name);
+}
+
 // The names of a whitelist: an array of strings.
 bool ReadNames(const JsonField& names, std::vector<std::string>& out, std::string& error) {
     if (!names.ExpectArray(error)) return false;
@@ -110,6 +146,32 @@ PanelOutcome ApplyControl(const JsonField& request, PanelTarget& target) {
         std::vector<std::string> names;
         if (!ReadNames(request["names"], names, error)) return Refused(400, error);
         state.SetWhiteList(std::move(names));
+    } else if (action == "event") {
+        return ApplyEvent(request, target);
+    } else if (action == "statistics") {
+        // {"subject": NAME, "tuples": [[...], ...]}, checked as ctl stats checks them.
+        std::string subject;
+        if (!ReadBusText(request["subject"], true, subject, error)) return Refused(400, error);
+        const JsonField tuples = request["tuples"];
+        if (!tuples.Present()) {
+            tuples.Fail("expected an array of tuples, found nothing", error);
+            return Refused(400, error);
+        }
+        if (!CheckStatistics(subject, tuples.Value(), tuples.Path(), error)) return Refused(400, error);
+        state.SetStatistics(subject, tuples.Value());
+        return Done("statistics of " + subject + ", " + std::to_string(tuples.Size()) + " record(s)");
+    } else if (action == "emit" || action == "clear") {
+        std::string subject;
+        if (!ReadBusText(request["subject"], true, subject, error)) return Refused(400, error);
+        if (action == "clear") {
+            state.ClearValue(subject);
+            return Done("cleared " + subject);
+        }
+        // Notified only: the stored value stays as it is.
+        std::string value;
+        if (!ReadJsonText(request["value"], value, error)) return Refused(400, error);
+        target.Notify(subject, value);
+        return Done("notified " + subject);
     } else if (action == "code" || action == "delay") {
         std::string subject;
         if (!ReadBusText(request["subject"], true, subject, error)) return Refused(400, error);
@@ -126,7 +188,7 @@ PanelOutcome ApplyControl(const JsonField& request, PanelTarget& target) {
     } else {
         request["action"].Fail("unknown action " + Quoted(action) +
                                    " (enable, disable, stop-answering, resume-answering, restart, whitelist, "
-                                   "code, delay)",
+                                   "code, delay, statistics, emit, clear, event)",
                                error);
         return Refused(400, error);
     }
