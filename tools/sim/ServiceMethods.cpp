@@ -107,7 +107,7 @@ void SimService::OnRequestSync(const std::string& sender, GVariant* parameters, 
             return;
         }
         case contract::kRequestSubscribe:
-            m_state.Subscribe(subject, sender);
+            m_state.Subscribe(subject, sender, request.pid);
             break;
         case contract::kRequestUnsubscribe:
             m_state.Unsubscribe(subject, sender);

@@ -17,6 +17,16 @@ Json::Value MapToJson(const std::map<std::string, T>& map) {
     return object;
 }
 
+// A process as the call log shows it: its pid, and its name when it still runs.
+void AddProcess(Json::Value& call, gint32 pid) {
+    call["pid"] = pid;
+    gchar* path = g_strdup_printf("/proc/%d/comm", pid);
+    gchar* comm = nullptr;
+    if (pid > 0 && g_file_get_contents(path, &comm, nullptr, nullptr)) call["process"] = g_strstrip(comm);
+    g_free(comm);
+    g_free(path);
+}
+
 }  // namespace
 
 std::string SimState::Value(const std::string& subject) const {
@@ -66,10 +76,29 @@ void SimState::SetWhiteListText(const std::string& text) {
     Changed();
 }
 
-void SimState::Subscribe(const std::string& subject, const std::string& client) {
+void SimState::Subscribe(const std::string& subject, const std::string& client, gint32 pid) {
     std::vector<std::string>& clients = m_subscribers[subject];
     if (std::find(clients.begin(), clients.end(), client) == clients.end()) clients.push_back(client);
+    // Named once, while the process surely runs: /proc may not know it later.
+    if (m_clients.count(client) == 0) {
+        Json::Value named(Json::objectValue);
+        if (pid > 0) AddProcess(named, pid);
+        m_clients[client] = std::move(named);
+    }
     Changed();
+}
+
+Json::Value SimState::SubscribedClients() const {
+    Json::Value clients(Json::objectValue);
+    for (const auto& [client, named] : m_clients) clients[client] = named;
+    return clients;
+}
+
+void SimState::ForgetUnsubscribed(const std::string& client) {
+    for (const auto& [subject, clients] : m_subscribers) {
+        if (std::find(clients.begin(), clients.end(), client) != clients.end()) return;
+    }
+    m_clients.erase(client);
 }
 
 void SimState::Unsubscribe(const std::string& subject, const std::string& client) {
@@ -77,6 +106,7 @@ void SimState::Unsubscribe(const std::string& subject, const std::string& client
     if (it == m_subscribers.end()) return;
     it->second.erase(std::remove(it->second.begin(), it->second.end(), client), it->second.end());
     if (it->second.empty()) m_subscribers.erase(it);
+    ForgetUnsubscribed(client);
     Changed();
 }
 
@@ -85,6 +115,7 @@ void SimState::DropClient(const std::string& client) {
         it->second.erase(std::remove(it->second.begin(), it->second.end(), client), it->second.end());
         it = it->second.empty() ? m_subscribers.erase(it) : std::next(it);
     }
+    m_clients.erase(client);
     Changed();
 }
 
@@ -122,20 +153,6 @@ Json::Value SimState::ToJson() const {
     status["channelRemovals"] = m_channelRemovals;
     return status;
 }
-
-namespace {
-
-// A process as the call log shows it: its pid, and its name when it still runs.
-void AddProcess(Json::Value& call, gint32 pid) {
-    call["pid"] = pid;
-    gchar* path = g_strdup_printf("/proc/%d/comm", pid);
-    gchar* comm = nullptr;
-    if (pid > 0 && g_file_get_contents(path, &comm, nullptr, nullptr)) call["process"] = g_strstrip(comm);
-    g_free(comm);
-    g_free(path);
-}
-
-}  // namespace
 
 void SimState::NameCaller(const std::string& sender, guint32 pid) {
     bool named = false;

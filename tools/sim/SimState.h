@@ -63,15 +63,20 @@ public:
     }
 
     /// Subscriptions are per client (its unique bus name) and subject; a
-    /// repeated subscription is kept once.
-    void Subscribe(const std::string& subject, const std::string& client);
+    /// repeated subscription is kept once. pid: the process the request
+    /// named, by which the panel names the client as it names callers.
+    void Subscribe(const std::string& subject, const std::string& client, gint32 pid = 0);
     void Unsubscribe(const std::string& subject, const std::string& client);
     void DropClient(const std::string& client);
     void DropAllSubscriptions() {
         m_subscribers.clear();
+        m_clients.clear();
         Changed();
     }
     std::vector<std::string> Subscribers(const std::string& subject) const;
+    /// The subscribed clients by unique name, each with its "pid" and, when
+    /// it ran as it subscribed, its "process" name.
+    Json::Value SubscribedClients() const;
 
     /// Channel removals as they arrived: what was written to which removal
     /// subject, and how many channel list entries it removed. Kept across
@@ -116,9 +121,13 @@ private:
         return it == map.end() ? fallback : it->second;
     }
 
+    // Drops client's name once it has no subscription left.
+    void ForgetUnsubscribed(const std::string& client);
+
     Scenario m_scenario;
     std::optional<std::string> m_whiteListText;
     std::map<std::string, std::vector<std::string>> m_subscribers;
+    std::map<std::string, Json::Value> m_clients;  // those in m_subscribers
     Json::Value m_channelRemovals{Json::arrayValue};
     Json::Value m_replay;
     std::deque<Json::Value> m_calls;
