@@ -33,6 +33,11 @@ private bus, with the real `lumora` beside it.
         the WebSocket upgrade checks Host as every request does, refused
         upgrades are logged, and --http 0.0.0.0:PORT --http-allow-remote
         serves the addresses the machine is reached at.
+    panel-test.py BUILD_DIR statistics|actions|subscribers|search
+        in headless Chromium, what the page offers beside the values: the
+        statistics records edited and refused with their path, notify only,
+        clear and the channel events, the subscribers named by process, and
+        the search over values and records.
 """
 import http.client
 import http.server
@@ -846,8 +851,196 @@ def hosts_side(setup):
         check(remote.alive(), "the remote-mode simulator serves D-Bus clients")
 
 
+def status_of(setup):
+    return json.loads(subprocess.run([SIM, "ctl", "status"], env=setup.env, capture_output=True, text=True,
+                                     check=True).stdout)
+
+
+def refused_control(setup, body, why, what):
+    """A post to /api/control refused with 400 and a reason holding why."""
+    status, answer = setup.request("POST", "/api/control", json.dumps(body), setup.own())
+    error = json.loads(answer).get("error", "") if answer else ""
+    check(status == 400 and why in error, f"{what}: 400 with the reason ({status}, {error!r})")
+
+
+def statistics_side(setup):
+    """The statistics subjects with their records: listed, edited as JSON and
+    set, a wrong shape refused with its path, in the page and in the post."""
+    onoff = "I/TallyDB/Onoff/Duration"
+    before = status_of(setup)["statistics"]
+    refused_control(setup, {"action": "statistics", "subject": onoff, "tuples": [[1, "nine"]]},
+                    "$.tuples[0][1]", "a tuple element of the wrong type")
+    refused_control(setup, {"action": "statistics", "subject": onoff, "tuples": {"a": 1}},
+                    "an array of a(uu) tuples", "tuples that are no array")
+    refused_control(setup, {"action": "statistics", "subject": "Ctx/App/Info/Current", "tuples": []},
+                    "not a statistics subject", "a subject that has no statistics")
+    refused_control(setup, {"action": "statistics", "subject": onoff}, "$.tuples", "no tuples")
+    check(status_of(setup)["statistics"] == before, "refused posts changed no statistics")
+    check(setup.log().count("panel: POST /api/control refused (400)") == 4, "one log line per refused post")
+    browser = start_browser()
+    try:
+        browser.get(setup.url)
+        check(wait_for(lambda: browser.find_element(By.ID, "connection").text == "live"), "the page goes live")
+        rows = lambda: browser.execute_script(
+            "return Array.from(document.querySelectorAll('#statistics tbody tr'), r => r.dataset.subject);")
+        check(wait_for(lambda: len(rows()) == 5), f"the five statistics subjects are listed ({rows()})")
+        row = browser.find_element(By.CSS_SELECTOR, f"#statistics tr[data-subject='{onoff}']")
+        text = row.find_element(By.TAG_NAME, "textarea")
+        check(json.loads(text.get_attribute("value")) == [[1715677200, 9000], [1715763600, 12600]],
+              f"with their records ({text.get_attribute('value')})")
+        check("a(uu)" in row.text, f"and their tuples' signature ({row.text!r})")
+        # A tuple of the wrong shape, refused by the simulator, its reason beside it.
+        text.clear()
+        text.send_keys('[[1715677200, "long"]]')
+        row.find_element(By.CSS_SELECTOR, "button.set").click()
+        error = row.find_element(By.CLASS_NAME, "error")
+        check(wait_for(lambda: "[0][1]" in error.text and "unsigned" in error.text, 3),
+              f"a wrong shape is refused beside the field, with its path ({error.text!r})")
+        check(status_of(setup)["statistics"][onoff] == before[onoff], "and the records are unchanged")
+        text.clear()
+        text.send_keys("[[1, 2], [3, 4], [5, 6]]")
+        row.find_element(By.CSS_SELECTOR, "button.set").click()
+        check(wait_for(lambda: status_of(setup)["statistics"][onoff] == [[1, 2], [3, 4], [5, 6]], 3),
+              "records set in the page are the simulator's")
+        check(wait_for(lambda: error.text == "", 2), f"and the reason went ({error.text!r})")
+        # Set elsewhere: shown without reload.
+        subprocess.run([SIM, "ctl", "stats", "I/TallyDB/Genre/Duration", '[[7, 8, "Sport", "KBS2"]]'],
+                       env=setup.env, check=True)
+        genre = lambda: browser.find_element(
+            By.CSS_SELECTOR, "#statistics tr[data-subject='I/TallyDB/Genre/Duration'] textarea").get_attribute("value")
+        check(wait_for(lambda: "KBS2" in genre(), 3), f"records set with ctl show in the page ({genre()})")
+    finally:
+        browser.quit()
+
+
+def first_line(process, seconds=5.0):
+    """The next line process prints, or "" after seconds."""
+    ready, _, _ = select.select([process.stdout], [], [], seconds)
+    return process.stdout.readline().strip() if ready else ""
+
+
+def actions_side(setup):
+    """Notify only, clear and the channel events, each through a post: what
+    subscribers hear and what the simulator keeps."""
+    volume = "Ctx/Sound/Volume/Level/Current"
+    refused_control(setup, {"action": "emit", "subject": volume, "value": "{nope"}, "$.value",
+                    "a notification that is not JSON")
+    refused_control(setup, {"action": "clear", "subject": 5}, "$.subject", "a clear of no subject")
+    refused_control(setup, {"action": "event", "kind": "weather"}, "list, current, program, stb",
+                    "an unknown event kind")
+    refused_control(setup, {"action": "event", "kind": "list", "data": "[["}, "$.data", "event data that is not JSON")
+    check(setup.log().count("panel: POST /api/control refused (400)") == 4, "one log line per refused post")
+    stored = setup.lumora("read", volume).stdout
+    browser = start_browser()
+    # Started once the browser is: a check failed before it ends the test
+    # there, and a subscriber left running would keep its output open.
+    subscribers = {subject: subprocess.Popen([LUMORA, "subscribe", subject], stdout=subprocess.PIPE, text=True,
+                                             env=setup.env)
+                   for subject in (volume, "Pref/Channel/List/Current")}
+    try:
+        check(wait_for(lambda: len(status_of(setup)["subscriptions"]) >= 2), "the subscribers are in")
+        browser.get(setup.url)
+        check(wait_for(lambda: browser.find_element(By.ID, "connection").text == "live"), "the page goes live")
+        check(wait_for(lambda: browser.find_elements(By.CSS_SELECTOR, f"#subjects tr[data-subject='{volume}']")),
+              "the subjects are listed")
+        row = browser.find_element(By.CSS_SELECTOR, f"#subjects tr[data-subject='{volume}']")
+        text = row.find_element(By.TAG_NAME, "textarea")
+        text.clear()
+        text.send_keys('{"Level":99,"Mute":false}')
+        row.find_element(By.CSS_SELECTOR, "button.emit").click()
+        line = first_line(subscribers[volume])
+        check('"Level":99' in line, f"notify only: the subscriber hears the data ({line})")
+        check(setup.lumora("read", volume).stdout == stored, "and the stored value is unchanged")
+        # Cleared: the service has no data for it, and the page drops the row.
+        app = "Ctx/App/Info/Current"
+        browser.find_element(By.CSS_SELECTOR, f"#subjects tr[data-subject='{app}'] button.clear").click()
+        check(wait_for(lambda: app not in status_of(setup)["values"], 3), "clear removes the subject's value")
+        check(wait_for(lambda: not browser.find_elements(By.CSS_SELECTOR, f"#subjects tr[data-subject='{app}']"), 3),
+              "and the page drops its row")
+        # A channel event, as stored and with data.
+        kinds = browser.execute_script(
+            "return Array.from(document.getElementById('event-kind').options, o => o.value);")
+        check(kinds == ["list", "current", "program", "stb"], f"the event kinds are offered ({kinds})")
+        Select(browser.find_element(By.ID, "event-kind")).select_by_value("current")
+        browser.find_element(By.ID, "event-send").click()
+        line = first_line(subscribers["Pref/Channel/List/Current"])
+        check(line != "" and json.loads(line).get("data") ==
+              json.loads(setup.lumora("read", "Pref/Channel/List/Current").stdout),
+              f"the event sends the stored value ({line})")
+        browser.find_element(By.ID, "event-data").send_keys('{"major":9,"minor":1}')
+        browser.find_element(By.ID, "event-send").click()
+        line = first_line(subscribers["Pref/Channel/List/Current"])
+        check('"major":9' in line, f"and the data given ({line})")
+        check('"major":9' in setup.lumora("read", "Pref/Channel/List/Current").stdout, "which is stored first")
+        browser.find_element(By.ID, "event-data").clear()
+        browser.find_element(By.ID, "event-data").send_keys("{oops")
+        browser.find_element(By.ID, "event-send").click()
+        message = browser.find_element(By.ID, "event-error")
+        check(wait_for(lambda: "not JSON" in message.text, 3), f"data that is not JSON is refused ({message.text!r})")
+    finally:
+        browser.quit()
+        for process in subscribers.values():
+            process.terminate()
+            process.wait()
+
+
+def subscribers_side(setup):
+    """Each subscribed subject with its clients, named as the calls table
+    names callers."""
+    browser = start_browser()
+    subscriber = subprocess.Popen([LUMORA, "subscribe", "Ctx/App/Info/Changed"], stdout=subprocess.PIPE, text=True,
+                                  env=setup.env)
+    try:
+        browser.get(setup.url)
+        check(wait_for(lambda: browser.find_element(By.ID, "connection").text == "live"), "the page goes live")
+        item = lambda: browser.execute_script(
+            "const i = document.querySelector(\"#subscriptions li[data-subject='Ctx/App/Info/Changed']\");"
+            "return i ? i.innerText : '';")
+        expected = f"lumora[{subscriber.pid}]"
+        check(wait_for(lambda: expected in item(), 5), f"the subscriber is named {expected} ({item()!r})")
+        subscriber.terminate()
+        subscriber.wait()
+        check(wait_for(lambda: item() == "", 5), f"and goes when it leaves ({item()!r})")
+    finally:
+        browser.quit()
+        if subscriber.poll() is None:
+            subscriber.terminate()
+            subscriber.wait()
+
+
+def search_side(setup):
+    """The search box matches subjects, their values and the statistics'
+    records."""
+    subprocess.run([SIM, "ctl", "set", "Ctx/Zzz/Note", '{"Text":"needle-in-value"}'], env=setup.env, check=True)
+    browser = start_browser()
+    try:
+        browser.get(setup.url)
+        check(wait_for(lambda: browser.find_element(By.ID, "connection").text == "live"), "the page goes live")
+        shown = lambda table: browser.execute_script(
+            f"return Array.from(document.querySelectorAll('#{table} tbody tr[data-subject]'))"
+            ".filter(r => !r.hidden).map(r => r.dataset.subject);")
+        check(wait_for(lambda: "Ctx/Zzz/Note" in shown("subjects")), "the subject is listed")
+        search = browser.find_element(By.ID, "search")
+        search.send_keys("NEEDLE-in")
+        check(wait_for(lambda: shown("subjects") == ["Ctx/Zzz/Note"], 2),
+              f"a word of a value finds its subject alone ({shown('subjects')})")
+        search.clear()
+        search.send_keys("Skyline")
+        subjects = ["Pref/Channel/List", "Pref/Channel/List/WeekTimeTable"]
+        check(wait_for(lambda: "I/TallyDB/Genre/Duration" in shown("statistics"), 2),
+              f"a word of a record finds its statistics subject ({shown('statistics')})")
+        check("I/TallyDB/Onoff/Duration" not in shown("statistics"), "and hides those without it")
+        search.clear()
+        search.send_keys("Volume")
+        check(wait_for(lambda: shown("subjects") and all("Volume" in s for s in shown("subjects")), 2),
+              f"a word of a subject still finds it ({shown('subjects')})")
+        check(shown("statistics") == [], "and no statistics subject without it")
+    finally:
+        browser.quit()
+
+
 def start_browser():
-    global By
+    global By, Select
     if failures:
         # What was checked before the browser was needed is not skipped.
         print(f"{len(failures)} check(s) failed before the browser was needed")
@@ -855,6 +1048,7 @@ def start_browser():
     try:
         from selenium import webdriver
         from selenium.webdriver.common.by import By
+        from selenium.webdriver.support.ui import Select
     except ImportError:
         print("skipped: python3-selenium is not installed (apt-get install python3-selenium)")
         sys.exit(77)
@@ -875,7 +1069,8 @@ def start_browser():
 MODES = {"http": http_side, "browser": None, "malformed": malformed_side, "framing": framing_side,
          "bodies": bodies_side, "descriptors": descriptors_side, "slow": slow_side, "hosts": hosts_side,
          "order": order_side, "edits": edits_side, "shown": shown_side,
-         "layout": layout_side}
+         "layout": layout_side, "statistics": statistics_side, "actions": actions_side,
+         "subscribers": subscribers_side, "search": search_side}
 if MODE not in MODES:
     raise SystemExit(f"unknown mode {MODE} (one of {', '.join(MODES)})")
 prefix = ("prlimit", "--nofile=256:256") if MODE == "descriptors" else ()

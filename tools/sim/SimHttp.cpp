@@ -16,6 +16,7 @@
 #include <exception>
 #include <map>
 
+#include "ControlContract.h"
 #include "Scenario.h"
 #include "SimLog.h"
 #include "SimService.h"
@@ -488,6 +489,22 @@ Json::Value SimHttp::Snapshot() const {
     snapshot["heldCalls"] = m_service.HeldCalls();
     snapshot["delayedAnswers"] = m_service.DelayedAnswers();
     snapshot["calls"] = m_service.State().RecentCalls();
+    snapshot["clients"] = m_service.State().SubscribedClients();
+    // What the page offers to edit and to send, as the simulator knows them.
+    Json::Value& kinds = snapshot["statisticsKinds"] = Json::Value(Json::arrayValue);
+    for (const auto& kind : lumora::contract::kStatisticsKinds) {
+        Json::Value& entry = kinds.append(Json::Value(Json::objectValue));
+        entry["subject"] = kind.subject;
+        entry["signature"] = kind.arraySignature;
+    }
+    Json::Value& events = snapshot["eventKinds"] = Json::Value(Json::arrayValue);
+    for (const EventKind& kind : kEventKinds) {
+        Json::Value& entry = events.append(Json::Value(Json::objectValue));
+        entry["kind"] = kind.name;
+        for (const char* subject : kind.subjects) {
+            if (subject != nullptr) entry["subjects"].append(subject);
+        }
+    }
     return snapshot;
 }
 

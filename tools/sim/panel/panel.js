@@ -296,6 +296,26 @@ function subjectRow(subject) {
     });
     buttons.append(button);
   }
+  // The text as data to the subscribers, the value kept as it is.
+  const emit = document.createElement("button");
+  emit.textContent = "notify only";
+  emit.className = "emit";
+  emit.title = "send this data to the subscribers without storing it";
+  emit.addEventListener("click", async () => {
+    error.textContent = "";
+    try {
+      await post("/api/control", { action: "emit", subject, value: text.value });
+      show("notified " + subject, false);
+    } catch (postError) {
+      error.textContent = postError.message;
+    }
+  });
+  const clear = document.createElement("button");
+  clear.textContent = "clear";
+  clear.className = "clear";
+  clear.title = "remove the value: the service has no data for the subject";
+  clear.addEventListener("click", () => control("clear", { subject }));
+  buttons.append(emit, clear);
   const revert = document.createElement("button");
   revert.textContent = "revert";
   revert.className = "revert";
@@ -309,9 +329,15 @@ function subjectRow(subject) {
   return row;
 }
 
+// The search box: a row shows when its subject or its text holds the words
+// typed, in any case.
+function matches(subject, text) {
+  const filter = $("search").value.toLowerCase();
+  return filter === "" || subject.toLowerCase().includes(filter) || text.toLowerCase().includes(filter);
+}
+
 function drawSubjects() {
   const body = $("subjects").tBodies[0];
-  const filter = $("search").value.toLowerCase();
   const subjects = Object.keys(state.values).sort();
   const rows = new Map(Array.from(body.rows).map((row) => [row.dataset.subject, row]));
   let previous = null;
@@ -326,10 +352,127 @@ function drawSubjects() {
     previous = row;
     rows.delete(subject);
     const shown = state.values[subject];
-    row.hidden = filter !== "" && !subject.toLowerCase().includes(filter) && !shown.toLowerCase().includes(filter);
+    row.hidden = !matches(subject, shown);
     showField(row.querySelector("textarea"), shown);
   }
   for (const row of rows.values()) row.remove();
+}
+
+// A statistics subject's records, one tuple a line.
+function recordsText(tuples) {
+  if (!Array.isArray(tuples) || tuples.length === 0) return "[]";
+  return "[\n" + tuples.map((t) => "  " + JSON.stringify(t)).join(",\n") + "\n]";
+}
+
+function statisticsRow(kind) {
+  const row = document.createElement("tr");
+  row.dataset.subject = kind.subject;
+  row.dataset.draftHolder = "";
+  const name = row.insertCell();
+  name.className = "subject";
+  name.textContent = kind.subject;
+  name.title = kind.subject;
+  const signature = document.createElement("span");
+  signature.className = "signature";
+  signature.textContent = kind.signature;
+  name.append(signature);
+  const cell = row.insertCell();
+  cell.className = "value";
+  const text = document.createElement("textarea");
+  text.spellcheck = false;
+  const note = document.createElement("span");
+  note.className = "draft-note";
+  note.textContent = "draft, not set";
+  const error = document.createElement("span");
+  error.className = "error";
+  text.addEventListener("input", () => {
+    error.textContent = "";
+    markDraft(text);
+  });
+  cell.append(text, note, error);
+  const buttons = row.insertCell();
+  buttons.className = "buttons";
+  const set = document.createElement("button");
+  set.textContent = "set";
+  set.className = "set";
+  set.addEventListener("click", async () => {
+    error.textContent = "";
+    let tuples;
+    try {
+      tuples = JSON.parse(text.value);
+    } catch (parseError) {
+      error.textContent = "not JSON: " + parseError.message;
+      return;
+    }
+    try {
+      await post("/api/control", { action: "statistics", subject: kind.subject, tuples });
+      // The simulator keeps the tuples as sent: what the next update shows.
+      text.value = text.dataset.shown = recordsText(tuples);
+      markDraft(text);
+      show("statistics of " + kind.subject + " set", false);
+    } catch (postError) {
+      error.textContent = postError.message;
+    }
+  });
+  const revert = document.createElement("button");
+  revert.textContent = "revert";
+  revert.className = "revert";
+  revert.addEventListener("click", () => {
+    error.textContent = "";
+    revertField(text);
+  });
+  buttons.append(set, revert);
+  return row;
+}
+
+function drawStatistics() {
+  const body = $("statistics").tBodies[0];
+  const kinds = state.statisticsKinds || [];
+  if (body.rows.length !== kinds.length) {
+    body.innerHTML = "";
+    for (const kind of kinds) body.append(statisticsRow(kind));
+  }
+  for (const row of body.rows) {
+    const text = recordsText((state.statistics || {})[row.dataset.subject]);
+    row.hidden = !matches(row.dataset.subject, text);
+    showField(row.querySelector("textarea"), text);
+  }
+}
+
+// The channel events the simulator can send, and the subjects each notifies.
+function drawEvents() {
+  const kinds = state.eventKinds || [];
+  fillSelect($("event-kind"), kinds.map((k) => ({ value: k.kind, label: k.kind })));
+  const chosen = kinds.find((k) => k.kind === $("event-kind").value);
+  $("event-subjects").textContent = chosen ? "notifies " + chosen.subjects.join(", ") : "";
+}
+
+async function sendEvent() {
+  const data = $("event-data").value.trim();
+  $("event-error").textContent = "";
+  if (data !== "") {
+    try {
+      JSON.parse(data);
+    } catch (parseError) {
+      $("event-error").textContent = "not JSON: " + parseError.message;
+      return;
+    }
+  }
+  const body = { action: "event", kind: $("event-kind").value };
+  if (data !== "") body.data = data;
+  try {
+    await post("/api/control", body);
+    show("event " + body.kind + " sent", false);
+  } catch (postError) {
+    $("event-error").textContent = postError.message;
+  }
+}
+
+// A client as the calls table names a caller: process[pid], else its bus name.
+function clientName(client) {
+  const known = (state.clients || {})[client];
+  if (!known || !known.pid) return client;
+  return (known.process || "?") + "[" + known.pid + "]";
 }
 
 const kTypes = { 1: "read", 2: "write", 3: "subscribe", 4: "unsubscribe", 5: "request" };
@@ -351,7 +494,15 @@ function drawCalls() {
   list.innerHTML = "";
   for (const [subject, clients] of Object.entries(state.subscriptions || {})) {
     const item = document.createElement("li");
-    item.textContent = subject + " (" + clients.length + ")";
+    item.dataset.subject = subject;
+    item.textContent = subject + ": " + clients.map(clientName).join(", ");
+    item.title = clients.join(", ");
+    list.append(item);
+  }
+  if (list.children.length === 0) {
+    const item = document.createElement("li");
+    item.className = "placeholder";
+    item.textContent = "no client subscribed";
     list.append(item);
   }
 }
@@ -361,6 +512,8 @@ function draw() {
   drawService();
   drawFaults();
   drawSubjects();
+  drawStatistics();
+  drawEvents();
   drawCalls();
 }
 
@@ -440,7 +593,10 @@ $("code-set").addEventListener("click",
   () => control("code", { subject: $("fault-subject").value, value: Number($("fault-code").value) }));
 $("delay-set").addEventListener("click",
   () => control("delay", { subject: $("fault-subject").value, value: Number($("fault-delay").value) }));
-$("search").addEventListener("input", () => state && drawSubjects());
+$("search").addEventListener("input", () => state && (drawSubjects(), drawStatistics()));
+$("event-kind").addEventListener("change", () => state && drawEvents());
+$("event-send").addEventListener("click", sendEvent);
+$("event-data").addEventListener("input", () => ($("event-error").textContent = ""));
 $("fault-subject").addEventListener("input", () => state && showFaultFields(true));
 for (const id of ["fault-code", "fault-delay"]) $(id).addEventListener("input", () => markDraft($(id)));
 connect();
