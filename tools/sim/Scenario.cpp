@@ -136,7 +136,9 @@ bool ReadValues(Checker& check, const JsonField& values, Scenario& out) {
     for (const std::string& subject : values.Keys()) {
         const JsonField value = values[subject];
         if (value.IsNull()) continue;  // a subject without a value answers "{}"
-        out.values[subject] = check.SourceText(value.Value());
+        // A string is the text itself, answered as it stands; anything else
+        // is JSON, its numbers as the file writes them.
+        out.values[subject] = value.IsText() ? ValueText(value.Value()) : check.SourceText(value.Value());
     }
     return true;
 }
