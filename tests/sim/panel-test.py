@@ -191,6 +191,7 @@ def browser_side(setup):
     subscriber = subprocess.Popen([LUMORA, "subscribe", "Ctx/Sound/Volume/Level/Changed"], stdout=subprocess.PIPE,
                                   text=True, env=setup.env)
     try:
+        subscribed(setup, subscriber, "Ctx/Sound/Volume/Level/Changed")
         browser.get(setup.url)
         check(wait_for(lambda: browser.find_element(By.ID, "connection").text == "live"), "the page goes live")
         check(wait_for(lambda: len(browser.find_elements(By.CSS_SELECTOR, "#subjects tbody tr")) > 10),
@@ -281,6 +282,7 @@ def order_side(setup):
     reader = threading.Thread(target=follow, daemon=True)
     reader.start()
     try:
+        subscribed(setup, subscriber, *CHANGED_CURRENT)
         browser.get(setup.url)
         check(wait_for(lambda: browser.find_element(By.ID, "connection").text == "live"), "the page goes live")
         time.sleep(0.5)  # the subscriber's subscriptions are in
@@ -856,6 +858,16 @@ def status_of(setup):
                                      check=True).stdout)
 
 
+def subscribed(setup, subscriber, *subjects):
+    """Waits until the simulator lists a subscriber of each subject, before
+    the page loads: a client starting while the simulator serves a page to a
+    browser that is starting too may miss its one second to be enabled on a
+    slow machine (a sanitizer's build on two cores)."""
+    check(wait_for(lambda: subscriber.poll() is not None or
+                   all(subject in status_of(setup)["subscriptions"] for subject in subjects), 30) and
+          subscriber.poll() is None, f"lumora subscribe is subscribed to {', '.join(subjects)}")
+
+
 def refused_control(setup, body, why, what):
     """A post to /api/control refused with 400 and a reason holding why."""
     status, answer = setup.request("POST", "/api/control", json.dumps(body), setup.own())
@@ -991,6 +1003,7 @@ def subscribers_side(setup):
     subscriber = subprocess.Popen([LUMORA, "subscribe", "Ctx/App/Info/Changed"], stdout=subprocess.PIPE, text=True,
                                   env=setup.env)
     try:
+        subscribed(setup, subscriber, "Ctx/App/Info/Changed")
         browser.get(setup.url)
         check(wait_for(lambda: browser.find_element(By.ID, "connection").text == "live"), "the page goes live")
         item = lambda: browser.execute_script(
