@@ -27,8 +27,11 @@ BUILD = sys.argv[1]
 MODE = sys.argv[2]
 SCREENSHOT = sys.argv[3] if len(sys.argv) > 3 else None
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-LUMORA = os.path.join(BUILD, "tools/cli/lumora")
-SIM = os.path.join(BUILD, "tools/sim/lumora-sim")
+# A cross build's tools run under its emulator, which CMake names to every
+# test in LUMORA_TEST_EMULATOR.
+EMULATOR = os.environ.get("LUMORA_TEST_EMULATOR", "").split()
+LUMORA = [*EMULATOR, os.path.join(BUILD, "tools/cli/lumora")]
+SIM = [*EMULATOR, os.path.join(BUILD, "tools/sim/lumora-sim")]
 failures = []
 
 
@@ -60,7 +63,7 @@ class Setup:
         wait_for(lambda: open(address_file).read().strip())
         self.env = dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS=open(address_file).read().splitlines()[0],
                         LUMORA_LOG_FILE=os.path.join(self.work, "log"))
-        self.sim = subprocess.Popen([SIM, "--scenario", os.path.join(ROOT, "data/scenarios/sample-tv.json"),
+        self.sim = subprocess.Popen([*SIM, "--scenario", os.path.join(ROOT, "data/scenarios/sample-tv.json"),
                                      "--http", "127.0.0.1:0"], stdout=subprocess.PIPE, env=self.env, text=True)
         line = self.sim.stdout.readline()
         prefix = "lumora-sim: control panel at "
@@ -78,7 +81,7 @@ class Setup:
         shutil.rmtree(self.work, ignore_errors=True)
 
     def lumora(self, *args):
-        return subprocess.run([LUMORA, *args], capture_output=True, text=True, env=self.env, timeout=30)
+        return subprocess.run([*LUMORA, *args], capture_output=True, text=True, env=self.env, timeout=30)
 
     def request(self, method, path, body=None, headers=None):
         connection = http.client.HTTPConnection(self.host, timeout=10)
@@ -151,7 +154,7 @@ def browser_side(setup):
         options.add_argument(argument)
     service = webdriver.chrome.service.Service(executable_path=driver_path)
     browser = webdriver.Chrome(service=service, options=options)
-    subscriber = subprocess.Popen([LUMORA, "subscribe", "Ctx/Sound/Volume/Level/Changed"], stdout=subprocess.PIPE,
+    subscriber = subprocess.Popen([*LUMORA, "subscribe", "Ctx/Sound/Volume/Level/Changed"], stdout=subprocess.PIPE,
                                   text=True, env=setup.env)
     try:
         browser.get(setup.url)
@@ -170,7 +173,7 @@ def browser_side(setup):
 
         # A change made with lumora-sim ctl shows without reload.
         before = updates()
-        subprocess.run([SIM, "ctl", "set", "Ctx/App/Info/Current", '{"AppId":"from.ctl"}'], env=setup.env, check=True)
+        subprocess.run([*SIM, "ctl", "set", "Ctx/App/Info/Current", '{"AppId":"from.ctl"}'], env=setup.env, check=True)
         check(wait_for(lambda: "from.ctl" in browser.find_element(
             By.CSS_SELECTOR, "tr[data-subject='Ctx/App/Info/Current'] textarea").get_attribute("value"), 1.5),
             "a ctl set shows in the page within a second or so, without reload")

@@ -15,6 +15,7 @@
 
 #include "ChildProcess.h"
 #include "ControlContract.h"
+#include "Emulator.h"
 #include "internal/ServiceContract.h"
 
 namespace lumora::test {
@@ -27,17 +28,13 @@ bool ReadyMarkerExists() { return access(lumora::contract::kReadyMarkerFile, F_O
 
 namespace {
 
-// envp, when given, replaces this process's environment; it is built before
-// the fork, since the child of a threaded process may not allocate.
-[[noreturn]] void ExecProgram(const char* executable, const std::vector<std::string>& args,
-                              char* const* envp = nullptr) {
+// argv (from Launch::Argv) and envp, which when given replaces this
+// process's environment, are built before the fork, since the child of a
+// threaded process may not allocate.
+[[noreturn]] void ExecProgram(const Launch& launch, char* const* argv, char* const* envp = nullptr) {
     prctl(PR_SET_PDEATHSIG, SIGTERM);
-    std::vector<char*> argv;
-    argv.push_back(const_cast<char*>(executable));
-    for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-    argv.push_back(nullptr);
-    execve(executable, argv.data(), envp != nullptr ? envp : environ);
-    fprintf(stderr, "exec %s: %s\n", executable, strerror(errno));
+    execve(launch.file.c_str(), argv, envp != nullptr ? envp : environ);
+    fprintf(stderr, "exec %s: %s\n", launch.file.c_str(), strerror(errno));
     _exit(127);
 }
 
@@ -71,9 +68,11 @@ bool SimProcess::Start(const std::string& scenario, const std::vector<std::strin
     std::vector<char*> envp;
     for (std::string& entry : environment) envp.push_back(entry.data());
     envp.push_back(nullptr);
+    Launch launch = LaunchOf(SimExecutable(), args);
+    std::vector<char*> argv = launch.Argv();
     m_pid = fork();
     if (m_pid < 0) return false;
-    if (m_pid == 0) ExecProgram(SimExecutable(), args, envp.data());
+    if (m_pid == 0) ExecProgram(launch, argv.data(), envp.data());
     const char* address = m_busAddress.empty() ? getenv("DBUS_SYSTEM_BUS_ADDRESS") : m_busAddress.c_str();
     GDBusConnection* watcher = address != nullptr ? ConnectToBus(address) : nullptr;
     bool ready = watcher != nullptr &&
@@ -126,11 +125,13 @@ pid_t SpawnWithPipes(const std::string& executable, const std::vector<std::strin
         close(out[1]);
         return -1;
     }
+    Launch launch = LaunchOf(executable, args);
+    std::vector<char*> argv = launch.Argv();
     pid_t pid = fork();
     if (pid == 0) {
         dup2(out[1], STDOUT_FILENO);
         dup2(err[1], STDERR_FILENO);
-        ExecProgram(executable.c_str(), args);
+        ExecProgram(launch, argv.data());
     }
     close(out[1]);
     close(err[1]);
