@@ -70,20 +70,52 @@ bool SimProcess::Start(const std::string& scenario, const std::vector<std::strin
     envp.push_back(nullptr);
     Launch launch = LaunchOf(SimExecutable(), args);
     std::vector<char*> argv = launch.Argv();
-    m_pid = fork();
-    if (m_pid < 0) return false;
-    if (m_pid == 0) ExecProgram(launch, argv.data(), envp.data());
+    // Ready is when the simulator has said HELLO, after its name and marker:
+    // a test that listens once Start returned never hears that HELLO late
+    // (as it could on a slow machine, or under an emulator, where the
+    // marker and the HELLO lie further apart). The watcher hears it on a
+    // main context of this call's own.
     const char* address = m_busAddress.empty() ? getenv("DBUS_SYSTEM_BUS_ADDRESS") : m_busAddress.c_str();
+    GMainContext* context = g_main_context_new();
+    g_main_context_push_thread_default(context);
     GDBusConnection* watcher = address != nullptr ? ConnectToBus(address) : nullptr;
-    bool ready = watcher != nullptr &&
-                 WaitUntil(
-                     [&] {
-                         int status = 0;
-                         if (waitpid(m_pid, &status, WNOHANG) == m_pid) m_pid = -1;
-                         return m_pid < 0 || (NameHasOwner(watcher, lumora::contract::kBusName) && ReadyMarkerExists());
-                     },
-                     30000);
+    bool hello = false;
+    guint subscription = 0;
+    if (watcher != nullptr) {
+        subscription = g_dbus_connection_signal_subscribe(
+            watcher, nullptr, lumora::contract::kInterface, lumora::contract::kSignalResponse,
+            lumora::contract::kObjectPath, nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
+            [](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GVariant* parameters,
+               gpointer seen) {
+                const gchar* subject = nullptr;
+                if (g_variant_is_of_type(parameters, G_VARIANT_TYPE("(iss)"))) {
+                    g_variant_get_child(parameters, 1, "&s", &subject);
+                    if (g_strcmp0(subject, lumora::contract::kHello) == 0) *static_cast<bool*>(seen) = true;
+                }
+            },
+            &hello, nullptr);
+        // A round trip after the AddMatch: the daemon handles both in order.
+        NameHasOwner(watcher, "org.freedesktop.DBus");
+    }
+    m_pid = fork();
+    if (m_pid == 0) ExecProgram(launch, argv.data(), envp.data());
+    bool ready =
+        m_pid > 0 && watcher != nullptr &&
+        WaitUntil(
+            [&] {
+                while (g_main_context_iteration(context, FALSE)) {
+                }
+                int status = 0;
+                if (waitpid(m_pid, &status, WNOHANG) == m_pid) m_pid = -1;
+                return m_pid < 0 || (hello && NameHasOwner(watcher, lumora::contract::kBusName) && ReadyMarkerExists());
+            },
+            30000);
+    if (subscription != 0) g_dbus_connection_signal_unsubscribe(watcher, subscription);
     if (watcher != nullptr) g_object_unref(watcher);
+    while (g_main_context_iteration(context, FALSE)) {
+    }
+    g_main_context_pop_thread_default(context);
+    g_main_context_unref(context);
     if (!ready || m_pid < 0) {
         fprintf(stderr, "lumora-sim did not become ready\n");
         Stop();
