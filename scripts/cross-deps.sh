@@ -9,13 +9,9 @@
 # Usage: scripts/cross-deps.sh ARCH     (armhf or arm64)
 #
 # A Multi-Arch: same library is installed for both architectures at one
-# version only. This machine's amd64 copy may be older than the archive's
-# (installed before the last point release), or the target's index may lag
-# the amd64 one (a security index that did not download): either way the
-# pair cannot be installed as the archive stands. The versions of such pairs
-# that the target's packages pull in are pinned, for this one apt-get run, to
-# the target's candidate, which moves the amd64 copy up (or, when the
-# target's index lags, down) to the same version; every such move is printed.
+# version only, which the machine's installed libraries or a lagging index of
+# the target's may not allow as the archive stands: scripts/multiarch-install.sh
+# lines the versions up and prints what it changes of the machine's own.
 #
 # libsoup-3.0-dev:ARCH cannot be installed in bookworm (it depends on
 # libsysprof-4-dev, which needs GTK 4's and gobject-introspection's
@@ -34,6 +30,7 @@ case $arch in
   armhf | arm64) ;;
   *) echo "cross-deps: unknown architecture $arch (armhf or arm64)" >&2; exit 2 ;;
 esac
+here=$(cd "$(dirname "$0")" && pwd)
 triplet=$(dpkg-architecture -a"$arch" -qDEB_HOST_MULTIARCH 2>/dev/null)
 native=$(dpkg --print-architecture)
 local_libdir=/usr/local/lib/$triplet
@@ -79,46 +76,9 @@ if [ -n "$missing" ]; then
     grep -E '^(E|W):' "$work/update.log" | head -n 5 >&2
   fi
 
-  # Every package of the target that the wanted ones may pull in.
-  targets=""
-  for pkg in $target_packages; do targets="$targets $pkg:$arch"; done
+  # Multi-Arch: same pairs lined up, what changes of the machine's printed.
   # shellcheck disable=SC2086
-  apt-cache depends --recurse --no-recommends --no-suggests --no-conflicts --no-breaks --no-replaces \
-    --no-enhances $targets 2>/dev/null | sed -n "s/^\([a-z0-9][^ <]*\):$arch\$/\1/p" | sort -u >"$work/names"
-  candidates() { # ARCH_SUFFIX: "NAME VERSION" per name
-    sed "s/\$/$1/" "$work/names" | xargs apt-cache policy 2>/dev/null |
-      awk '/^[^ ]/ { name = $1; sub(/:$/, "", name); sub(/:[a-z0-9]+$/, "", name) } /Candidate:/ { print name, $2 }' |
-      sort
-  }
-  candidates ":$native" >"$work/native"
-  candidates ":$arch" >"$work/target"
-  : >"$work/pins"
-  join "$work/native" "$work/target" | while read -r name native_version target_version; do
-    [ "$native_version" != "$target_version" ] && [ "$target_version" != "(none)" ] || continue
-    apt-cache show "$name:$arch=$target_version" 2>/dev/null | grep -qx 'Multi-Arch: same' || continue
-    if apt-cache show "$name:$native=$target_version" >/dev/null 2>&1; then
-      printf 'Package: %s\nPin: version %s\nPin-Priority: 1001\n\n' "$name" "$target_version" >>"$work/pins"
-    else
-      echo "cross-deps: $name $target_version ($arch) has no $native build of that version" >&2
-    fi
-  done
-  apt_options="-o Dir::Etc::Preferences=$work/pins --no-install-recommends --allow-downgrades"
-  # What changes for the build machine's own packages, before it is done.
-  # shellcheck disable=SC2086
-  if ! apt-get install -s $apt_options $missing >"$work/plan" 2>&1; then
-    tail -n 30 "$work/plan" >&2
-    echo "cross-deps: apt cannot install the $arch packages" >&2
-    exit 1
-  fi
-  sed -n "s/^Inst \([^ :]*\) \[\([^]]*\)\] (\([^ ]*\) .*/\1 \2 -> \3/p" "$work/plan" | while read -r line; do
-    echo "cross-deps: $native package lined up with $arch: $line"
-  done
-  # shellcheck disable=SC2086
-  $sudo apt-get install -y -qq $apt_options $missing >"$work/install.log" 2>&1 || {
-    tail -n 30 "$work/install.log" >&2
-    echo "cross-deps: apt-get install failed" >&2
-    exit 1
-  }
+  $sudo "$here/multiarch-install.sh" "$arch" $missing
 fi
 
 if [ -n "$overlay_missing" ] || [ -n "$missing" ]; then
