@@ -56,8 +56,13 @@ debs="$out/liblumora-api1_*_$arch.deb $out/liblumora-api-dev_*_$arch.deb $out/lu
 # shellcheck disable=SC2086
 rm -f $debs
 # dpkg-shlibdeps, which CPack runs, reads the packages' architecture from the
-# environment dpkg-architecture sets.
-(cd "$build" && dpkg-architecture -a"$arch" -c cpack -G DEB -B "$out" >/dev/null)
+# environment dpkg-architecture sets (which checks it against CC's).
+if [ "$arch" = "$native" ]; then
+  compiler=${CC:-cc}
+else
+  compiler=$multiarch-gcc
+fi
+(cd "$build" && CC=$compiler dpkg-architecture -a"$arch" -c cpack -G DEB -B "$out" >/dev/null)
 rm -rf "$out/_CPack_Packages"
 # shellcheck disable=SC2086
 ls $debs
