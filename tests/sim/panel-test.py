@@ -32,6 +32,7 @@ ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__)
 EMULATOR = os.environ.get("LUMORA_TEST_EMULATOR", "").split()
 LUMORA = [*EMULATOR, os.path.join(BUILD, "tools/cli/lumora")]
 SIM = [*EMULATOR, os.path.join(BUILD, "tools/sim/lumora-sim")]
+READY_MARKER = "/tmp/lmf_service_ready"
 failures = []
 
 
@@ -63,12 +64,21 @@ class Setup:
         wait_for(lambda: open(address_file).read().strip())
         self.env = dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS=open(address_file).read().splitlines()[0],
                         LUMORA_LOG_FILE=os.path.join(self.work, "log"))
+        # The service's readiness marker (in this test's own /tmp, or the
+        # test's alone by its resource lock): one left by a crashed run would
+        # make the wait below meaningless.
+        if os.path.exists(READY_MARKER):
+            os.unlink(READY_MARKER)
         self.sim = subprocess.Popen([*SIM, "--scenario", os.path.join(ROOT, "data/scenarios/sample-tv.json"),
                                      "--http", "127.0.0.1:0"], stdout=subprocess.PIPE, env=self.env, text=True)
         line = self.sim.stdout.readline()
         prefix = "lumora-sim: control panel at "
         if not line.startswith(prefix):
             raise SystemExit("no panel URL from lumora-sim: " + line)
+        # The URL comes as the simulator starts to own its bus name; clients
+        # are served once it owns it, which the marker tells.
+        if not wait_for(lambda: os.path.exists(READY_MARKER)):
+            raise SystemExit("lumora-sim did not become ready")
         self.url = line[len(prefix):].strip()
         self.host = self.url[len("http://"):].rstrip("/")
         self.origin = "http://" + self.host
