@@ -47,6 +47,21 @@ set(CPACK_PACKAGE_CONTACT ${LUMORA_MAINTAINER})
 # project's description before it in every package.
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${CMAKE_PROJECT_NAME} built using CMake")
 set(CPACK_GENERATOR DEB)
+# The packages of a cross build name the architecture it was built for, which
+# Debian's dpkg-architecture tells from the target's triplet (CPack would
+# take the build machine's); package.sh ARCH names it itself.
+set(LUMORA_DEB_ARCHITECTURE "" CACHE STRING "Debian architecture of the packages (empty: this machine's, or the cross target's)")
+set(deb_architecture ${LUMORA_DEB_ARCHITECTURE})
+if(NOT deb_architecture AND CMAKE_CROSSCOMPILING AND CMAKE_LIBRARY_ARCHITECTURE)
+  find_program(LUMORA_DPKG_ARCHITECTURE_PROGRAM dpkg-architecture)
+  if(LUMORA_DPKG_ARCHITECTURE_PROGRAM)
+    execute_process(COMMAND ${LUMORA_DPKG_ARCHITECTURE_PROGRAM} -t${CMAKE_LIBRARY_ARCHITECTURE} -qDEB_HOST_ARCH
+      OUTPUT_VARIABLE deb_architecture OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
+  endif()
+endif()
+if(deb_architecture)
+  set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE ${deb_architecture})
+endif()
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 # Staged with DESTDIR and the prefix /usr, so that what is written at install
 # time (the .pc files' prefix) names /usr and not the staging folder.

@@ -7,7 +7,10 @@ for every command it lists (each ends with an example), or `lumora-sim
 build runs this on the tools it has just built, so a page never says other
 than the tool.
 
-    make-manpage.py TOOL VERSION SUMMARY OUTPUT
+    make-manpage.py [--emulator COMMAND] TOOL VERSION SUMMARY OUTPUT
+
+A cross build's tools run under the emulator COMMAND (its words separated by
+spaces, as CMake's CMAKE_CROSSCOMPILING_EMULATOR).
 """
 import os
 import re
@@ -15,8 +18,11 @@ import subprocess
 import sys
 
 
+EMULATOR = []
+
+
 def run(tool, *args):
-    done = subprocess.run([tool, *args], capture_output=True, text=True, check=True,
+    done = subprocess.run([*EMULATOR, tool, *args], capture_output=True, text=True, check=True,
                           env={**os.environ, "LUMORA_LOG_LEVEL": "none"})
     return done.stdout
 
@@ -94,9 +100,13 @@ def sim_page(tool, name, version, summary):
 
 
 def main():
-    if len(sys.argv) != 5:
+    args = sys.argv[1:]
+    if args[:1] == ["--emulator"] and len(args) > 1:
+        EMULATOR.extend(args[1].split())
+        args = args[2:]
+    if len(args) != 4:
         sys.exit(__doc__)
-    tool, version, summary, output = sys.argv[1:]
+    tool, version, summary, output = args
     name = os.path.basename(tool)
     page = sim_page if name == "lumora-sim" else lumora_page
     lines = page(tool, name, version, summary)

@@ -1,17 +1,38 @@
 #!/bin/sh
 # The exported interface of the three shared libraries against the baseline
-# committed in abi/ (libabigail's abidw and abidiff): additions pass and are
-# listed; a removed or changed function, variable or public type fails.
+# committed in abi/ARCH for the libraries' architecture (libabigail's abidw
+# and abidiff): additions pass and are listed; a removed or changed function,
+# variable or public type fails. Each Debian architecture has a baseline of
+# its own (abi/amd64, abi/armhf, abi/arm64), made from the same source: type
+# sizes and offsets differ between them, and a library is held to its own.
 #
-#   scripts/abi-check.sh [BUILD_DIR]             the built libraries against abi/
+#   scripts/abi-check.sh [BUILD_DIR]             the built libraries against abi/ARCH
 #   scripts/abi-check.sh --dump BUILD_DIR DIR    writes their dumps into DIR
 #   scripts/abi-check.sh --compare OLD NEW       two dumps
+#   scripts/abi-check.sh --baseline BUILD_DIR    prints the baseline folder of the build
 #
 # The dumps cover what the public headers (include/lumora) declare; the build
-# must carry debug information (the default preset does).
+# must carry debug information (the default, armhf and arm64 presets do).
 set -eu
 cd "$(dirname "$0")/.."
 libraries="src/liblumora-api.so.1 common/liblumora-common.so.1 platform/liblumora-platform.so.1"
+
+# The Debian architecture of the built libraries, from their ELF header.
+architecture() {
+  header=$(readelf -h "$1/src/liblumora-api.so.1")
+  case $header in
+    *"Advanced Micro Devices X86-64"*) echo amd64 ;;
+    *AArch64*) echo arm64 ;;
+    *"Machine:"*" ARM"*"hard-float"*) echo armhf ;;
+    *"Machine:"*" ARM"*) echo armel ;;
+    *"Intel 80386"*) echo i386 ;;
+    *) echo unknown ;;
+  esac
+}
+
+baseline() {
+  echo "abi/$(architecture "$1")"
+}
 
 if ! command -v abidiff >/dev/null 2>&1 || ! command -v abidw >/dev/null 2>&1; then
   echo "abi-check: libabigail (abidw, abidiff) is not installed: the interface was not checked" \
@@ -54,15 +75,22 @@ compare() {
 case ${1:-} in
   --dump) dump "$2" "$3" ;;
   --compare) compare "$2" "$3" ;;
+  --baseline) baseline "$2" ;;
   *)
     build=${1:-build/default}
+    base=$(baseline "$build")
+    if [ ! -d "$base" ]; then
+      echo "abi-check: no baseline for $(architecture "$build") ($base): the interface was not checked" >&2
+      exit 77
+    fi
+    echo "abi-check: $build against $base"
     work=$(mktemp -d /tmp/lumora-abi-XXXXXX)
     trap 'rm -rf "$work"' EXIT
     dump "$build" "$work"
     failed=0
     for library in $libraries; do
       name=$(basename "$library").abi
-      compare "abi/$name" "$work/$name" || failed=1
+      compare "$base/$name" "$work/$name" || failed=1
     done
     exit $failed
     ;;

@@ -8,10 +8,13 @@
 #   package-root.sh create ROOT MIRROR SUITE ARCH SOURCES_LIST APT_CACHE TOOLS
 #     debootstrap --variant=minbase into ROOT, the sources of SOURCES_LIST,
 #     then the packages TOOLS.
-#   package-root.sh test ROOT DEBS_DIR SOURCE_DIR APT_CACHE
+#   package-root.sh test ROOT DEBS_DIR SOURCE_DIR APT_CACHE [CROSS_ARCH CROSS_DEBS_DIR]
 #     installs the .deb files of DEBS_DIR with apt-get, builds the examples
 #     of SOURCE_DIR against them, runs tv-watcher against lumora-sim on a
-#     private bus, purges the packages and checks what is left.
+#     private bus; with CROSS_ARCH, installs that architecture's library and
+#     development packages of CROSS_DEBS_DIR beside them with Debian's cross
+#     compilers, and cross-builds the examples against them; then purges the
+#     packages and checks what is left.
 set -eu
 command=$1
 root=$2
@@ -94,8 +97,86 @@ create() {
 # Whether a package is installed in the root.
 installed() { [ "$(in_root dpkg-query -W -f '${db:Status-Abbrev}' "$1" 2>/dev/null)" = "ii " ]; }
 
+# The library and development packages of another architecture installed
+# beside the machine's own (multiarch), as a developer cross-building for the
+# television has them, and the examples cross-built against them: tv-watcher
+# with pkg-config on the target's .pc files, tv-dashboard with find_package
+# through the project's toolchain file.
+cross_packages() {
+  cross=$1 cross_debs=$2
+  cross_triplet=$(dpkg-architecture -a"$cross" -qDEB_HOST_MULTIARCH 2>/dev/null)
+  say "$cross: the library and development packages beside the $arch ones"
+  mkdir -p "$test/cross-debs" "$test/cmake"
+  cp "$cross_debs"/liblumora-api1_*_"$cross".deb "$cross_debs"/liblumora-api-dev_*_"$cross".deb "$test/cross-debs/"
+  cp "$source_dir/scripts/multiarch-install.sh" "$test/"
+  cp "$source_dir/cmake/toolchain-debian-cross.cmake" "$source_dir/cmake/toolchain-$cross.cmake" "$test/cmake/"
+  chmod -R a+rX "$test"
+  in_root dpkg --add-architecture "$cross"
+  # An index that fails to download (one architecture of the security
+  # archive, say) leaves apt with the others, which multiarch-install.sh
+  # lines up.
+  in_root apt-get -q update >"$test/apt-cross-update.log" 2>&1 || {
+    echo "packages: apt-get update reported errors; going on with the indexes that were read:" >&2
+    grep -E '^(E|W):' "$test/apt-cross-update.log" | head -n 5 >&2
+  }
+  files=
+  for deb in "$test"/cross-debs/*.deb; do files="$files /tmp/lumora-test/cross-debs/${deb##*/}"; done
+  # shellcheck disable=SC2086
+  in_root sh /tmp/lumora-test/multiarch-install.sh "$cross" "crossbuild-essential-$cross" $files \
+    >"$test/cross-install.log" 2>&1 || {
+    tail -n 40 "$test/cross-install.log" >&2
+    fail "the $cross packages could not be installed beside the $arch ones"
+  }
+  sed -n 's/^multiarch-install: //p' "$test/cross-install.log" | sed "s/^/packages: /"
+  for package in liblumora-api1 liblumora-api-dev; do
+    for a in "$arch" "$cross"; do
+      installed "$package:$a" || fail "$package:$a is not installed"
+    done
+    in_root dpkg -L "$package:$cross" >>"$test/files"
+  done
+  # Both architectures' libraries, each of its own machine. (This machine's
+  # ldconfig caches its own machine's libraries only; the target's dynamic
+  # loader finds its libraries in its multiarch folders without the cache.)
+  machine() { in_root readelf -h "$1" | sed -n 's/^ *Machine: *//p'; }
+  native_machine=$(machine "/usr/lib/$triplet/liblumora-api.so.1")
+  cross_machine=$(machine "/usr/lib/$cross_triplet/liblumora-api.so.1")
+  say "liblumora-api.so.1: /usr/lib/$triplet ($native_machine), /usr/lib/$cross_triplet ($cross_machine)"
+  [ -n "$native_machine" ] && [ -n "$cross_machine" ] && [ "$native_machine" != "$cross_machine" ] ||
+    fail "the two architectures' liblumora-api.so.1 are not both there, each of its own machine"
+
+  # pkg-config on the target's .pc files, as a cross build points it there.
+  pc_libdir="/usr/lib/$cross_triplet/pkgconfig:/usr/share/pkgconfig"
+  flags=$(in_root env PKG_CONFIG_LIBDIR="$pc_libdir" pkg-config --cflags --libs lumora-api) ||
+    fail "pkg-config --cflags --libs lumora-api on the $cross .pc files failed"
+  say "$cross: pkg-config --cflags --libs lumora-api: $flags"
+  [ "$(in_root env PKG_CONFIG_LIBDIR="$pc_libdir" pkg-config --variable=libdir lumora-api)" = "/usr/lib/$cross_triplet" ] ||
+    fail "the $cross lumora-api.pc: libdir is not /usr/lib/$cross_triplet"
+  mkdir -p "$test/cross"
+  in_root sh -c "cd /tmp/lumora-test/cross && PKG_CONFIG_LIBDIR=$pc_libdir make -s -f ../examples/tv-watcher/Makefile \
+    CC=$cross_triplet-gcc CFLAGS='-O2 -Wall -Wextra -Werror'" || fail "tv-watcher does not cross-build for $cross with pkg-config"
+  # find_package through the toolchain file.
+  in_root cmake -S /tmp/lumora-test/examples/tv-dashboard -B /tmp/lumora-test/cross/dashboard \
+    -DCMAKE_TOOLCHAIN_FILE="/tmp/lumora-test/cmake/toolchain-$cross.cmake" -DCMAKE_CXX_FLAGS=-Werror \
+    >"$test/cross-dashboard.log" 2>&1 || {
+    cat "$test/cross-dashboard.log" >&2
+    fail "tv-dashboard does not configure for $cross with find_package"
+  }
+  grep -qx "LumoraApi_DIR:PATH=/usr/lib/$cross_triplet/cmake/LumoraApi" "$test/cross/dashboard/CMakeCache.txt" ||
+    fail "find_package(LumoraApi) did not find /usr/lib/$cross_triplet/cmake/LumoraApi"
+  in_root cmake --build /tmp/lumora-test/cross/dashboard >>"$test/cross-dashboard.log" 2>&1 || {
+    cat "$test/cross-dashboard.log" >&2
+    fail "tv-dashboard does not cross-build for $cross"
+  }
+  for app in tv-watcher dashboard/tv-dashboard; do
+    [ "$(machine "/tmp/lumora-test/cross/$app")" = "$cross_machine" ] || fail "$app is not a $cross program"
+    in_root readelf -d "/tmp/lumora-test/cross/$app" | grep -q 'NEEDED.*\[liblumora-api\.so\.1\]' ||
+      fail "$app does not name liblumora-api.so.1"
+  done
+  say "$cross: tv-watcher (pkg-config) and tv-dashboard (find_package) cross-built: $cross_machine programs"
+}
+
 test_packages() {
-  debs=$3 source_dir=$4 apt_cache=$5
+  debs=$3 source_dir=$4 apt_cache=$5 cross=${6:-} cross_debs=${7:-}
   enter_root "$apt_cache"
   test=$root/tmp/lumora-test
   mkdir -p "$test/debs"
@@ -211,9 +292,15 @@ test_packages() {
   kill -TERM "$bus_pid"
   wait "$bus_pid" || true
 
-  say "apt-get purge $packages"
+  purge=$packages
+  if [ -n "$cross" ]; then
+    cross_packages "$cross" "$cross_debs"
+    purge="$purge liblumora-api1:$cross liblumora-api-dev:$cross"
+  fi
+
+  say "apt-get purge $purge"
   # shellcheck disable=SC2086
-  apt_in_root "$test/apt-purge.log" purge $packages
+  apt_in_root "$test/apt-purge.log" purge $purge
   left=0
   for package in $packages; do
     ! installed "$package" || fail "$package is still installed"
@@ -233,6 +320,7 @@ test_packages() {
     fi
   done <"$test/files"
   for folder in /usr/share/lumora-sim /usr/include/lumora "/usr/lib/$triplet/cmake/LumoraApi" \
+    ${cross:+"/usr/lib/$cross_triplet/cmake/LumoraApi"} \
     /usr/share/doc/liblumora-api1 /usr/share/doc/liblumora-api-dev /usr/share/doc/lumora-tools; do
     [ ! -e "$root$folder" ] || { echo "packages: left behind: $folder" >&2; left=1; }
   done

@@ -5,18 +5,43 @@
 # lib/<DEB_HOST_MULTIARCH>), then checks each with lintian when it is
 # installed: any error or warning fails (what is accepted, the packages'
 # lintian overrides say, with the reason). Says what it skipped.
-# Usage: scripts/package.sh [OUTPUT_DIR]
+# Usage: scripts/package.sh [ARCH] [OUTPUT_DIR]
+#   ARCH: the Debian architecture of the packages, the machine's own by
+#   default; another (armhf, arm64) is cross-built with
+#   cmake/toolchain-ARCH.cmake, its tools run under qemu-user for the manual
+#   pages (scripts/cross-deps.sh ARCH installs what that needs). The packages
+#   of several architectures can share OUTPUT_DIR: only those of ARCH are
+#   replaced.
 set -eu
 cd "$(dirname "$0")/.."
+native=$(dpkg --print-architecture)
+arch=$native
+case ${1:-} in
+  "$native") shift ;;
+  "" | */* | .*) ;;
+  *)
+    if [ -f "cmake/toolchain-$1.cmake" ]; then
+      arch=$1
+      shift
+    fi
+    ;;
+esac
 out=${1:-build/packages}
-build=build/package
-multiarch=$(dpkg-architecture -qDEB_HOST_MULTIARCH)
+multiarch=$(dpkg-architecture -a"$arch" -qDEB_HOST_MULTIARCH 2>/dev/null)
+if [ "$arch" = "$native" ]; then
+  build=build/package
+  cross=""
+else
+  build=build/package-$arch
+  cross="-DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-$arch.cmake -DLUMORA_DEB_ARCHITECTURE=$arch"
+fi
 # The files outside the multiarch libdir must be the same bytes in every
 # architecture's build of one commit: their dates are the commit's.
 if [ -z "${SOURCE_DATE_EPOCH:-}" ] && SOURCE_DATE_EPOCH=$(git log -1 --format=%ct 2>/dev/null); then
   export SOURCE_DATE_EPOCH
 fi
-cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DLUMORA_BUILD_TESTS=OFF \
+# shellcheck disable=SC2086
+cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DLUMORA_BUILD_TESTS=OFF $cross \
   -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_INSTALL_LIBDIR="lib/$multiarch" >/dev/null
 cmake --build "$build"
 if cmake --build "$build" --target docs >/dev/null 2>&1; then
@@ -27,12 +52,23 @@ fi
 mkdir -p "$out"
 out=$(cd "$out" && pwd)
 # Packages of an earlier version would be checked (and installed) alongside.
-rm -f "$out"/liblumora-api1_*.deb "$out"/liblumora-api-dev_*.deb "$out"/lumora-tools_*.deb
-(cd "$build" && cpack -G DEB -B "$out" >/dev/null)
+debs="$out/liblumora-api1_*_$arch.deb $out/liblumora-api-dev_*_$arch.deb $out/lumora-tools_*_$arch.deb"
+# shellcheck disable=SC2086
+rm -f $debs
+# dpkg-shlibdeps, which CPack runs, reads the packages' architecture from the
+# environment dpkg-architecture sets (which checks it against CC's).
+if [ "$arch" = "$native" ]; then
+  compiler=${CC:-cc}
+else
+  compiler=$multiarch-gcc
+fi
+(cd "$build" && CC=$compiler dpkg-architecture -a"$arch" -c cpack -G DEB -B "$out" >/dev/null)
 rm -rf "$out/_CPack_Packages"
-ls "$out"/*.deb
+# shellcheck disable=SC2086
+ls $debs
 if command -v lintian >/dev/null 2>&1; then
-  lintian --fail-on error,warning --tag-display-limit 0 "$out"/*.deb
+  # shellcheck disable=SC2086
+  lintian --fail-on error,warning --tag-display-limit 0 $debs
   echo "package: lintian found no error or warning"
 else
   echo "package: lintian is not installed: the packages were not checked (apt-get install lintian)"

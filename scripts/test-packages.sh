@@ -15,13 +15,26 @@
 #     apt-get, so that their Depends alone bring in everything, builds both
 #     examples (pkg-config, find_package), runs tv-watcher against the
 #     installed lumora-sim on a private dbus-daemon, purges the packages and
-#     checks that nothing of theirs is left.
+#     checks that nothing of theirs is left;
+#  4. with --cross ARCH, before the purge: builds the packages of ARCH too
+#     (scripts/package.sh ARCH), installs its liblumora-api1 and
+#     liblumora-api-dev beside the machine's own in the root (dpkg
+#     --add-architecture, apt-get with crossbuild-essential-ARCH), checks
+#     that both architectures' libraries are there, and cross-builds both
+#     examples against the ARCH ones (pkg-config on the target's .pc files,
+#     find_package through cmake/toolchain-ARCH.cmake).
 # Needs root (debootstrap, chroot, mount) and the network to the mirror.
 # Prints how long each step took; exits non-zero when a step fails.
-# Usage: scripts/test-packages.sh
+# Usage: scripts/test-packages.sh [--cross ARCH]
 #   LUMORA_PACKAGE_ROOT_CACHE=DIR  keep the root in DIR instead of build/package-root
 set -eu
 cd "$(dirname "$0")/.."
+cross=
+case ${1:-} in
+  --cross) cross=${2:?usage: scripts/test-packages.sh [--cross ARCH]} ;;
+  "") ;;
+  *) echo "usage: scripts/test-packages.sh [--cross ARCH]" >&2; exit 2 ;;
+esac
 source_dir=$(pwd)
 start=$(date +%s)
 # package-root.sh counts its lines' seconds from the same start.
@@ -106,6 +119,13 @@ work=$(mktemp -d "$cache/run-XXXXXX")
 say "building the packages"
 ./scripts/package.sh "$work/debs"
 say "packages built"
+if [ -n "$cross" ]; then
+  [ -f "cmake/toolchain-$cross.cmake" ] || fail "no toolchain file cmake/toolchain-$cross.cmake"
+  say "building the $cross packages"
+  ./scripts/cross-deps.sh "$cross"
+  ./scripts/package.sh "$cross" "$work/cross-debs"
+  say "$cross packages built"
+fi
 
 if [ -f "$base" ] && [ "$(cat "$base.key" 2>/dev/null)" = "$key" ] && [ -n "$(find "$base" -mtime -7)" ]; then
   say "minimal $codename root: kept from an earlier run ($base)"
@@ -125,5 +145,7 @@ fi
 mkdir "$work/root"
 tar -C "$work/root" --numeric-owner -xpf "$base"
 say "fresh copy of the root in $work/root"
-in_namespace test "$work/root" "$work/debs" "$source_dir" "$cache/apt-archives" || fail "the packages failed on a clean system"
+# shellcheck disable=SC2086
+in_namespace test "$work/root" "$work/debs" "$source_dir" "$cache/apt-archives" ${cross:+"$cross" "$work/cross-debs"} ||
+  fail "the packages failed on a clean system"
 say "packages ok"

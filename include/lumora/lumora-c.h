@@ -202,7 +202,42 @@ typedef struct {
     void* items;
 } StatisticsResult;
 
-/* The records, one per statistics subject (see StatisticsResult). */
+/* The records, one per statistics subject (see StatisticsResult).
+ *
+ * Their layout is part of the interface: fields in the order declared, each
+ * at its natural alignment, no packing, so that an application built with
+ * any compiler of the platform's ABI reads what the library wrote. Offsets
+ * and sizes in bytes:
+ *
+ *                         32-bit ARM (armhf)       64-bit (arm64, amd64)
+ *                         4-byte pointers,         8-byte pointers
+ *                         8-byte aligned int64_t
+ *   StatisticsResult
+ *     count, items        0, 4                     0, 8
+ *     size                8                        16
+ *   OnoffDurationItem
+ *     field1, field2      0, 8                     0, 8
+ *     size                16                       16
+ *   AppDurationItem
+ *     field1 .. field6    0, 8, 16, 20, 24, 28     0, 8, 16, 24, 32, 40
+ *     size                32                       48
+ *   ChannelDurationItem
+ *     field1 .. field7    0, 8, 16, 20, 24, 28, 32 0, 8, 16, 24, 28, 32, 40
+ *     size                40                       48
+ *   GenreDurationItem
+ *     field1 .. field4    0, 8, 16, 20             0, 8, 16, 24
+ *     size                24                       32
+ *   ContentDurationItem
+ *     field1, field2      0, 8                     0, 8
+ *     field3 .. field9    16, 20, .. 40            16, 24, .. 64
+ *     field10, field11    44, 48                   72, 76
+ *     size                56                       80
+ *
+ * Every record is aligned to 8 bytes on both; StatisticsResult to its
+ * pointer's size. None of them holds a time_t or an off_t: an application
+ * built with a 64-bit time_t on 32-bit ARM (_TIME_BITS=64) sees the same
+ * records as the library.
+ */
 
 /** A record of "I/TallyDB/Onoff/Duration", wire "a(uu)". */
 typedef struct {

@@ -2,7 +2,8 @@
 # The interface check both ways: the built libraries against the committed
 # baseline pass (additions only), and the baseline read as the newer side,
 # which lacks what was added since, fails as a removal would; a changed type
-# fails and an addition passes on a tiny library of two versions.
+# fails and an addition passes on a tiny library of two versions (built for
+# the build machine, whatever the build's architecture).
 # Usage: run-abi-test.sh BUILD_DIR
 set -eu
 build=$1
@@ -15,7 +16,8 @@ status=0
 work=$(mktemp -d /tmp/lumora-abi-test-XXXXXX)
 trap 'rm -rf "$work"' EXIT
 "$check" --dump "$build" "$work"
-if "$check" --compare "$work/liblumora-api.so.1.abi" "$source_dir/abi/liblumora-api.so.1.abi" >"$work/report" 2>&1; then
+baseline=$source_dir/$("$check" --baseline "$build")
+if "$check" --compare "$work/liblumora-api.so.1.abi" "$baseline/liblumora-api.so.1.abi" >"$work/report" 2>&1; then
   echo "abi test: a baseline without this build's additions was not refused" >&2
   exit 1
 fi

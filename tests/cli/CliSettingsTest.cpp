@@ -13,6 +13,7 @@
 
 #include "ChildProcess.h"
 #include "CliFixture.h"
+#include "Emulator.h"
 #include "StoreAccess.h"
 
 namespace lumora::test {
@@ -50,6 +51,8 @@ protected:
         int out[2];
         int err[2];
         if (pipe(out) != 0 || pipe(err) != 0) return result;
+        Launch launch = LaunchOf(CliExecutable(), args);
+        std::vector<char*> argv = launch.Argv();
         pid_t pid = fork();
         if (pid == 0) {
             dup2(out[1], STDOUT_FILENO);
@@ -57,12 +60,7 @@ protected:
             close(out[0]);
             close(err[0]);
             if (!BecomeUserThatModesApplyTo()) _exit(125);
-            std::vector<char*> argv;
-            std::string executable = CliExecutable();
-            argv.push_back(const_cast<char*>(executable.c_str()));
-            for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-            argv.push_back(nullptr);
-            execv(executable.c_str(), argv.data());
+            execv(launch.file.c_str(), argv.data());
             _exit(127);
         }
         close(out[1]);
@@ -119,14 +117,15 @@ TEST_F(CliSettingsTest, AnAbsentKeyOfAWorkingStoreIsStillNotSet) {
 TEST_F(CliSettingsTest, SetTakesAValueOverTheArgumentLimitFromStandardInput) {
     const std::string value = "[\"" + std::string(200 * 1024, 'h') + "\"]";
     const std::string file = m_dir.Write("hints.json", value + "\n");
-    RunResult set = RunProgram(
-        "/bin/sh",
-        {"-c", "exec \"$0\" settings set db/lumora-service/source_hintlist - < \"$1\"", CliExecutable(), file});
+    RunResult set =
+        RunProgram("/bin/sh", {"-c", "exec \"$0\" settings set db/lumora-service/source_hintlist - < \"$1\"",
+                               ShellProgram(CliExecutable()), file});
     EXPECT_EQ(0, set.exitStatus) << set.err;
     RunResult get = Lumora({"settings", "get", "db/lumora-service/source_hintlist"});
     EXPECT_EQ(0, get.exitStatus) << get.err;
     EXPECT_TRUE(get.out == value + "\n") << get.out.size() << " bytes read back";
-    RunResult bad = RunProgram("/bin/sh", {"-c", "printf '\\377' | \"$0\" settings set k -", CliExecutable()});
+    RunResult bad =
+        RunProgram("/bin/sh", {"-c", "printf '\\377' | \"$0\" settings set k -", ShellProgram(CliExecutable())});
     EXPECT_EQ(1, bad.exitStatus);
     EXPECT_EQ("lumora: VALUE (standard input) is not valid UTF-8\n", bad.err);
 }

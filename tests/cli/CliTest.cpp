@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "CliFixture.h"
+#include "Emulator.h"
 
 namespace lumora::test {
 namespace {
@@ -315,7 +316,8 @@ TEST_F(CliServiceTest, TheFeatureSwitchOffFailsTheStatusWithStatusEight) {
 TEST_F(CliServiceTest, WriteTakesALargeValueFromStandardInputAndReadGivesItBack) {
     const std::string value = "{\"blob\":\"" + std::string(1 << 20, 'x') + "\"}";
     const std::string file = m_dir.Write("big.json", value);
-    RunResult write = RunProgram("/bin/sh", {"-c", "exec \"$0\" write Ctx/Test/Big - < \"$1\"", CliExecutable(), file});
+    RunResult write =
+        RunProgram("/bin/sh", {"-c", "exec \"$0\" write Ctx/Test/Big - < \"$1\"", ShellProgram(CliExecutable()), file});
     EXPECT_EQ(0, write.exitStatus) << write.err;
     EXPECT_EQ("", write.err);
     EXPECT_TRUE(WaitUntil([&] { return SimValue("Ctx/Test/Big").size() == value.size(); }, 5000));
@@ -325,15 +327,16 @@ TEST_F(CliServiceTest, WriteTakesALargeValueFromStandardInputAndReadGivesItBack)
 }
 
 TEST_F(CliServiceTest, WriteFromStandardInputLeavesOutOneFinalNewline) {
-    RunResult write =
-        RunProgram("/bin/sh", {"-c", "echo '{\"a\":1}' | \"$0\" write Ctx/Test/Piped -", CliExecutable()});
+    RunResult write = RunProgram(
+        "/bin/sh", {"-c", "echo '{\"a\":1}' | \"$0\" write Ctx/Test/Piped -", ShellProgram(CliExecutable())});
     EXPECT_EQ(0, write.exitStatus) << write.err;
     EXPECT_TRUE(WaitUntil([&] { return SimValue("Ctx/Test/Piped") == "{\"a\":1}"; }, 5000))
         << SimValue("Ctx/Test/Piped");
 }
 
 TEST_F(CliServiceTest, WriteRefusesStandardInputThatIsNotUtf8) {
-    RunResult write = RunProgram("/bin/sh", {"-c", "printf '\\377' | \"$0\" write Ctx/Test/Piped -", CliExecutable()});
+    RunResult write =
+        RunProgram("/bin/sh", {"-c", "printf '\\377' | \"$0\" write Ctx/Test/Piped -", ShellProgram(CliExecutable())});
     EXPECT_EQ(1, write.exitStatus);
     EXPECT_EQ("lumora: DATA (standard input) is not valid UTF-8\n", write.err);
     g_usleep(200 * 1000);

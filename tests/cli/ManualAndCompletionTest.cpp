@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "CliFixture.h"
+#include "Emulator.h"
 
 namespace lumora::test {
 namespace {
@@ -17,11 +18,13 @@ RunResult Man(const std::string& page) {
 }
 
 // The words bash completes for the command line words (the last one being
-// completed), with the built tools first on PATH.
+// completed), with the built tools first on PATH (through the emulator in a
+// cross build).
 std::vector<std::string> Complete(const std::vector<std::string>& words) {
     std::string array;
     for (const std::string& word : words) array += " '" + word + "'";
-    std::string script = "PATH=" LUMORA_TOOLS_PATH ":$PATH; source " LUMORA_COMPLETION "; COMP_WORDS=(" + array +
+    std::string script = "PATH=" + ShellToolsPath(LUMORA_TOOLS_PATH) +
+                         ":$PATH; source " LUMORA_COMPLETION "; COMP_WORDS=(" + array +
                          "); COMP_CWORD=" + std::to_string(words.size() - 1) + "; complete -p " + words[0] +
                          " >/dev/null && $(complete -p " + words[0] +
                          " | sed 's/.*-F \\([^ ]*\\).*/\\1/'); printf '%s\\n' \"${COMPREPLY[@]}\"";

@@ -297,6 +297,10 @@ std::vector<Json::Value> Answers(const std::vector<Json::Value>& lines, const st
 }
 
 TEST_F(MonitorTest, EveryCallAnswerAndSignalOfASessionAppearsOnceDecoded) {
+    // The monitor names a caller from /proc, which it can while the caller
+    // runs: the read is answered 300 ms late, so that lumora read is still
+    // there when even a slow monitor (under an emulator) comes to its call.
+    ASSERT_TRUE(Control(sim::kCtlSetDelay, g_variant_new("(su)", "Ctx/Media/Source/Info/Current", 300u)));
     ChildProcess monitor;
     StartMonitor(monitor, {"--json"});
     ChildProcess subscriber;

@@ -3,12 +3,15 @@
 # directory says (tv-watcher: its Makefile and pkg-config; tv-dashboard: its
 # CMakeLists.txt and find_package), runs it beside the installed lumora-sim on
 # a private bus, changes the simulated set with `lumora-sim ctl`, and checks
-# what it prints and that Ctrl-C stops it with status 0.
+# what it prints and that Ctrl-C stops it with status 0. A cross build's
+# example is built with its compilers and toolchain file, and the example and
+# lumora-sim run under its emulator (build-tools.sh of the build tree).
 # Usage: run-example-test.sh BUILD_DIR [tv-watcher|tv-dashboard]
 set -eu
 build_dir=$1
 example=${2:-tv-watcher}
 source_dir=$(cd "$(dirname "$0")/../.." && pwd)
+. "$build_dir/tests/build-tools.sh"
 work=$(mktemp -d /tmp/lumora-example-XXXXXX)
 prefix=$work/prefix
 bus_pid=
@@ -39,15 +42,17 @@ printed() { grep -q "$1" "$work/out"; }
 
 cmake --install "$build_dir" --prefix "$prefix" >/dev/null
 libdir=$(dirname "$(find "$prefix" -name 'liblumora-api.so.1' | head -n 1)")
-export PKG_CONFIG_PATH=$libdir/pkgconfig
+lumora_pkg_config "$libdir/pkgconfig"
 export LD_LIBRARY_PATH=$libdir
 case $example in
   tv-watcher)
-    (cd "$work" && make -s -f "$source_dir/examples/tv-watcher/Makefile" CFLAGS="-O2 -Wall -Wextra -Werror")
+    (cd "$work" && make -s -f "$source_dir/examples/tv-watcher/Makefile" CC="$lumora_cc" \
+      CFLAGS="-O2 -Wall -Wextra -Werror")
     app=$work/tv-watcher ;;
   tv-dashboard)
-    cmake -S "$source_dir/examples/tv-dashboard" -B "$work/dashboard" -DCMAKE_PREFIX_PATH="$prefix" \
-      -DCMAKE_CXX_FLAGS=-Werror >/dev/null
+    # shellcheck disable=SC2086
+    cmake -S "$source_dir/examples/tv-dashboard" -B "$work/dashboard" $lumora_cmake_args \
+      -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_FLAGS=-Werror >/dev/null
     cmake --build "$work/dashboard" >/dev/null
     app=$work/dashboard/tv-dashboard ;;
   *) fail "unknown example $example" ;;
@@ -61,13 +66,14 @@ DBUS_SYSTEM_BUS_ADDRESS=$(head -n 1 "$work/address")
 export DBUS_SYSTEM_BUS_ADDRESS
 export LUMORA_LOG_FILE=$work/log
 rm -f /tmp/lmf_service_ready
-"$prefix/bin/lumora-sim" --scenario "$prefix/share/lumora-sim/sample-tv.json" &
+(lumora_exec "$prefix/bin/lumora-sim" --scenario "$prefix/share/lumora-sim/sample-tv.json") &
 sim_pid=$!
 wait_for test -e /tmp/lmf_service_ready || fail "lumora-sim did not start"
 
-"$app" >"$work/out" 2>&1 &
+(lumora_exec "$app" >"$work/out" 2>&1) &
 app_pid=$!
-emit() { "$prefix/bin/lumora-sim" ctl emit "$1" "$2" >/dev/null; }
+sim() { lumora_run "$prefix/bin/lumora-sim" "$@"; }
+emit() { sim ctl emit "$1" "$2" >/dev/null; }
 case $example in
   tv-watcher)
     wait_for printed "programme now: .*Nine O'Clock News" || fail "no current programme"
@@ -78,8 +84,8 @@ case $example in
     printed 'service available (ready)' || fail "no availability line"
     # The programme changes while the service restarts: nothing is emitted,
     # yet the watcher hears it once the service is back.
-    "$prefix/bin/lumora-sim" ctl set Ctx/Media/Broadcast/Program/Changed '{"ProgramTitle":"Weather"}' >/dev/null
-    "$prefix/bin/lumora-sim" ctl restart 300 >/dev/null
+    sim ctl set Ctx/Media/Broadcast/Program/Changed '{"ProgramTitle":"Weather"}' >/dev/null
+    sim ctl restart 300 >/dev/null
     wait_for printed 'service unavailable (bye)' || fail "no unavailable line"
     wait_for printed 'service available (hello)' || fail "no available line after the restart"
     wait_for printed 'programme changed: {"ProgramTitle":"Weather"}' || fail "no catch-up of the programme"

@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <cerrno>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -168,6 +169,22 @@ TEST_F(SettingsTest, SetReplacesAnEarlierValue) {
     ASSERT_EQ(0, settings_set_str("k", "two"));
     EXPECT_EQ("two", Get("k"));
     EXPECT_EQ("1", QueryDirect("SELECT count(*) FROM settings"));
+}
+
+// A store file past 2 GiB (sparse here: zeros after SQLite's own pages, which
+// SQLite leaves alone) is read and written like any other. Its size does not
+// fit the 32-bit off_t of 32-bit ARM, where a stat() built without large-file
+// support fails with EOVERFLOW.
+TEST_F(SettingsTest, AStoreFileLargerThanTwoGibibytesIsReadAndWritten) {
+    ASSERT_EQ(0, settings_set_str("k", "before"));
+    const off64_t kSize = off64_t{3} << 30;
+    ASSERT_EQ(0, truncate64(m_db.c_str(), kSize)) << strerror(errno);
+    struct stat64 st;
+    ASSERT_EQ(0, stat64(m_db.c_str(), &st));
+    ASSERT_EQ(kSize, st.st_size);
+    EXPECT_EQ("before " + kOk, GetAndStatus("k"));
+    EXPECT_EQ("0 " + kOk, SetAndStatus("k", "after"));
+    EXPECT_EQ("after " + kOk, GetAndStatus("k"));
 }
 
 TEST_F(SettingsTest, AbsentKeyReadsAsNullWithoutALogLine) {

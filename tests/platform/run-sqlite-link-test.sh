@@ -13,11 +13,21 @@ fail() {
     exit 1
 }
 
+. "$build_dir/tests/build-tools.sh"
+
 needed=$(readelf -d "$library" | sed -n 's/.*(NEEDED).*\[\(.*\)\]$/\1/p')
 echo "NEEDED of $library:"
 echo "$needed" | sed 's/^/  /'
 echo "$needed" | grep -q '^libsqlite3\.so' || fail "libsqlite3 is not a NEEDED entry of $library"
-ldd "$library" | grep -q 'libsqlite3\.so[^ ]* => /' || fail "ldd does not resolve libsqlite3 for $library"
+if [ -n "$lumora_emulator" ]; then
+  # ldd of the target: its dynamic loader (the interpreter its programs
+  # name) listing the library's dependencies, under the emulator.
+  loader=$(readelf -l "$build_dir/tools/cli/lumora" | sed -n 's/.*program interpreter: \(.*\)\]$/\1/p')
+  resolved=$(lumora_run "$loader" --list "$library")
+else
+  resolved=$(ldd "$library")
+fi
+echo "$resolved" | grep -q 'libsqlite3\.so[^ ]* => /' || fail "the loader does not resolve libsqlite3 for $library"
 
 work=$(mktemp -d /tmp/lumora-sqlite-link-XXXXXX)
 trap 'rm -rf "$work"' EXIT
@@ -25,7 +35,7 @@ cmake --install "$build_dir" --prefix "$work/prefix" >/dev/null
 libdir=$(dirname "$(find "$work/prefix" -name 'liblumora-platform.so.1' | head -n 1)")
 readelf -d "$libdir/liblumora-platform.so.1" | grep -q 'NEEDED.*\[libsqlite3\.so' ||
     fail "the installed liblumora-platform.so.1 does not name libsqlite3"
-export PKG_CONFIG_PATH=$libdir/pkgconfig
+lumora_pkg_config "$libdir/pkgconfig"
 
 requires=$(pkg-config --print-requires-private lumora-api)
 echo "pkg-config Requires.private of lumora-api: $requires"
@@ -48,7 +58,9 @@ if(NOT TARGET PkgConfig::SQLITE)
 endif()
 message(STATUS "PkgConfig::SQLITE: found")
 CMAKE
-cmake -S "$work/consumer" -B "$work/consumer/build" -DCMAKE_PREFIX_PATH="$work/prefix" >"$work/cmake.log" 2>&1 ||
+# shellcheck disable=SC2086
+cmake -S "$work/consumer" -B "$work/consumer/build" $lumora_cmake_args -DCMAKE_PREFIX_PATH="$work/prefix" \
+    >"$work/cmake.log" 2>&1 ||
     { cat "$work/cmake.log"; fail "find_package(LumoraApi) failed"; }
 grep -q 'PkgConfig::SQLITE: found' "$work/cmake.log" || fail "the CMake package check did not run"
 echo "sqlite link ok"

@@ -174,8 +174,19 @@ protected:
         // The start's "ServiceEnable" has been answered, but the monitor may
         // not have recorded it yet: cleared before that, it would show up
         // among the calls of the test. The log is marked after the settling
-        // call, which the simulator logs too.
+        // call, which the simulator logs too: once it has served it, which
+        // may be after the monitor saw the call go by (on a slow machine, or
+        // under an emulator).
         m_monitor->Settle(m_control);
+        const std::string served = " subject:" + m_monitor->LastSettleSubject() + " ";
+        EXPECT_TRUE(WaitUntil(
+            [&] {
+                for (const std::string& line : m_log.Lines())
+                    if (line.find(served) != std::string::npos) return true;
+                return false;
+            },
+            5000))
+            << "the simulator did not log the settling call" << m_log.Dump();
         m_log.Mark();
         m_monitor->Clear();
     }

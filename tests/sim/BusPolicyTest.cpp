@@ -18,6 +18,7 @@
 #include "BusCalls.h"
 #include "ChildProcess.h"
 #include "ControlContract.h"
+#include "Emulator.h"
 #include "LogCapture.h"
 #include "MainLoopThread.h"
 #include "SimProcess.h"
@@ -64,6 +65,8 @@ protected:
     static std::string RunAsNobody(const std::vector<std::string>& argv, int& exitStatus, bool withErrors = false) {
         int out[2];
         if (pipe(out) != 0) return "no pipe";
+        Launch launch = LaunchOf(argv[0], std::vector<std::string>(argv.begin() + 1, argv.end()));
+        std::vector<char*> args = launch.Argv();
         pid_t pid = fork();
         if (pid == 0) {
             dup2(out[1], STDOUT_FILENO);
@@ -74,10 +77,7 @@ protected:
                 setuid(nobody->pw_uid) != 0) {
                 _exit(126);
             }
-            std::vector<char*> args;
-            for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
-            args.push_back(nullptr);
-            execv(args[0], args.data());
+            execv(launch.file.c_str(), args.data());
             _exit(127);
         }
         close(out[1]);

@@ -56,8 +56,12 @@ BUILD = sys.argv[1]
 MODE = sys.argv[2]
 SCREENSHOT = sys.argv[3] if len(sys.argv) > 3 else None
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-LUMORA = os.path.join(BUILD, "tools/cli/lumora")
-SIM = os.path.join(BUILD, "tools/sim/lumora-sim")
+# A cross build's tools run under its emulator, which CMake names to every
+# test in LUMORA_TEST_EMULATOR.
+EMULATOR = os.environ.get("LUMORA_TEST_EMULATOR", "").split()
+LUMORA = [*EMULATOR, os.path.join(BUILD, "tools/cli/lumora")]
+SIM = [*EMULATOR, os.path.join(BUILD, "tools/sim/lumora-sim")]
+READY_MARKER = "/tmp/lmf_service_ready"
 failures = []
 
 
@@ -94,23 +98,27 @@ class Setup:
         wait_for(lambda: open(address_file).read().strip())
         self.env = dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS=open(address_file).read().splitlines()[0],
                         LUMORA_LOG_FILE=os.path.join(self.work, "log"))
-        self.sim = subprocess.Popen(self.prefix + [SIM, "--scenario",
+        # The service's readiness marker (in this test's own /tmp, or the
+        # test's alone by its resource lock): one left by a crashed run would
+        # make the wait below meaningless.
+        if os.path.exists(READY_MARKER):
+            os.unlink(READY_MARKER)
+        self.sim = subprocess.Popen(self.prefix + [*SIM, "--scenario",
                                                    os.path.join(ROOT, "data/scenarios/sample-tv.json")] + self.http,
                                     stdout=subprocess.PIPE, env=self.env, text=True)
         line = self.sim.stdout.readline()
         prefix = "lumora-sim: control panel at "
         if not line.startswith(prefix):
             raise SystemExit("no panel URL from lumora-sim: " + line)
+        # The URL comes as the simulator starts to own its bus name; clients
+        # are served once it owns it, which the marker tells.
+        if not wait_for(lambda: os.path.exists(READY_MARKER)):
+            raise SystemExit("lumora-sim did not become ready")
         self.url = line[len(prefix):].strip()
         self.host = self.url[len("http://"):].rstrip("/")
         self.port = int(self.host.rsplit(":", 1)[1])
         self.origin = "http://" + self.host
         self.pid = self.sim.pid
-        # The panel's address comes as soon as it listens, which may be before
-        # the service has its name on the bus (by far so under a sanitizer):
-        # clients started now would be told the service is not ready.
-        if not wait_for(lambda: os.path.exists("/tmp/lmf_service_ready"), 30.0):
-            raise SystemExit("lumora-sim did not get ready on the bus")
         return self
 
     def __exit__(self, *exc):
@@ -125,10 +133,10 @@ class Setup:
     def alive(self):
         """The simulator still runs, holds its marker and answers D-Bus clients."""
         read = self.lumora("read", "Ctx/Sound/Volume/Level/Current")
-        return self.sim.poll() is None and os.path.exists("/tmp/lmf_service_ready") and read.returncode == 0
+        return self.sim.poll() is None and os.path.exists(READY_MARKER) and read.returncode == 0
 
     def lumora(self, *args):
-        return subprocess.run([LUMORA, *args], capture_output=True, text=True, env=self.env, timeout=30)
+        return subprocess.run([*LUMORA, *args], capture_output=True, text=True, env=self.env, timeout=30)
 
     def request(self, method, path, body=None, headers=None, timeout=10):
         connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=timeout)
@@ -188,7 +196,7 @@ def http_side(setup):
 
 def browser_side(setup):
     browser = start_browser()
-    subscriber = subprocess.Popen([LUMORA, "subscribe", "Ctx/Sound/Volume/Level/Changed"], stdout=subprocess.PIPE,
+    subscriber = subprocess.Popen([*LUMORA, "subscribe", "Ctx/Sound/Volume/Level/Changed"], stdout=subprocess.PIPE,
                                   text=True, env=setup.env)
     try:
         subscribed(setup, subscriber, "Ctx/Sound/Volume/Level/Changed")
@@ -208,7 +216,7 @@ def browser_side(setup):
 
         # A change made with lumora-sim ctl shows without reload.
         before = updates()
-        subprocess.run([SIM, "ctl", "set", "Ctx/App/Info/Current", '{"AppId":"from.ctl"}'], env=setup.env, check=True)
+        subprocess.run([*SIM, "ctl", "set", "Ctx/App/Info/Current", '{"AppId":"from.ctl"}'], env=setup.env, check=True)
         check(wait_for(lambda: "from.ctl" in browser.find_element(
             By.CSS_SELECTOR, "tr[data-subject='Ctx/App/Info/Current'] textarea").get_attribute("value"), 1.5),
             "a ctl set shows in the page within a second or so, without reload")
@@ -266,7 +274,7 @@ def order_side(setup):
     """An app that reads the current value when a change is notified sees the
     new value, for every control of the page."""
     browser = start_browser()
-    subscriber = subprocess.Popen([LUMORA, "subscribe", *CHANGED_CURRENT], stdout=subprocess.PIPE, text=True,
+    subscriber = subprocess.Popen([*LUMORA, "subscribe", *CHANGED_CURRENT], stdout=subprocess.PIPE, text=True,
                                   env=setup.env)
     seen = []
 
@@ -341,8 +349,8 @@ def edits_side(setup):
         text.send_keys('{"AppId":"my.draft"}')
         browser.execute_script("document.activeElement.blur();")
         before = updates()
-        subprocess.run([SIM, "ctl", "set", "Ctx/App/Info/Current", '{"AppId":"from.ctl"}'], env=setup.env, check=True)
-        subprocess.run([SIM, "ctl", "set", "Ctx/Sound/Volume/Level/Current", '{"Level":5}'], env=setup.env, check=True)
+        subprocess.run([*SIM, "ctl", "set", "Ctx/App/Info/Current", '{"AppId":"from.ctl"}'], env=setup.env, check=True)
+        subprocess.run([*SIM, "ctl", "set", "Ctx/Sound/Volume/Level/Current", '{"Level":5}'], env=setup.env, check=True)
         check(wait_for(lambda: updates() >= before + 2, 3), "the changes came over the WebSocket")
         time.sleep(0.3)
         check(text.get_attribute("value") == '{"AppId":"my.draft"}',
@@ -356,7 +364,7 @@ def edits_side(setup):
         check("draft" not in app.get_attribute("class").split(), "a reverted row is no draft")
         check(not revert.is_displayed(), "and has no revert button")
         # Not a draft any more: the next update shows.
-        subprocess.run([SIM, "ctl", "set", "Ctx/App/Info/Current", '{"AppId":"next"}'], env=setup.env, check=True)
+        subprocess.run([*SIM, "ctl", "set", "Ctx/App/Info/Current", '{"AppId":"next"}'], env=setup.env, check=True)
         check(wait_for(lambda: text.get_attribute("value") == '{"AppId":"next"}', 2),
               "a field that is no draft follows the state")
 
@@ -370,7 +378,7 @@ def edits_side(setup):
         check(wait_for(lambda: "not JSON" in error.text), "invalid JSON is refused in place with the reason")
         browser.execute_script("document.activeElement.blur();")
         before = updates()
-        subprocess.run([SIM, "ctl", "set", "Ctx/Media/Source/Info/Current", '{"Source":"HDMI3"}'], env=setup.env,
+        subprocess.run([*SIM, "ctl", "set", "Ctx/Media/Source/Info/Current", '{"Source":"HDMI3"}'], env=setup.env,
                        check=True)
         check(wait_for(lambda: updates() > before, 3), "the change came over the WebSocket")
         time.sleep(0.3)
@@ -391,8 +399,8 @@ def edits_side(setup):
 def shown_side(setup):
     """What the page shows is the simulator's state: faults in force, callers'
     names, subjects in order, numbers as written, and whether it is there."""
-    subprocess.run([SIM, "ctl", "code", "Data/Weather/Forecast", "-5"], env=setup.env, check=True)
-    subprocess.run([SIM, "ctl", "delay", "Pref/Channel/List", "1500"], env=setup.env, check=True)
+    subprocess.run([*SIM, "ctl", "code", "Data/Weather/Forecast", "-5"], env=setup.env, check=True)
+    subprocess.run([*SIM, "ctl", "delay", "Pref/Channel/List", "1500"], env=setup.env, check=True)
     browser = start_browser()
     try:
         browser.get(setup.url)
@@ -422,7 +430,7 @@ def shown_side(setup):
               f"ServiceEnable's caller is named ({enables()[:2]})")
 
         # A subject new to the page takes its sorted place.
-        subprocess.run([SIM, "ctl", "set", "Ctx/Aaa/New", '{"x":1}'], env=setup.env, check=True)
+        subprocess.run([*SIM, "ctl", "set", "Ctx/Aaa/New", '{"x":1}'], env=setup.env, check=True)
         order = lambda: [r.get_attribute("data-subject") for r in
                          browser.find_elements(By.CSS_SELECTOR, "#subjects tbody tr")]
         check(wait_for(lambda: "Ctx/Aaa/New" in order(), 2), "the new subject shows without reload")
@@ -449,7 +457,7 @@ def shown_side(setup):
               f"and shown as its text after a reload ({text().get_attribute('value')})")
 
         # The simulator stops: the page says so and offers nothing to press.
-        subprocess.run([SIM, "ctl", "set", "Ctx/App/Info/Current", '{"AppId":"before.stop"}'], env=setup.env,
+        subprocess.run([*SIM, "ctl", "set", "Ctx/App/Info/Current", '{"AppId":"before.stop"}'], env=setup.env,
                        check=True)
         setup.sim.terminate()
         setup.sim.wait()
@@ -462,7 +470,7 @@ def shown_side(setup):
             ".filter((c) => !c.disabled && c.id !== 'search').map((c) => c.id || c.className || c.tagName)")
         check(enabled == [], f"every control is disabled ({enabled[:5]})")
         # Back on the same port: live again, with the new simulator's state.
-        setup.sim = subprocess.Popen([SIM, "--scenario", os.path.join(ROOT, "data/scenarios/sample-tv.json"),
+        setup.sim = subprocess.Popen([*SIM, "--scenario", os.path.join(ROOT, "data/scenarios/sample-tv.json"),
                                       "--http", setup.host], stdout=subprocess.PIPE, env=setup.env, text=True)
         check(wait_for(live, 10), "the page is live again when the simulator is back")
         check("offline" not in browser.find_element(By.TAG_NAME, "body").get_attribute("class").split(),
@@ -500,8 +508,8 @@ return broken;
 def layout_side(setup):
     """At 1366 and 800 pixels wide, with a long subject and value: nothing
     wider than the window, every label beside its input. Saves screenshots."""
-    subprocess.run([SIM, "ctl", "set", LONG_SUBJECT, json.dumps({"Text": "word " * 60})], env=setup.env, check=True)
-    subprocess.run([SIM, "ctl", "whitelist", "com.example.first.application", "com.example.second.application"],
+    subprocess.run([*SIM, "ctl", "set", LONG_SUBJECT, json.dumps({"Text": "word " * 60})], env=setup.env, check=True)
+    subprocess.run([*SIM, "ctl", "whitelist", "com.example.first.application", "com.example.second.application"],
                    env=setup.env, capture_output=True)
     browser = start_browser()
     try:
@@ -807,7 +815,7 @@ def slow_side(setup):
     except OSError as e:
         check(False, f"the page's WebSocket is still open after the time-outs ({e})")
     page.settimeout(5)
-    subprocess.run([SIM, "ctl", "set", "Ctx/App/Info/Current", '{"AppId":"after.timeouts"}'], env=setup.env, check=True)
+    subprocess.run([*SIM, "ctl", "set", "Ctx/App/Info/Current", '{"AppId":"after.timeouts"}'], env=setup.env, check=True)
     try:
         frame = page.recv(65536)
     except OSError as e:
@@ -854,7 +862,7 @@ def hosts_side(setup):
 
 
 def status_of(setup):
-    return json.loads(subprocess.run([SIM, "ctl", "status"], env=setup.env, capture_output=True, text=True,
+    return json.loads(subprocess.run([*SIM, "ctl", "status"], env=setup.env, capture_output=True, text=True,
                                      check=True).stdout)
 
 
@@ -916,7 +924,7 @@ def statistics_side(setup):
               "records set in the page are the simulator's")
         check(wait_for(lambda: error.text == "", 2), f"and the reason went ({error.text!r})")
         # Set elsewhere: shown without reload.
-        subprocess.run([SIM, "ctl", "stats", "I/TallyDB/Genre/Duration", '[[7, 8, "Sport", "KBS2"]]'],
+        subprocess.run([*SIM, "ctl", "stats", "I/TallyDB/Genre/Duration", '[[7, 8, "Sport", "KBS2"]]'],
                        env=setup.env, check=True)
         genre = lambda: browser.find_element(
             By.CSS_SELECTOR, "#statistics tr[data-subject='I/TallyDB/Genre/Duration'] textarea").get_attribute("value")
@@ -946,7 +954,7 @@ def actions_side(setup):
     browser = start_browser()
     # Started once the browser is: a check failed before it ends the test
     # there, and a subscriber left running would keep its output open.
-    subscribers = {subject: subprocess.Popen([LUMORA, "subscribe", subject], stdout=subprocess.PIPE, text=True,
+    subscribers = {subject: subprocess.Popen([*LUMORA, "subscribe", subject], stdout=subprocess.PIPE, text=True,
                                              env=setup.env)
                    for subject in (volume, "Pref/Channel/List/Current")}
     try:
@@ -1000,7 +1008,7 @@ def subscribers_side(setup):
     """Each subscribed subject with its clients, named as the calls table
     names callers."""
     browser = start_browser()
-    subscriber = subprocess.Popen([LUMORA, "subscribe", "Ctx/App/Info/Changed"], stdout=subprocess.PIPE, text=True,
+    subscriber = subprocess.Popen([*LUMORA, "subscribe", "Ctx/App/Info/Changed"], stdout=subprocess.PIPE, text=True,
                                   env=setup.env)
     try:
         subscribed(setup, subscriber, "Ctx/App/Info/Changed")
@@ -1024,7 +1032,7 @@ def subscribers_side(setup):
 def search_side(setup):
     """The search box matches subjects, their values and the statistics'
     records."""
-    subprocess.run([SIM, "ctl", "set", "Ctx/Zzz/Note", '{"Text":"needle-in-value"}'], env=setup.env, check=True)
+    subprocess.run([*SIM, "ctl", "set", "Ctx/Zzz/Note", '{"Text":"needle-in-value"}'], env=setup.env, check=True)
     browser = start_browser()
     try:
         browser.get(setup.url)

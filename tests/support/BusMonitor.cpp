@@ -187,6 +187,8 @@ bool BusMonitor::Settle(GDBusConnection* client, int timeoutMs) {
     });
 }
 
+std::string BusMonitor::LastSettleSubject() const { return kSettlePrefix + std::to_string(m_settles); }
+
 void BusMonitor::Clear() {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_messages.clear();

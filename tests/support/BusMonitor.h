@@ -59,6 +59,8 @@ public:
     /// recorded. The call itself is left out of Calls(). False when it was
     /// not seen (no service owns the name, for one).
     bool Settle(GDBusConnection* client, int timeoutMs = 2000);
+    /// The subject of the last settling call.
+    std::string LastSettleSubject() const;
     /// Forgets what was seen so far.
     void Clear();
 

@@ -15,6 +15,7 @@
 
 #include "ChildProcess.h"
 #include "ControlContract.h"
+#include "Emulator.h"
 #include "internal/ServiceContract.h"
 
 namespace lumora::test {
@@ -27,17 +28,13 @@ bool ReadyMarkerExists() { return access(lumora::contract::kReadyMarkerFile, F_O
 
 namespace {
 
-// envp, when given, replaces this process's environment; it is built before
-// the fork, since the child of a threaded process may not allocate.
-[[noreturn]] void ExecProgram(const char* executable, const std::vector<std::string>& args,
-                              char* const* envp = nullptr) {
+// argv (from Launch::Argv) and envp, which when given replaces this
+// process's environment, are built before the fork, since the child of a
+// threaded process may not allocate.
+[[noreturn]] void ExecProgram(const Launch& launch, char* const* argv, char* const* envp = nullptr) {
     prctl(PR_SET_PDEATHSIG, SIGTERM);
-    std::vector<char*> argv;
-    argv.push_back(const_cast<char*>(executable));
-    for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-    argv.push_back(nullptr);
-    execve(executable, argv.data(), envp != nullptr ? envp : environ);
-    fprintf(stderr, "exec %s: %s\n", executable, strerror(errno));
+    execve(launch.file.c_str(), argv, envp != nullptr ? envp : environ);
+    fprintf(stderr, "exec %s: %s\n", launch.file.c_str(), strerror(errno));
     _exit(127);
 }
 
@@ -71,20 +68,54 @@ bool SimProcess::Start(const std::string& scenario, const std::vector<std::strin
     std::vector<char*> envp;
     for (std::string& entry : environment) envp.push_back(entry.data());
     envp.push_back(nullptr);
-    m_pid = fork();
-    if (m_pid < 0) return false;
-    if (m_pid == 0) ExecProgram(SimExecutable(), args, envp.data());
+    Launch launch = LaunchOf(SimExecutable(), args);
+    std::vector<char*> argv = launch.Argv();
+    // Ready is when the simulator has said HELLO, after its name and marker:
+    // a test that listens once Start returned never hears that HELLO late
+    // (as it could on a slow machine, or under an emulator, where the
+    // marker and the HELLO lie further apart). The watcher hears it on a
+    // main context of this call's own.
     const char* address = m_busAddress.empty() ? getenv("DBUS_SYSTEM_BUS_ADDRESS") : m_busAddress.c_str();
+    GMainContext* context = g_main_context_new();
+    g_main_context_push_thread_default(context);
     GDBusConnection* watcher = address != nullptr ? ConnectToBus(address) : nullptr;
-    bool ready = watcher != nullptr &&
-                 WaitUntil(
-                     [&] {
-                         int status = 0;
-                         if (waitpid(m_pid, &status, WNOHANG) == m_pid) m_pid = -1;
-                         return m_pid < 0 || (NameHasOwner(watcher, lumora::contract::kBusName) && ReadyMarkerExists());
-                     },
-                     30000);
+    bool hello = false;
+    guint subscription = 0;
+    if (watcher != nullptr) {
+        subscription = g_dbus_connection_signal_subscribe(
+            watcher, nullptr, lumora::contract::kInterface, lumora::contract::kSignalResponse,
+            lumora::contract::kObjectPath, nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
+            [](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GVariant* parameters,
+               gpointer seen) {
+                const gchar* subject = nullptr;
+                if (g_variant_is_of_type(parameters, G_VARIANT_TYPE("(iss)"))) {
+                    g_variant_get_child(parameters, 1, "&s", &subject);
+                    if (g_strcmp0(subject, lumora::contract::kHello) == 0) *static_cast<bool*>(seen) = true;
+                }
+            },
+            &hello, nullptr);
+        // A round trip after the AddMatch: the daemon handles both in order.
+        NameHasOwner(watcher, "org.freedesktop.DBus");
+    }
+    m_pid = fork();
+    if (m_pid == 0) ExecProgram(launch, argv.data(), envp.data());
+    bool ready =
+        m_pid > 0 && watcher != nullptr &&
+        WaitUntil(
+            [&] {
+                while (g_main_context_iteration(context, FALSE)) {
+                }
+                int status = 0;
+                if (waitpid(m_pid, &status, WNOHANG) == m_pid) m_pid = -1;
+                return m_pid < 0 || (hello && NameHasOwner(watcher, lumora::contract::kBusName) && ReadyMarkerExists());
+            },
+            30000);
+    if (subscription != 0) g_dbus_connection_signal_unsubscribe(watcher, subscription);
     if (watcher != nullptr) g_object_unref(watcher);
+    while (g_main_context_iteration(context, FALSE)) {
+    }
+    g_main_context_pop_thread_default(context);
+    g_main_context_unref(context);
     if (!ready || m_pid < 0) {
         fprintf(stderr, "lumora-sim did not become ready\n");
         Stop();
@@ -126,11 +157,13 @@ pid_t SpawnWithPipes(const std::string& executable, const std::vector<std::strin
         close(out[1]);
         return -1;
     }
+    Launch launch = LaunchOf(executable, args);
+    std::vector<char*> argv = launch.Argv();
     pid_t pid = fork();
     if (pid == 0) {
         dup2(out[1], STDOUT_FILENO);
         dup2(err[1], STDERR_FILENO);
-        ExecProgram(executable.c_str(), args);
+        ExecProgram(launch, argv.data());
     }
     close(out[1]);
     close(err[1]);
