@@ -12,15 +12,12 @@
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <cmath>
-#include <condition_variable>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -42,7 +39,7 @@ constexpr gint64 kCallTimeoutUs = G_GINT64_CONSTANT(25) * G_USEC_PER_SEC;
 // Timed-out calls kept for a late answer, the oldest dropped first beyond it.
 constexpr size_t kMaxLateCalls = 4096;
 // How long an event waits for the bus daemon's word on whom it concerns.
-constexpr std::chrono::milliseconds kIdentityWait{1000};
+constexpr gint64 kIdentityWaitUs = G_USEC_PER_SEC;
 constexpr const char* kBusDaemon = "org.freedesktop.DBus";
 constexpr const char* kBusDaemonPath = "/org/freedesktop/DBus";
 // What could not be learnt of a process.
@@ -148,19 +145,32 @@ struct Identity {
 // kept until the connection leaves the bus.
 class Identities {
 public:
-    ~Identities() { Detach(); }
+    // GLib's lock and condition rather than the C++ library's: its timed
+    // wait is on the 64-bit monotonic clock everywhere, where libstdc++'s
+    // goes through a timespec of the C library's time_t, 32 bits on armhf.
+    Identities() {
+        g_mutex_init(&m_mutex);
+        g_cond_init(&m_changed);
+    }
+    ~Identities() {
+        Detach();
+        g_cond_clear(&m_changed);
+        g_mutex_clear(&m_mutex);
+    }
+    Identities(const Identities&) = delete;
+    Identities& operator=(const Identities&) = delete;
 
     // lookup: a connection of the monitor's own, still an ordinary client.
     void Attach(GDBusConnection* lookup) {
         m_filter = g_dbus_connection_add_filter(lookup, &Identities::Filter, this, nullptr);
-        std::lock_guard<std::mutex> lock(m_mutex);
+        Locked lock(&m_mutex);
         m_lookup = lookup;
     }
 
     void Detach() {
         GDBusConnection* lookup = nullptr;
         {
-            std::lock_guard<std::mutex> lock(m_mutex);
+            Locked lock(&m_mutex);
             std::swap(lookup, m_lookup);
         }
         if (lookup != nullptr) g_dbus_connection_remove_filter(lookup, m_filter);
@@ -170,7 +180,7 @@ public:
     // request tuple, 0 when it sent none.
     void Notice(const char* name, gint32 claimedPid) {
         if (name == nullptr || name[0] != ':') return;
-        std::lock_guard<std::mutex> lock(m_mutex);
+        Locked lock(&m_mutex);
         if (m_lookup == nullptr) return;
         auto [entry, added] = m_entries.try_emplace(name);
         if (!added) return;
@@ -194,12 +204,14 @@ public:
     // What was learnt of name; waits for a look-up still under way, once: an
     // answer later than that still fills in the events after it.
     Identity Get(const std::string& name) {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_changed.wait_for(lock, kIdentityWait, [&] {
-            auto it = m_entries.find(name);
-            return it == m_entries.end() || it->second.done;
-        });
+        Locked lock(&m_mutex);
+        const gint64 until = g_get_monotonic_time() + kIdentityWaitUs;
         auto it = m_entries.find(name);
+        while (it != m_entries.end() && !it->second.done) {
+            if (!g_cond_wait_until(&m_changed, &m_mutex, until)) break;
+            it = m_entries.find(name);  // Forget may have run meanwhile
+        }
+        it = m_entries.find(name);
         if (it == m_entries.end()) return {};
         it->second.done = true;
         return it->second.identity;
@@ -207,11 +219,19 @@ public:
 
     // The connection left the bus; unique names are never given again.
     void Forget(const std::string& name) {
-        std::lock_guard<std::mutex> lock(m_mutex);
+        Locked lock(&m_mutex);
         m_entries.erase(name);
     }
 
 private:
+    struct Locked {
+        explicit Locked(GMutex* mutex) : m_held(mutex) { g_mutex_lock(m_held); }
+        ~Locked() { g_mutex_unlock(m_held); }
+        Locked(const Locked&) = delete;
+        Locked& operator=(const Locked&) = delete;
+        GMutex* m_held;
+    };
+
     struct Entry {
         bool done = false;
         Identity identity;
@@ -226,7 +246,7 @@ private:
         auto* self = static_cast<Identities*>(data);
         std::string name;
         {
-            std::lock_guard<std::mutex> lock(self->m_mutex);
+            Locked lock(&self->m_mutex);
             auto request = self->m_requests.find(g_dbus_message_get_reply_serial(message));
             if (request == self->m_requests.end()) return message;  // an answer to a call of the monitor's own
             name = request->second;
@@ -247,7 +267,7 @@ private:
             g_variant_unref(credentials);
         }
         std::string process = ProcessName(pid);
-        std::lock_guard<std::mutex> lock(m_mutex);
+        Locked lock(&m_mutex);
         auto it = m_entries.find(name);
         if (it == m_entries.end()) return;  // it left meanwhile
         Entry& entry = it->second;
@@ -256,13 +276,13 @@ private:
         if (process.empty() && pid != 0 && pid == entry.claimedPid) process = entry.claimedProcess;
         entry.identity = {pid, process};
         entry.done = true;
-        m_changed.notify_all();
+        g_cond_broadcast(&m_changed);
     }
 
     GDBusConnection* m_lookup = nullptr;
     guint m_filter = 0;
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
+    GMutex m_mutex;   // guards m_lookup, m_entries and m_requests (the worker thread answers)
+    GCond m_changed;  // a look-up was answered
     std::map<std::string, Entry> m_entries;     // by unique name
     std::map<guint32, std::string> m_requests;  // serial of a look-up -> the name it asks about
 };
