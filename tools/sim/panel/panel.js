@@ -182,6 +182,24 @@ function isDraft(field) {
   return field.dataset.shown !== undefined && field.value !== field.dataset.shown;
 }
 
+// A value's text box in cell, marked while it holds a draft, with the
+// refusal of a set beside it; the refusal stays until the next edit or set.
+function draftEditor(cell) {
+  const text = document.createElement("textarea");
+  text.spellcheck = false;
+  const note = document.createElement("span");
+  note.className = "draft-note";
+  note.textContent = "draft, not set";
+  const error = document.createElement("span");
+  error.className = "error";
+  text.addEventListener("input", () => {
+    error.textContent = "";
+    markDraft(text);
+  });
+  cell.append(text, note, error);
+  return { text, error };
+}
+
 function markDraft(field) {
   const draft = isDraft(field);
   field.classList.toggle("draft", draft);
@@ -256,20 +274,8 @@ function subjectRow(subject) {
   name.title = subject;
   const cell = document.createElement("td");
   cell.className = "value";
-  const text = document.createElement("textarea");
-  text.spellcheck = false;
+  const { text, error } = draftEditor(cell);
   text.rows = 1;
-  const note = document.createElement("span");
-  note.className = "draft-note";
-  note.textContent = "draft, not set";
-  const error = document.createElement("span");
-  error.className = "error";
-  // A refusal stays beside the draft it refused until the next edit or set.
-  text.addEventListener("input", () => {
-    error.textContent = "";
-    markDraft(text);
-  });
-  cell.append(text, note, error);
   const buttons = document.createElement("td");
   buttons.className = "buttons";
   for (const [label, notify] of [["set", false], ["set and notify", true]]) {
@@ -378,18 +384,7 @@ function statisticsRow(kind) {
   name.append(signature);
   const cell = row.insertCell();
   cell.className = "value";
-  const text = document.createElement("textarea");
-  text.spellcheck = false;
-  const note = document.createElement("span");
-  note.className = "draft-note";
-  note.textContent = "draft, not set";
-  const error = document.createElement("span");
-  error.className = "error";
-  text.addEventListener("input", () => {
-    error.textContent = "";
-    markDraft(text);
-  });
-  cell.append(text, note, error);
+  const { text, error } = draftEditor(cell);
   const buttons = row.insertCell();
   buttons.className = "buttons";
   const set = document.createElement("button");
