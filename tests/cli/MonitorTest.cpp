@@ -28,6 +28,7 @@
 #include "BusCalls.h"
 #include "ChildProcess.h"
 #include "CliFixture.h"
+#include "Emulator.h"
 #include "JsonText.h"
 #include "LogCapture.h"
 
@@ -141,11 +142,11 @@ public:
         winsize size{};
         size.ws_row = 24;
         size.ws_col = columns;
-        std::vector<std::string> words = {CliExecutable(), "monitor"};
+        std::vector<std::string> words = {"monitor"};
         words.insert(words.end(), args.begin(), args.end());
-        std::vector<char*> argv;
-        for (std::string& word : words) argv.push_back(word.data());
-        argv.push_back(nullptr);
+        // Through the emulator in a cross build, under the program's name.
+        Launch launch = LaunchOf(CliExecutable(), words);
+        std::vector<char*> argv = launch.Argv();
         m_pid = fork();
         if (m_pid == 0) {
             // Only calls that are safe after a fork of a threaded process.
@@ -157,7 +158,7 @@ public:
             dup2(null, STDIN_FILENO);
             dup2(fd, STDOUT_FILENO);
             dup2(fd, STDERR_FILENO);
-            execv(argv[0], argv.data());
+            execv(launch.file.c_str(), argv.data());
             _exit(127);
         }
         return m_pid > 0;
@@ -195,6 +196,15 @@ private:
     int m_master = -1;
     std::string m_text;
 };
+
+// This test's own process name as the bus daemon's pid leads to it: the
+// emulator's under a cross build, whose tests it runs.
+std::string OwnProcessName() {
+    std::ifstream comm("/proc/self/comm");
+    std::string name;
+    std::getline(comm, name);
+    return name;
+}
 
 class MonitorTest : public CliServiceFixture {
 protected:
@@ -699,7 +709,7 @@ TEST_F(MonitorTest, AMethodOutsideTheWireContractIsUndecodableWithItsMemberAndIt
     ASSERT_EQ(1u, odd.size()) << monitor.Out();
     EXPECT_EQ("iiiss", odd[0]["signature"].asString());
     EXPECT_EQ(OwnName(), odd[0]["sender"].asString());
-    EXPECT_EQ("monitor_test", odd[0]["process"].asString());
+    EXPECT_EQ(OwnProcessName(), odd[0]["process"].asString());
     auto answers = AnswersTo(lines, odd[0]);
     ASSERT_EQ(1u, answers.size()) << monitor.Out();
     EXPECT_EQ("error", answers[0]["event"].asString());
@@ -876,7 +886,7 @@ TEST_F(MonitorTest, ANotificationToAnAppSeenMakingNoCallNamesItsReceiver) {
     const pid_t subscriberPid = subscriber.Pid();
     ChildProcess all, byProcess;
     StartMonitor(all, {"--json"});
-    StartMonitor(byProcess, {"--json", "--process", "lumora", "--process", "monitor_test"});
+    StartMonitor(byProcess, {"--json", "--process", "lumora", "--process", OwnProcessName()});
     ASSERT_TRUE(Control(sim::kCtlEmit, g_variant_new("(ss)", "Ctx/Sound/Volume/Level/Changed", "{\"Level\":9}")));
     std::string heard;
     ASSERT_TRUE(subscriber.ReadLine(heard, kWaitMs));
@@ -1070,7 +1080,7 @@ TEST_F(MonitorTest, SignalsNameTheirSenderAndThoseNotFromTheServicesOwnerSaySo) 
     EXPECT_EQ(simProcess, signals[0]["sender_process"].asString());
     EXPECT_TRUE(signals[0]["from_service"].asBool()) << signals[0];
     EXPECT_EQ(OwnName(), signals[1]["sender"].asString());
-    EXPECT_EQ("monitor_test", signals[1]["sender_process"].asString());
+    EXPECT_EQ(OwnProcessName(), signals[1]["sender_process"].asString());
     EXPECT_EQ(getpid(), signals[1]["sender_pid"].asInt());
     EXPECT_FALSE(signals[1]["from_service"].asBool()) << signals[1];
     EXPECT_TRUE(signals[1]["from_service"].isBool()) << signals[1];
@@ -1095,7 +1105,7 @@ TEST_F(MonitorTest, SignalsNameTheirSenderAndThoseNotFromTheServicesOwnerSaySo) 
             continue;
         bool forged = line.find(OwnName() + " ") != std::string::npos;
         EXPECT_EQ(forged, line.find("(not from the service)") != std::string::npos) << line;
-        EXPECT_NE(std::string::npos, line.find(forged ? "monitor_test[" : "[")) << line;
+        EXPECT_NE(std::string::npos, line.find(forged ? OwnProcessName() + "[" : "[")) << line;
         (forged ? marked : unmarked) += 1;
     }
     EXPECT_EQ(3u, marked) << text.Out();
@@ -1183,7 +1193,7 @@ TEST_F(MonitorTest, AMonitorTheBusRefusesLeavesNoTimelineFile) {
     ASSERT_EQ(0, run({"/usr/bin/touch", folder + "/probe"}).exitStatus);
     ASSERT_TRUE(std::filesystem::exists(folder + "/probe"));
 
-    RunResult refused = run({CliExecutable(), "monitor", "--record", folder + "/refused.jsonl"});
+    RunResult refused = run({ShellProgram(CliExecutable()), "monitor", "--record", folder + "/refused.jsonl"});
     EXPECT_EQ(1, refused.exitStatus) << refused.err;
     EXPECT_NE(std::string::npos, refused.err.find("the bus refused monitoring")) << refused.err;
     // What decides: the bus daemon lets root and its own user monitor.
