@@ -39,6 +39,7 @@ private bus, with the real `lumora` beside it.
         clear and the channel events, the subscribers named by process, and
         the search over values and records.
 """
+import atexit
 import http.client
 import http.server
 import json
@@ -59,8 +60,24 @@ ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__)
 # A cross build's tools run under its emulator, which CMake names to every
 # test in LUMORA_TEST_EMULATOR.
 EMULATOR = os.environ.get("LUMORA_TEST_EMULATOR", "").split()
-LUMORA = [*EMULATOR, os.path.join(BUILD, "tools/cli/lumora")]
-SIM = [*EMULATOR, os.path.join(BUILD, "tools/sim/lumora-sim")]
+
+
+def through_emulator(program):
+    """The command that starts program: itself, or under an emulator a link
+    to the emulator named like the program, since the kernel names a process
+    after the file it executes and the simulator shows its clients by that
+    name."""
+    if not EMULATOR:
+        return [program]
+    folder = tempfile.mkdtemp(prefix="lumora-emulated-")
+    atexit.register(shutil.rmtree, folder, True)
+    link = os.path.join(folder, os.path.basename(program))
+    os.symlink(shutil.which(EMULATOR[0]) or EMULATOR[0], link)
+    return [link, *EMULATOR[1:], program]
+
+
+LUMORA = through_emulator(os.path.join(BUILD, "tools/cli/lumora"))
+SIM = through_emulator(os.path.join(BUILD, "tools/sim/lumora-sim"))
 READY_MARKER = "/tmp/lmf_service_ready"
 failures = []
 
@@ -473,8 +490,8 @@ def shown_side(setup):
         setup.sim = subprocess.Popen([*SIM, "--scenario", os.path.join(ROOT, "data/scenarios/sample-tv.json"),
                                       "--http", setup.host], stdout=subprocess.PIPE, env=setup.env, text=True)
         check(wait_for(live, 10), "the page is live again when the simulator is back")
-        check("offline" not in browser.find_element(By.TAG_NAME, "body").get_attribute("class").split(),
-              "and no longer greyed out")
+        check(wait_for(lambda: "offline" not in browser.find_element(By.TAG_NAME, "body").get_attribute("class")
+                       .split(), 5), "and no longer greyed out")
         check(not browser.find_element(By.ID, "restart").get_attribute("disabled"), "its controls work again")
         app = browser.find_element(By.CSS_SELECTOR, "tr[data-subject='Ctx/App/Info/Current'] textarea")
         check(wait_for(lambda: "com.verdin.tv.livetv" in app.get_attribute("value"), 3),
