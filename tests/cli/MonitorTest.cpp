@@ -224,6 +224,13 @@ protected:
     // A short scripted session of lumora: a read, a request, a write, and a
     // subscriber that hears two notifications.
     void Session(ChildProcess& subscriber) {
+        // The monitor names a caller from /proc and the bus's credentials,
+        // which it can while the caller runs: the read and the request are
+        // answered 300 ms late, so that their lumora is still there when even
+        // a monitor that lags (a fresh one under an emulator) comes to their
+        // calls, ServiceEnable included.
+        for (const char* subject : {"Ctx/Media/Source/Info/Current", "Ctx/App/Info/Current"})
+            ASSERT_TRUE(Control(sim::kCtlSetDelay, g_variant_new("(su)", subject, 300u)));
         ASSERT_EQ(0, Lumora({"read", "Ctx/Media/Source/Info/Current"}).exitStatus);
         ASSERT_EQ(0, Lumora({"request", "Ctx/App/Info/Current"}).exitStatus);
         ASSERT_TRUE(subscriber.Start(CliExecutable(), {"subscribe", "Ctx/Sound/Volume/Level/Changed"}));
@@ -307,10 +314,6 @@ std::vector<Json::Value> Answers(const std::vector<Json::Value>& lines, const st
 }
 
 TEST_F(MonitorTest, EveryCallAnswerAndSignalOfASessionAppearsOnceDecoded) {
-    // The monitor names a caller from /proc, which it can while the caller
-    // runs: the read is answered 300 ms late, so that lumora read is still
-    // there when even a slow monitor (under an emulator) comes to its call.
-    ASSERT_TRUE(Control(sim::kCtlSetDelay, g_variant_new("(su)", "Ctx/Media/Source/Info/Current", 300u)));
     ChildProcess monitor;
     StartMonitor(monitor, {"--json"});
     ChildProcess subscriber;
