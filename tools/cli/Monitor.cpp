@@ -10,6 +10,8 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <lumora/ContextAutoLock.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cmath>
@@ -148,6 +150,8 @@ public:
     // GLib's lock and condition rather than the C++ library's: its timed
     // wait is on the 64-bit monotonic clock everywhere, where libstdc++'s
     // goes through a timespec of the C library's time_t, 32 bits on armhf.
+    // ContextAutoLock tells ThreadSanitizer of each acquire and release,
+    // which it cannot see in GLib's futex.
     Identities() {
         g_mutex_init(&m_mutex);
         g_cond_init(&m_changed);
@@ -163,14 +167,14 @@ public:
     // lookup: a connection of the monitor's own, still an ordinary client.
     void Attach(GDBusConnection* lookup) {
         m_filter = g_dbus_connection_add_filter(lookup, &Identities::Filter, this, nullptr);
-        Locked lock(&m_mutex);
+        ContextAutoLock lock(&m_mutex);
         m_lookup = lookup;
     }
 
     void Detach() {
         GDBusConnection* lookup = nullptr;
         {
-            Locked lock(&m_mutex);
+            ContextAutoLock lock(&m_mutex);
             std::swap(lookup, m_lookup);
         }
         if (lookup != nullptr) g_dbus_connection_remove_filter(lookup, m_filter);
@@ -180,7 +184,7 @@ public:
     // request tuple, 0 when it sent none.
     void Notice(const char* name, gint32 claimedPid) {
         if (name == nullptr || name[0] != ':') return;
-        Locked lock(&m_mutex);
+        ContextAutoLock lock(&m_mutex);
         if (m_lookup == nullptr) return;
         auto [entry, added] = m_entries.try_emplace(name);
         if (!added) return;
@@ -204,11 +208,16 @@ public:
     // What was learnt of name; waits for a look-up still under way, once: an
     // answer later than that still fills in the events after it.
     Identity Get(const std::string& name) {
-        Locked lock(&m_mutex);
+        ContextAutoLock lock(&m_mutex);
         const gint64 until = g_get_monotonic_time() + kIdentityWaitUs;
         auto it = m_entries.find(name);
         while (it != m_entries.end() && !it->second.done) {
-            if (!g_cond_wait_until(&m_changed, &m_mutex, until)) break;
+            // The wait lets go of the lock and takes it again inside GLib,
+            // where ThreadSanitizer cannot see it: say so, as the lock does.
+            lumora::internal::HandOffSend(&m_mutex);
+            const bool signalled = g_cond_wait_until(&m_changed, &m_mutex, until);
+            lumora::internal::HandOffReceive(&m_mutex);
+            if (!signalled) break;
             it = m_entries.find(name);  // Forget may have run meanwhile
         }
         it = m_entries.find(name);
@@ -219,19 +228,11 @@ public:
 
     // The connection left the bus; unique names are never given again.
     void Forget(const std::string& name) {
-        Locked lock(&m_mutex);
+        ContextAutoLock lock(&m_mutex);
         m_entries.erase(name);
     }
 
 private:
-    struct Locked {
-        explicit Locked(GMutex* mutex) : m_held(mutex) { g_mutex_lock(m_held); }
-        ~Locked() { g_mutex_unlock(m_held); }
-        Locked(const Locked&) = delete;
-        Locked& operator=(const Locked&) = delete;
-        GMutex* m_held;
-    };
-
     struct Entry {
         bool done = false;
         Identity identity;
@@ -246,7 +247,7 @@ private:
         auto* self = static_cast<Identities*>(data);
         std::string name;
         {
-            Locked lock(&self->m_mutex);
+            ContextAutoLock lock(&self->m_mutex);
             auto request = self->m_requests.find(g_dbus_message_get_reply_serial(message));
             if (request == self->m_requests.end()) return message;  // an answer to a call of the monitor's own
             name = request->second;
@@ -267,7 +268,7 @@ private:
             g_variant_unref(credentials);
         }
         std::string process = ProcessName(pid);
-        Locked lock(&m_mutex);
+        ContextAutoLock lock(&m_mutex);
         auto it = m_entries.find(name);
         if (it == m_entries.end()) return;  // it left meanwhile
         Entry& entry = it->second;
