@@ -17,8 +17,16 @@
 # that the items may pull in (their dependencies, followed through the
 # archive) is pinned, for this one apt-get run, to the target's candidate
 # version when the machine's architecture has that version too: the
-# machine's copy then moves up (or, when the target's index lags, down) to
-# it. What changes of the machine's own packages is printed first.
+# machine's copy then moves up to it. What changes of the machine's own
+# packages is printed first.
+#
+# When the target's index lags the machine's (its security index failed to
+# download: "File has unexpected size", a mirror mid-sync), lining up would
+# move the machine's own libraries down to older, unpatched versions. That
+# is refused, with the packages named, unless LUMORA_ALLOW_DOWNGRADES=1 says
+# the machine may be downgraded (a throw-away machine or root: CI's, the
+# package test's); apt-get update again once the mirror has synced is the
+# cure elsewhere.
 set -eu
 arch=${1:?usage: multiarch-install.sh ARCH ITEM...}
 shift
@@ -63,14 +71,33 @@ join "$work/native" "$work/target" | while read -r name native_version target_ve
   [ "$native_version" != "$target_version" ] && [ "$target_version" != "(none)" ] || continue
   apt-cache show "$name:$arch=$target_version" 2>/dev/null | grep -qx 'Multi-Arch: same' || continue
   if apt-cache show "$name:$native=$target_version" >/dev/null 2>&1; then
+    installed_version=$(dpkg-query -W -f='${Version}' "$name:$native" 2>/dev/null || true)
+    if [ -n "$installed_version" ] && dpkg --compare-versions "$target_version" lt "$installed_version"; then
+      echo "$name $installed_version -> $target_version" >>"$work/downgrades"
+      [ "${LUMORA_ALLOW_DOWNGRADES:-0}" = 1 ] || continue
+    fi
     printf 'Package: %s\nPin: version %s\nPin-Priority: 1001\n\n' "$name" "$target_version" >>"$work/pins"
   else
     echo "multiarch-install: $name $target_version ($arch) has no $native build of that version" >&2
   fi
 done
 
+if [ -s "$work/downgrades" ]; then
+  if [ "${LUMORA_ALLOW_DOWNGRADES:-0}" = 1 ]; then
+    sed "s/^/multiarch-install: $native package moved down to the lagging $arch index (LUMORA_ALLOW_DOWNGRADES=1): /" \
+      "$work/downgrades"
+  else
+    sed "s/^/multiarch-install: would move a $native package down to the $arch index's older version: /" \
+      "$work/downgrades" >&2
+    echo "multiarch-install: the $arch index lags the machine's (apt-get update failed for it?); refused:" \
+      "run apt-get update once the mirror has synced, or set LUMORA_ALLOW_DOWNGRADES=1 on a throw-away machine" >&2
+    exit 1
+  fi
+fi
+
 export DEBIAN_FRONTEND=noninteractive
-options="-o Dir::Etc::Preferences=$work/pins --no-install-recommends --allow-downgrades"
+options="-o Dir::Etc::Preferences=$work/pins --no-install-recommends"
+[ "${LUMORA_ALLOW_DOWNGRADES:-0}" != 1 ] || options="$options --allow-downgrades"
 # shellcheck disable=SC2086
 if ! apt-get install -s $options $items >"$work/plan" 2>&1; then
   tail -n 30 "$work/plan" >&2

@@ -121,8 +121,11 @@ cross_packages() {
   }
   files=
   for deb in "$test"/cross-debs/*.deb; do files="$files /tmp/lumora-test/cross-debs/${deb##*/}"; done
+  # The root is thrown away afterwards: its own packages may move down to a
+  # lagging index of the target's.
   # shellcheck disable=SC2086
-  in_root sh /tmp/lumora-test/multiarch-install.sh "$cross" "crossbuild-essential-$cross" $files \
+  in_root env LUMORA_ALLOW_DOWNGRADES=1 sh /tmp/lumora-test/multiarch-install.sh "$cross" \
+    "crossbuild-essential-$cross" $files \
     >"$test/cross-install.log" 2>&1 || {
     tail -n 40 "$test/cross-install.log" >&2
     fail "the $cross packages could not be installed beside the $arch ones"
@@ -173,6 +176,30 @@ cross_packages() {
       fail "$app does not name liblumora-api.so.1"
   done
   say "$cross: tv-watcher (pkg-config) and tv-dashboard (find_package) cross-built: $cross_machine programs"
+
+  # The target's own dynamic loader, run by the build machine's emulator
+  # with the root as the target's file system, finds liblumora-api.so.1 of
+  # the package in its multiarch folder: what the television's loader does.
+  case $cross in
+    armhf) emulator=qemu-arm ;;
+    arm64) emulator=qemu-aarch64 ;;
+    *) emulator= ;;
+  esac
+  if [ -n "$emulator" ] && command -v "$emulator" >/dev/null 2>&1; then
+    interpreter=$(in_root readelf -l /tmp/lumora-test/cross/tv-watcher |
+      sed -n 's/.*Requesting program interpreter: \(.*\)]/\1/p')
+    [ -n "$interpreter" ] || fail "tv-watcher names no program interpreter"
+    loaded=$("$emulator" -L "$root" "$root$interpreter" --list /tmp/lumora-test/cross/tv-watcher 2>&1) ||
+      fail "the $cross loader ($interpreter) could not load tv-watcher: $loaded"
+    # (/lib is /usr/lib in a merged-/usr root, and the loader looks there first.)
+    printf '%s\n' "$loaded" | grep -Eq "liblumora-api\.so\.1 => (/usr)?/lib/$cross_triplet/liblumora-api\.so\.1 " || {
+      printf '%s\n' "$loaded" >&2
+      fail "the $cross loader does not find liblumora-api.so.1 in /usr/lib/$cross_triplet"
+    }
+    say "$cross: its loader $interpreter, under $emulator, loads tv-watcher with /usr/lib/$cross_triplet/liblumora-api.so.1"
+  else
+    fail "no emulator for $cross on the build machine: the $cross loader was not tried"
+  fi
 }
 
 test_packages() {
