@@ -32,9 +32,11 @@ G_BEGIN_DECLS
  * @LUMORA_CLIENT_ERROR_INVALID_ARGUMENT: A text was %NULL where one is
  *   required (the subject, the data of a write) or is not valid UTF-8 (the
  *   subject, an input, the data), or the operation does not take the
- *   subject: a subscription's subject of two characters or fewer, or one of
- *   the five statistics subjects (`I/TallyDB/.../Duration`) given to a read
- *   or a subscription (they answer records: request them). Nothing was sent.
+ *   subject: a subscription's subject of two characters or fewer, unknown
+ *   subscribe flags, or one of the five statistics subjects
+ *   (`I/TallyDB/.../Duration`) given to an asynchronous read or to a
+ *   subscription with the value (they answer records: request them).
+ *   Nothing was sent.
  *   The bus client's result -3.
  * @LUMORA_CLIENT_ERROR_NO_DATA: The service has no value for the subject: it
  *   answered `{}`. The bus client's result -4.

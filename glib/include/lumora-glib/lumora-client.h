@@ -108,7 +108,7 @@ gboolean lumora_client_get_available (LumoraClient *client);
  * if any, is dropped).
  *
  * Internal subjects (`I...`) need this process on the service's whitelist.
- * The five statistics subjects answer records: use lumora_client_request().
+ * The subject is sent as the C interface's read sends it, whatever it is.
  *
  * Returns: (transfer full): the value, JSON text as the service sent it
  *   (the empty text for an empty value), to free with g_free(); %NULL with
@@ -138,8 +138,12 @@ char *lumora_client_read_sync (LumoraClient  *client,
  * Cancelling @cancellable completes the read at once with
  * %G_IO_ERROR_CANCELLED (once; an answer that comes later is dropped). A
  * @cancellable cancelled before the call sends nothing. A read still in
- * flight when the service goes away fails with
+ * flight when the service goes away without answering fails with
  * %LUMORA_CLIENT_ERROR_NOT_AVAILABLE.
+ *
+ * The five statistics subjects answer a request with records, not a text:
+ * they are refused here (%LUMORA_CLIENT_ERROR_INVALID_ARGUMENT); use
+ * lumora_client_request().
  */
 LUMORA_GLIB_EXPORT
 void lumora_client_read (LumoraClient        *client,
