@@ -56,8 +56,8 @@ enum { SIGNAL_AVAILABILITY_CHANGED, N_SIGNALS };
 guint g_signals[N_SIGNALS];
 
 // The client of the process, weakly: it empties when the last reference
-// goes. Guarded by g_defaultLock, which lumora_client_get_default() holds
-// from the look-up to the creation so that two threads never make two.
+// goes. Guarded by g_defaultLock, which the type's constructor holds from the
+// look-up to the start of a new client, so that two threads never make two.
 GMutex g_defaultLock;
 GWeakRef g_default;
 // Whether StopAtExit is registered with atexit(). Guarded by g_defaultLock.
@@ -170,12 +170,22 @@ void lumora_client_get_property(GObject* object, guint id, GValue* value, GParam
     }
 }
 
-void lumora_client_constructed(GObject* object) {
-    G_OBJECT_CLASS(lumora_client_parent_class)->constructed(object);
+// The one instance: g_object_new() of the type (from lumora_client_get_default()
+// or from a binding's constructor) gives the live client when there is one.
+// A new one is started before the lock is released, so that no other thread
+// finds it half made.
+GObject* lumora_client_constructor(GType type, guint count, GObjectConstructParam* params) {
+    ContextAutoLock lock(&g_defaultLock);
+    GObject* existing = static_cast<GObject*>(g_weak_ref_get(&g_default));
+    if (existing != nullptr) return existing;
+    GObject* object = G_OBJECT_CLASS(lumora_client_parent_class)->constructor(type, count, params);
     auto* client = LUMORA_CLIENT(object);
     client->link = new AvailabilityLink;
     g_weak_ref_init(&client->link->client, client);
     StartService(client);
+    g_weak_ref_set(&g_default, client);
+    if (!g_exitHookInstalled) g_exitHookInstalled = atexit(StopAtExit) == 0;
+    return object;
 }
 
 void lumora_client_dispose(GObject* object) {
@@ -199,7 +209,7 @@ void lumora_client_finalize(GObject* object) {
 static void lumora_client_class_init(LumoraClientClass* klass) {
     GObjectClass* object_class = G_OBJECT_CLASS(klass);
     object_class->get_property = lumora_client_get_property;
-    object_class->constructed = lumora_client_constructed;
+    object_class->constructor = lumora_client_constructor;
     object_class->dispose = lumora_client_dispose;
     object_class->finalize = lumora_client_finalize;
 
@@ -219,15 +229,8 @@ static void lumora_client_init(LumoraClient* client) {
 }
 
 LumoraClient* lumora_client_get_default(void) {
-    return lumora::glib::Guard(nullptr, LMF_SITE(__func__), static_cast<LumoraClient*>(nullptr), [] {
-        ContextAutoLock lock(&g_defaultLock);
-        auto* client = static_cast<LumoraClient*>(g_weak_ref_get(&g_default));
-        if (client != nullptr) return client;
-        client = static_cast<LumoraClient*>(g_object_new(LUMORA_TYPE_CLIENT, nullptr));
-        g_weak_ref_set(&g_default, client);
-        if (!g_exitHookInstalled) g_exitHookInstalled = atexit(StopAtExit) == 0;
-        return client;
-    });
+    return lumora::glib::Guard(nullptr, LMF_SITE(__func__), static_cast<LumoraClient*>(nullptr),
+                               [] { return static_cast<LumoraClient*>(g_object_new(LUMORA_TYPE_CLIENT, nullptr)); });
 }
 
 gboolean lumora_client_get_available(LumoraClient* client) {

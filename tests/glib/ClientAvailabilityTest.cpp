@@ -36,6 +36,11 @@ TEST_F(GlibAvailabilityTest, OneClientPerProcessHoldsOneStartOfTheServiceApiForI
     EXPECT_EQ(m_client, again);
     EXPECT_EQ(1, LMFServiceAPI::m_nRefCnt);
     g_object_unref(again);
+    // What a binding's constructor calls gives the same one.
+    GObject* constructed = static_cast<GObject*>(g_object_new(LUMORA_TYPE_CLIENT, nullptr));
+    EXPECT_EQ(G_OBJECT(m_client), constructed);
+    EXPECT_EQ(1, LMFServiceAPI::m_nRefCnt);
+    g_object_unref(constructed);
     g_clear_object(&m_client);
     EXPECT_EQ(0, LMFServiceAPI::m_nRefCnt);
     // A new one starts it again.

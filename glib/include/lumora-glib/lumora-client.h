@@ -19,7 +19,9 @@ G_BEGIN_DECLS
  * subscriptions of subjects (slash-separated names such as
  * `Ctx/Media/Source/Info/Current`), whose values travel as JSON text.
  *
- * There is one client per process, lumora_client_get_default(). Creating it
+ * There is one client per process, lumora_client_get_default() (g_object_new()
+ * of the type, as a binding's constructor calls it, gives the same instance
+ * while it lives). Creating it
  * starts the C library's service API (one counted start, as
  * `Lumora_InitService()`); its last unref stops it (one counted stop, as
  * `Lumora_FiniService()`), and so does the end of the process when the
