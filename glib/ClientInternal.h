@@ -91,8 +91,9 @@ GVariant* StatisticsVariant(const char* subject, const void* result);
 
 // ---- subscriptions (Followers.cpp, LumoraSubscription.cpp) -----------------------
 
-// A new subscription of subject, registered with the C library when it is
-// the first of its subject and kind; null with *error set on failure.
+// A new subscription of subject (checked, flags valid), registered with the
+// C library when it is the first of its subject and kind; null with *error
+// set on failure.
 LumoraSubscription* NewSubscription(LumoraClient* client, const char* subject, LumoraSubscribeFlags flags,
                                     GError** error);
 

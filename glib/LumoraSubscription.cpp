@@ -41,17 +41,26 @@ guint g_signals[N_SIGNALS];
 
 bool WithValue(LumoraSubscribeFlags flags) { return (flags & LUMORA_SUBSCRIBE_FLAGS_WITH_VALUE) != 0; }
 
+// The bits a caller passed as flags. A C caller or a binding may pass any
+// value; read as the C++ enumeration, whose values span one bit, another
+// value would be undefined, so the bits are read as they are.
+unsigned FlagBits(const LumoraSubscribeFlags& flags) {
+    unsigned bits = 0;
+    static_assert(sizeof bits == sizeof flags, "the flags are an int");
+    memcpy(&bits, &flags, sizeof bits);
+    return bits;
+}
+
 // The checks of a subscription, as the C library makes them, before anything
 // is made or sent.
-bool MayFollow(LumoraClient* client, const char* subject, LumoraSubscribeFlags flags, GError** error, LogSite site) {
+bool MayFollow(LumoraClient* client, const char* subject, unsigned flags, GError** error, LogSite site) {
     if (!lumora::glib::CheckText(error, site, "subject", subject, true)) return false;
-    if ((flags & ~LUMORA_SUBSCRIBE_FLAGS_WITH_VALUE) != 0)
-        return Fail(error, site, LUMORA_CLIENT_ERROR_INVALID_ARGUMENT, "unknown subscribe flags 0x%x",
-                    static_cast<unsigned>(flags));
+    if ((flags & ~static_cast<unsigned>(LUMORA_SUBSCRIBE_FLAGS_WITH_VALUE)) != 0)
+        return Fail(error, site, LUMORA_CLIENT_ERROR_INVALID_ARGUMENT, "unknown subscribe flags 0x%x", flags);
     if (strlen(subject) <= 2)
         return Fail(error, site, LUMORA_CLIENT_ERROR_INVALID_ARGUMENT,
                     "subject \"%s\" is too short: a subject has three characters or more", subject);
-    if (WithValue(flags) && lumora::glib::IsStatisticsSubject(subject))
+    if ((flags & LUMORA_SUBSCRIBE_FLAGS_WITH_VALUE) != 0 && lumora::glib::IsStatisticsSubject(subject))
         return Fail(error, site, LUMORA_CLIENT_ERROR_INVALID_ARGUMENT,
                     "%s answers records, not a value to follow: request it with lumora_client_request()", subject);
     DBusClient* bus = lumora::glib::StartedBusClient(client, error, site);
@@ -164,8 +173,11 @@ LumoraSubscription* lumora_client_subscribe(LumoraClient* client, const char* su
     g_return_val_if_fail(LUMORA_IS_CLIENT(client), nullptr);
     g_return_val_if_fail(error == nullptr || *error == nullptr, nullptr);
     LogSite site = LMF_SITE(__func__);
-    return lumora::glib::Guard(error, site, static_cast<LumoraSubscription*>(nullptr),
-                               [&] { return lumora::glib::NewSubscription(client, subject, flags, error); });
+    unsigned bits = FlagBits(flags);
+    return lumora::glib::Guard(error, site, static_cast<LumoraSubscription*>(nullptr), [&] {
+        if (!MayFollow(client, subject, bits, error, site)) return static_cast<LumoraSubscription*>(nullptr);
+        return lumora::glib::NewSubscription(client, subject, static_cast<LumoraSubscribeFlags>(bits), error);
+    });
 }
 
 namespace lumora::glib {
@@ -173,7 +185,6 @@ namespace lumora::glib {
 LumoraSubscription* NewSubscription(LumoraClient* client, const char* subject, LumoraSubscribeFlags flags,
                                     GError** error) {
     LogSite site = LMF_SITE("lumora_client_subscribe");
-    if (!MayFollow(client, subject, flags, error, site)) return nullptr;
     auto* subscription = static_cast<LumoraSubscription*>(g_object_new(LUMORA_TYPE_SUBSCRIPTION, nullptr));
     subscription->client = static_cast<LumoraClient*>(g_object_ref(client));
     g_free(subscription->subject);
