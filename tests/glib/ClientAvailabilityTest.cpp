@@ -98,5 +98,18 @@ TEST_F(GlibAvailabilityTest, AClientMadeWhileTheServiceIsAwayBecomesAvailableWhe
     g_free(value);
 }
 
+// The process ends with the client (and a subscription) still referenced:
+// the client's start is given back at exit, as the last unref would.
+TEST_F(GlibAvailabilityTest, AProcessThatEndsWithItsClientAliveStopsTheServiceApi) {
+    Start();  // this process's own client: the monitor is clear from here on
+    RunResult run = RunProgram(LUMORA_GLIB_LEAVING, {"Ctx/App/Info/Changed"}, 15000);
+    ASSERT_EQ(0, run.exitStatus) << run.err;
+    EXPECT_EQ("subscribed\n", run.out);
+    std::vector<std::string> traffic = SubscriptionTraffic();
+    EXPECT_EQ((std::vector<std::string>{"3 Ctx/App/Info/Changed", "4 Ctx/App/Info/Changed"}), traffic);
+    EXPECT_TRUE(m_log.Has("the process ends with the client alive: the service API is stopped", 'I'))
+        << m_log.Dump();
+}
+
 }  // namespace
 }  // namespace lumora::test
