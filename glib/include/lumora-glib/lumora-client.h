@@ -273,6 +273,9 @@ GVariant *lumora_client_request_finish (LumoraClient  *client,
  * subscription of a subject that another one already follows is told the
  * value last told to that one, then every change. Subscribing while the
  * service is away is allowed: it is registered when the service comes back.
+ * One made while the C library has had no bus connection at all since it
+ * started is accepted but hears nothing, as with the C interface, which
+ * keeps nothing then.
  *
  * Do not call it from inside a request callback of the C interface
  * (lumora-c.h), which runs with that library's client mutex held.
