@@ -61,7 +61,11 @@ endif()
 # The build tree keeps its own copy of the install-time step.
 configure_file(${PROJECT_SOURCE_DIR}/cmake/LumoraInstallPc.cmake ${PROJECT_BINARY_DIR}/pkgconfig/LumoraInstallPc.cmake
   COPYONLY)
-foreach(pc lumora-api lumora-common)
+set(lumora_pc_files lumora-api lumora-common)
+if(LUMORA_BUILD_GLIB)
+  list(APPEND lumora_pc_files lumora-glib)
+endif()
+foreach(pc IN LISTS lumora_pc_files)
   configure_file(${PROJECT_SOURCE_DIR}/cmake/${pc}.pc.in ${PROJECT_BINARY_DIR}/pkgconfig/${pc}.pc.body @ONLY)
   install(CODE "set(LUMORA_PC_BODY \"${PROJECT_BINARY_DIR}/pkgconfig/${pc}.pc.body\")
     set(LUMORA_PC_NAME ${pc}.pc)
