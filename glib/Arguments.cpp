@@ -19,7 +19,7 @@ bool CheckText(GError** error, internal::LogSite site, const char* name, const c
         return Fail(error, site, LUMORA_CLIENT_ERROR_INVALID_ARGUMENT, "%s is NULL", name);
     }
     if (g_utf8_validate(text, -1, nullptr)) return true;
-    return Fail(error, site, LUMORA_CLIENT_ERROR_INVALID_ARGUMENT, "%s is not valid UTF-8", name);
+    return Fail(error, site, LUMORA_CLIENT_ERROR_INVALID_UTF8, "%s is not valid UTF-8", name);
 }
 
 bool IsStatisticsSubject(const char* subject) {

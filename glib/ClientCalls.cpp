@@ -22,10 +22,11 @@ char* ReadSync(LumoraClient* client, const char* subject, const char* input, GCa
     DBusClient* bus = lumora::glib::StartedBusClient(client, error, site);
     if (bus == nullptr || !lumora::glib::MayUseSubject(error, site, *bus, subject)) return nullptr;
     char* text = nullptr;
+    lumora::glib::RefusalWatch watch;
     int result = bus->Read(subject, input, &text);
     if (result != 0) {
         free(text);  // a service code comes with the service's text, which is not the value
-        FailWithResult(error, site, result, "read", subject);
+        FailWithResult(error, site, result, "read", subject, watch);
         return nullptr;
     }
     if (text == nullptr) {
@@ -49,8 +50,9 @@ gboolean Write(LumoraClient* client, const char* subject, const char* data, GErr
     if (bus == nullptr) return FALSE;
     // Writes are not checked against the whitelist: any process may write
     // any subject, as with the C interface.
+    lumora::glib::RefusalWatch watch;
     int result = bus->Write(subject, data);
-    if (result != 0) return FailWithResult(error, site, result, "write", subject);
+    if (result != 0) return FailWithResult(error, site, result, "write", subject, watch);
     return TRUE;
 }
 

@@ -15,8 +15,10 @@ const GDBusErrorEntry kDBusNames[] = {
     {LUMORA_CLIENT_ERROR_CALL_FAILED, "org.verdin.tv.lumora2.ClientError.CallFailed"},
     {LUMORA_CLIENT_ERROR_NOT_ALLOWED, "org.verdin.tv.lumora2.ClientError.NotAllowed"},
     {LUMORA_CLIENT_ERROR_SERVICE, "org.verdin.tv.lumora2.ClientError.Service"},
+    {LUMORA_CLIENT_ERROR_INVALID_UTF8, "org.verdin.tv.lumora2.ClientError.InvalidUtf8"},
+    {LUMORA_CLIENT_ERROR_REENTRY_REFUSED, "org.verdin.tv.lumora2.ClientError.ReentryRefused"},
 };
-static_assert(G_N_ELEMENTS(kDBusNames) - 1 == LUMORA_CLIENT_ERROR_SERVICE, "every code has a D-Bus name");
+static_assert(G_N_ELEMENTS(kDBusNames) - 1 == LUMORA_CLIENT_ERROR_REENTRY_REFUSED, "every code has a D-Bus name");
 
 }  // namespace
 
@@ -41,7 +43,9 @@ bool Fail(GError** error, internal::LogSite site, LumoraClientError code, const 
 
 // The bus client's results are those of DBusClient (lumora/DBusClient.h);
 // any value it does not name is the service's own code, passed through.
-bool FailWithResult(GError** error, internal::LogSite site, int result, const char* what, const char* subject) {
+bool FailWithResult(GError** error, internal::LogSite site, int result, const char* what, const char* subject,
+                    const RefusalWatch& watch) {
+    if (watch.Refused()) return FailRefused(error, site, what, subject);
     switch (result) {
         case -2:
             return Fail(error, site, LUMORA_CLIENT_ERROR_FAILED, "the library could not allocate the %s of %s", what,
@@ -57,13 +61,19 @@ bool FailWithResult(GError** error, internal::LogSite site, int result, const ch
                         subject);
         case -6:
             return Fail(error, site, LUMORA_CLIENT_ERROR_CALL_FAILED,
-                        "the %s of %s failed: no bus connection, a failed call or no answer in time, or a call "
-                        "refused inside a request callback of the C interface",
-                        what, subject);
+                        "the %s of %s failed: no bus connection, a failed call or no answer in time", what,
+                        subject);
         default:
             return Fail(error, site, LUMORA_CLIENT_ERROR_SERVICE,
                         "the service refused the %s of %s (service result code %d)", what, subject, result);
     }
+}
+
+bool FailRefused(GError** error, internal::LogSite site, const char* what, const char* subject) {
+    return Fail(error, site, LUMORA_CLIENT_ERROR_REENTRY_REFUSED,
+                "the library refused the %s of %s: it was called from inside a callback that runs with a library "
+                "lock held, where waiting would hang the thread",
+                what, subject);
 }
 
 }  // namespace lumora::glib

@@ -5,6 +5,7 @@
 #define LUMORA_GLIB_CLIENTINTERNAL_H
 
 #include <lumora-glib/lumora-glib.h>
+#include <lumora/lumora-c.h>
 
 #include <exception>
 #include <utility>
@@ -23,10 +24,27 @@ namespace lumora::glib {
 // false, so that a check can return it.
 bool Fail(GError** error, internal::LogSite site, LumoraClientError code, const char* format, ...) G_GNUC_PRINTF(4, 5);
 
+// Whether the C library refused a call made across this object's life, on
+// this thread, as made from inside one of its callbacks that holds a library
+// lock: the count of such refusals grew. It reports them as a failed call.
+class RefusalWatch {
+public:
+    RefusalWatch() : m_before(Lumora_GetRefusedCallCount()) {}
+    bool Refused() const { return Lumora_GetRefusedCallCount() != m_before; }
+
+private:
+    unsigned m_before;
+};
+
 // The error of a result of the bus client (DBusClient's int results: -3 to
 // -6, -2, or the service's own code), for an operation of site on
-// subject ("read", "request", "write" in what). result is not 0.
-bool FailWithResult(GError** error, internal::LogSite site, int result, const char* what, const char* subject);
+// subject ("read", "request", "write" in what), or the refusal that watch
+// saw. result is not 0.
+bool FailWithResult(GError** error, internal::LogSite site, int result, const char* what, const char* subject,
+                    const RefusalWatch& watch);
+
+// LUMORA_CLIENT_ERROR_REENTRY_REFUSED for the operation what on subject.
+bool FailRefused(GError** error, internal::LogSite site, const char* what, const char* subject);
 
 // Runs fn() at a boundary with C or GLib and returns its result. Nothing
 // thrown inside (an allocation failure) crosses it: the failure becomes

@@ -224,11 +224,13 @@ void Start(LumoraClient* client, const char* subject, const char* input, Call* c
     call->statistics = !call->read && lumora::glib::IsStatisticsSubject(subject);
     guint id = Enter(call);
     WatchCancellable(call, id);
+    lumora::glib::RefusalWatch watch;
     int result = bus->Request(subject, input, OnAnswer, GUINT_TO_POINTER(id));
     if (result == 0) return;
     Call* failed = TakeOut(id);
     if (failed == nullptr) return;  // cancelled meanwhile: that outcome stands
-    lumora::glib::FailWithResult(&failed->error, failed->site, result, call->read ? "read" : "request", subject);
+    lumora::glib::FailWithResult(&failed->error, failed->site, result, call->read ? "read" : "request", subject,
+                                 watch);
     Complete(failed);
 }
 

@@ -152,6 +152,7 @@ bool Follow(Target* target, const char* subject, bool withValue, GError** error,
     ContextAutoLock registration(&g_registrationLock);
     Key key(subject, withValue);
     if (!Join(target, key)) return true;
+    RefusalWatch watch;
     bool registered = withValue ? Lumora_SubscribeWithValue(subject, OnValue, nullptr)
                                 : Lumora_Subscribe(subject, OnChange, nullptr);
     if (registered) {
@@ -160,9 +161,8 @@ bool Follow(Target* target, const char* subject, bool withValue, GError** error,
         return true;
     }
     Leave(target, key);
-    return Fail(error, site, LUMORA_CLIENT_ERROR_CALL_FAILED,
-                "the library refused the subscription to %s (see its log; it refuses one made inside a request "
-                "callback of the C interface)",
+    if (watch.Refused()) return FailRefused(error, site, "subscription", subject);
+    return Fail(error, site, LUMORA_CLIENT_ERROR_CALL_FAILED, "the library refused the subscription to %s (see its log)",
                 subject);
 }
 

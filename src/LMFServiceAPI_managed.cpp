@@ -13,6 +13,7 @@
 #include "internal/Boundary.h"
 #include "internal/Brightness.h"
 #include "internal/Log.h"
+#include "internal/Reentry.h"
 
 using lumora::internal::Guarded;
 
@@ -259,6 +260,8 @@ bool Lumora_AddAvailabilityCallback(LumoraAvailabilityCb callback, void* userDat
 bool Lumora_RemoveAvailabilityCallback(LumoraAvailabilityCb callback, void* userData) {
     return Guarded(__func__, false, [&] { return LMFServiceAPI::RemoveAvailabilityCallback(callback, userData); });
 }
+
+unsigned int Lumora_GetRefusedCallCount(void) { return lumora::internal::RefusalCount(); }
 
 bool Lumora_SubscribePrefChannelList(LumoraSubjectCb callback, void* userData) {
     return SubscribeSubject(__func__, "Pref/Channel/List", callback, userData);

@@ -6,6 +6,7 @@ namespace lumora::internal {
 namespace {
 
 thread_local unsigned t_heldLocks = 0;
+thread_local unsigned t_refusals = 0;  // calls refused on this thread, ever
 
 }  // namespace
 
@@ -23,5 +24,9 @@ const char* BlockingLock(unsigned locks) {
     if ((locks & kServiceMutex) != 0 && (held & kClientMutex) != 0) return "the client mutex";
     return nullptr;
 }
+
+void CountRefusal() { ++t_refusals; }
+
+unsigned RefusalCount() { return t_refusals; }
 
 }  // namespace lumora::internal

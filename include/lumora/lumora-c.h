@@ -44,6 +44,9 @@
  *   client mutex (to listen for the service's news): they are refused inside
  *   a request's callback like the other functions that take it.
  *
+ * Lumora_GetRefusedCallCount() counts the refusals of the calling thread, so
+ * that a caller can tell a refused call from one that failed.
+ *
  * Do not iterate the main context from inside a callback.
  *
  * @par Results
@@ -651,6 +654,21 @@ LUMORA_EXPORT bool Lumora_AddAvailabilityCallback(LumoraAvailabilityCb callback,
  *  false, with one log line, when the pair was not added, and before
  *  Lumora_InitService() or after the last Lumora_FiniService(). */
 LUMORA_EXPORT bool Lumora_RemoveAvailabilityCallback(LumoraAvailabilityCb callback, void* userData);
+
+/** @} */
+
+/**
+ * @name Refused calls
+ */
+/** @{ */
+
+/** How many calls the library has refused on the calling thread because they
+ *  were made from inside one of its callbacks that holds a library lock (see
+ *  "Locks held while a callback runs"), where waiting would have hung the
+ *  thread. Each refusal also logs one error line. A call that returned false
+ *  or NULL was refused for that reason exactly when the count grew across it:
+ *  language bindings tell such a call from one that failed this way. */
+LUMORA_EXPORT unsigned int Lumora_GetRefusedCallCount(void);
 
 /** @} */
 

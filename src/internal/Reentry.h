@@ -36,6 +36,12 @@ private:
 // thread for ever, or null when the operation may go ahead.
 const char* BlockingLock(unsigned locks);
 
+// Counts one refusal on this thread (Lumora_GetRefusedCallCount()).
+void CountRefusal();
+
+// The refusals counted on this thread.
+unsigned RefusalCount();
+
 }  // namespace lumora::internal
 
 // True, after one error line, when the calling operation (which takes
@@ -45,6 +51,6 @@ const char* BlockingLock(unsigned locks);
     (::lumora::internal::BlockingLock(locks) != nullptr &&                                                      \
      (LMF_LOGE("refused: %s() was called from a callback that runs with %s held, and would deadlock", __func__, \
                ::lumora::internal::BlockingLock(locks)),                                                        \
-      true))
+      ::lumora::internal::CountRefusal(), true))
 
 #endif  // LUMORA_INTERNAL_REENTRY_H

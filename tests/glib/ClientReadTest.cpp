@@ -109,26 +109,42 @@ TEST_F(GlibReadTest, AnInternalSubjectOfAProcessNotOnTheWhitelistIsNotAllowedAnd
     EXPECT_TRUE(LibraryCalls().empty());
 }
 
-// The C interface refuses a read from inside one of its request callbacks
-// (which runs with its client mutex held) the way it reports a failed call;
-// the GObject API can only pass that on, and must not hang.
+// The C interface refuses a read or a subscription from inside one of its
+// request callbacks (which runs with its client mutex held) the way it
+// reports a failed call, and counts the refusal: the GObject API names it,
+// and must not hang.
 gboolean g_readInsideCallback = FALSE;
 GError* g_insideError = nullptr;
+GError* g_insideSubscribeError = nullptr;
 char* g_insideValue = nullptr;
+LumoraSubscription* g_insideSubscription = nullptr;
 
 void ReadFromInsideARequestCallback(const char*, char*, void* client) {
     g_insideValue =
         lumora_client_read_sync(static_cast<LumoraClient*>(client), kSource, nullptr, nullptr, &g_insideError);
+    g_insideSubscription = lumora_client_subscribe(static_cast<LumoraClient*>(client), kVolume,
+                                                   LUMORA_SUBSCRIBE_FLAGS_NONE, &g_insideSubscribeError);
     g_readInsideCallback = TRUE;
 }
 
-TEST_F(GlibReadTest, AReadFromInsideARequestCallbackOfTheCInterfaceIsCallFailedAndDoesNotHang) {
+TEST_F(GlibReadTest, AReadFromInsideARequestCallbackOfTheCInterfaceIsRefusedAsReentryAndDoesNotHang) {
     Start();
     ASSERT_TRUE(Lumora_InitService());  // the application's own start, beside the client's
     ASSERT_TRUE(Lumora_Request(kSource, nullptr, ReadFromInsideARequestCallback, m_client));
     ASSERT_TRUE(IterateUntil([] { return g_readInsideCallback; }));
     EXPECT_EQ(nullptr, g_insideValue);
-    EXPECT_EQ(LUMORA_CLIENT_ERROR_CALL_FAILED, ClientErrorCode(g_insideError));
+    EXPECT_EQ(LUMORA_CLIENT_ERROR_REENTRY_REFUSED, ClientErrorCode(g_insideError));
+    EXPECT_STREQ("the library refused the read of Ctx/Media/Source/Info/Current: it was called from inside a callback "
+                 "that runs with a library lock held, where waiting would hang the thread",
+                 g_insideError->message);
+    EXPECT_EQ(nullptr, g_insideSubscription);
+    EXPECT_EQ(LUMORA_CLIENT_ERROR_REENTRY_REFUSED, ClientErrorCode(g_insideSubscribeError));
+    g_clear_error(&g_insideSubscribeError);
+    // Outside the callback, a failed call is not taken for a refusal.
+    ASSERT_TRUE(Control(lumora::sim::kCtlStopAnswering).Ok());
+    EXPECT_EQ(nullptr, ReadSync(kSource));
+    EXPECT_EQ(LUMORA_CLIENT_ERROR_CALL_FAILED, ClientErrorCode(m_error));
+    ASSERT_TRUE(Control(lumora::sim::kCtlResumeAnswering).Ok());
     EXPECT_TRUE(m_log.Has("refused: Read() was called from a callback that runs with the client mutex held, and "
                           "would deadlock",
                           'E'))
@@ -159,8 +175,10 @@ TEST_F(GlibReadTest, NullAndInvalidTextsAreInvalidArgumentsWithoutCriticalAndNot
     EXPECT_EQ(LUMORA_CLIENT_ERROR_INVALID_ARGUMENT, ClientErrorCode(m_error));
     EXPECT_STREQ("subject is NULL", m_error->message);
     EXPECT_EQ(nullptr, ReadSync(kInvalid));
+    EXPECT_EQ(LUMORA_CLIENT_ERROR_INVALID_UTF8, ClientErrorCode(m_error));
     EXPECT_STREQ("subject is not valid UTF-8", m_error->message);
     EXPECT_EQ(nullptr, ReadSync(kSource, "{\"a\":\"\xc3\x28\"}"));
+    EXPECT_EQ(LUMORA_CLIENT_ERROR_INVALID_UTF8, ClientErrorCode(m_error));
     EXPECT_STREQ("input is not valid UTF-8", m_error->message);
 
     GError* error = nullptr;
@@ -172,6 +190,7 @@ TEST_F(GlibReadTest, NullAndInvalidTextsAreInvalidArgumentsWithoutCriticalAndNot
     EXPECT_STREQ("subject is NULL", error->message);
     g_clear_error(&error);
     EXPECT_FALSE(lumora_client_write(m_client, kVolume, "\xff", &error));
+    EXPECT_EQ(LUMORA_CLIENT_ERROR_INVALID_UTF8, ClientErrorCode(error));
     EXPECT_STREQ("data is not valid UTF-8", error->message);
     g_clear_error(&error);
 
@@ -192,6 +211,7 @@ TEST_F(GlibReadTest, NullAndInvalidTextsAreInvalidArgumentsWithoutCriticalAndNot
     ASSERT_TRUE(IterateUntil([&] { return nullRead.Done() && invalidRequest.Done(); }));
     EXPECT_EQ(LUMORA_CLIENT_ERROR_INVALID_ARGUMENT, ClientErrorCode(nullRead.error));
     EXPECT_STREQ("subject is NULL", nullRead.error->message);
+    EXPECT_EQ(LUMORA_CLIENT_ERROR_INVALID_UTF8, ClientErrorCode(invalidRequest.error));
     EXPECT_STREQ("input is not valid UTF-8", invalidRequest.error->message);
 
     EXPECT_TRUE(LibraryCalls().empty());

@@ -374,10 +374,12 @@ struct Reentry {
     bool subscribeRefused = false;
     bool finiRefused = false;
     bool writeSent = false;
+    unsigned refusalsCounted = 0;  // Lumora_GetRefusedCallCount() across the callback's calls
 };
 Reentry g_reentry;
 
 void CallsBackIntoTheLibrary(const char* subject, char* data, void*) {
+    unsigned before = Lumora_GetRefusedCallCount();
     char* value = Lumora_ReadCurrentAppInfo(nullptr);
     g_reentry.readRefused = value == nullptr;
     free(value);
@@ -385,6 +387,7 @@ void CallsBackIntoTheLibrary(const char* subject, char* data, void*) {
     g_reentry.subscribeRefused = !Lumora_SubscribeAppInfo(Recorded<3>, nullptr);
     g_reentry.finiRefused = !Lumora_FiniService();
     g_reentry.writeSent = CS_Lumora_Write("Raw/Setting/Selected/Item", "{\"item\":\"Sound\"}");
+    g_reentry.refusalsCounted = Lumora_GetRefusedCallCount() - before;
     CallbackRecorder::Instance().Add(1, subject, data, nullptr);
 }
 
@@ -397,6 +400,9 @@ TEST_F(RequestTest, ACallbackCallingALockedOperationIsRefusedInsteadOfHanging) {
     EXPECT_TRUE(g_reentry.subscribeRefused);
     EXPECT_TRUE(g_reentry.finiRefused);
     EXPECT_TRUE(g_reentry.writeSent);  // a write takes no lock
+    // The four refused calls are counted on the callback's thread, the
+    // allowed write is not.
+    EXPECT_EQ(4u, g_reentry.refusalsCounted);
     const char* refusals[][2] = {
         {"Read", "refused: Read() was called from a callback that runs with the client mutex held, and would deadlock"},
         {"Request",
@@ -421,9 +427,12 @@ TEST_F(RequestTest, ACallbackCallingALockedOperationIsRefusedInsteadOfHanging) {
     EXPECT_TRUE(LibraryCalls("RequestSync").empty());
     EXPECT_TRUE(m_monitor->WaitForCalls(1, 5000, "Write"));
     EXPECT_EQ(1, LMFServiceAPI::m_nRefCnt);
+    unsigned before = Lumora_GetRefusedCallCount();
     char* value = Lumora_ReadCurrentAppInfo(nullptr);
     EXPECT_NE(nullptr, value);
     free(value);
+    // A call that goes through is not counted.
+    EXPECT_EQ(before, Lumora_GetRefusedCallCount());
 }
 
 void CallsTheBusClientFromTheCallback(const char* subject, char*, void*) {

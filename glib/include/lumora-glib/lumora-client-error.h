@@ -30,8 +30,7 @@ G_BEGIN_DECLS
  *   request with a count but no records, or the library refused a
  *   subscription for a reason it only logs.
  * @LUMORA_CLIENT_ERROR_INVALID_ARGUMENT: A text was %NULL where one is
- *   required (the subject, the data of a write) or is not valid UTF-8 (the
- *   subject, an input, the data), or the operation does not take the
+ *   required (the subject, the data of a write), or the operation does not take the
  *   subject: a subscription's subject of two characters or fewer, unknown
  *   subscribe flags, or one of the five statistics subjects
  *   (`I/TallyDB/.../Duration`) given to an asynchronous read or to a
@@ -46,12 +45,8 @@ G_BEGIN_DECLS
  *   request. The bus client's result -5.
  * @LUMORA_CLIENT_ERROR_CALL_FAILED: The call did not get through: there is
  *   no connection object, the bus refused the call, or the service did not
- *   answer within the time-out (1 s for a synchronous read). The C interface
- *   reports in the same way, with the same result -6 and no other sign but a
- *   log line, a call it refused because it came from inside one of its own
- *   request callbacks (which run with its client mutex held); this API never
- *   runs application code with a library lock held, so only a program that
- *   also uses the C interface's request callbacks can meet that case.
+ *   answer within the time-out (1 s for a synchronous read). The bus
+ *   client's result -6.
  * @LUMORA_CLIENT_ERROR_NOT_ALLOWED: The subject is internal (its name begins
  *   with `I`) and this process, by its short program name, is not on the
  *   whitelist that the service sent. Nothing was sent.
@@ -62,6 +57,16 @@ G_BEGIN_DECLS
  *   read or request cannot tell the code: the library answers both a service
  *   error and a service that gave no answer within the bus time-out (25 s)
  *   with the same error text, and the message says so.
+ * @LUMORA_CLIENT_ERROR_INVALID_UTF8: A text is not valid UTF-8 (the subject,
+ *   an input, the data of a write): the service only takes UTF-8. Nothing
+ *   was sent.
+ * @LUMORA_CLIENT_ERROR_REENTRY_REFUSED: The call was made from inside one of
+ *   the C library's callbacks that runs with a library lock held (a request
+ *   callback or the channel callback of the C interface), where waiting for
+ *   that lock would hang the thread: the library refused it at once and
+ *   logged one error line. This API never runs application code with a
+ *   library lock held, so only a program that also uses those C callbacks
+ *   meets it. Nothing was sent.
  *
  * The codes of #LUMORA_CLIENT_ERROR. Each error's message is this library's
  * own sentence, naming the subject and the reason; the C library logs its
@@ -74,7 +79,9 @@ typedef enum {
   LUMORA_CLIENT_ERROR_NOT_AVAILABLE,
   LUMORA_CLIENT_ERROR_CALL_FAILED,
   LUMORA_CLIENT_ERROR_NOT_ALLOWED,
-  LUMORA_CLIENT_ERROR_SERVICE
+  LUMORA_CLIENT_ERROR_SERVICE,
+  LUMORA_CLIENT_ERROR_INVALID_UTF8,
+  LUMORA_CLIENT_ERROR_REENTRY_REFUSED
 } LumoraClientError;
 
 /**
