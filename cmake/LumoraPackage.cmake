@@ -16,6 +16,20 @@ set(LUMORA_MAINTAINER "liblumora-api maintainers <maintainers@users.noreply.c-se
 # the last commit's), and gzip -n stores no name or time.
 string(TIMESTAMP LUMORA_CHANGELOG_DATE "%a, %d %b %Y %H:%M:%S +0000" UTC)
 set(LUMORA_PACKAGES runtime liblumora-api1 dev liblumora-api-dev tools lumora-tools)
+set(LUMORA_DEB_COMPONENTS runtime dev tools)
+set(LUMORA_DEB_MULTI_ARCH "liblumora-api1=same;liblumora-api-dev=same;lumora-tools=foreign")
+# The GObject API's packages; the typelib's only where introspection is built
+# (not in cross builds, whose g-ir-scanner cannot run the target's code).
+if(LUMORA_BUILD_GLIB)
+  list(APPEND LUMORA_PACKAGES glib_runtime liblumora-glib0 glib_dev liblumora-glib-dev)
+  list(APPEND LUMORA_DEB_COMPONENTS glib_runtime glib_dev)
+  list(APPEND LUMORA_DEB_MULTI_ARCH "liblumora-glib0=same" "liblumora-glib-dev=same")
+  if(LUMORA_BUILD_INTROSPECTION)
+    list(APPEND LUMORA_PACKAGES gir gir1.2-lumora-1.0)
+    list(APPEND LUMORA_DEB_COMPONENTS gir)
+    list(APPEND LUMORA_DEB_MULTI_ARCH "gir1.2-lumora-1.0=same")
+  endif()
+endif()
 set(LUMORA_DEB_DIR ${PROJECT_BINARY_DIR}/debian)
 find_program(GZIP_EXECUTABLE gzip)
 while(LUMORA_PACKAGES)
@@ -68,7 +82,7 @@ set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_SET_DESTDIR ON)
 set(CPACK_INSTALL_PREFIX /usr)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_ALL runtime dev tools)
+set(CPACK_COMPONENTS_ALL ${LUMORA_DEB_COMPONENTS})
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER ${LUMORA_MAINTAINER})
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
@@ -79,7 +93,7 @@ set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 # The tools' and the -dev package's own libraries come from the runtime
 # package of this build: shlibdeps finds them there.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/src ${PROJECT_BINARY_DIR}/common
-    ${PROJECT_BINARY_DIR}/platform)
+    ${PROJECT_BINARY_DIR}/platform ${PROJECT_BINARY_DIR}/glib)
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME liblumora-api1)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
@@ -112,6 +126,34 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "liblumora-api1 (= ${LUMORA_DEB_VERSION})
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION
     "command-line client and simulator of the television context service\nlumora reads, writes, requests and follows the context service's subjects\nfrom a shell; lumora-sim plays the service on a private bus, with a sample\ntelevision, for developing applications off the set.")
 
+# The GObject API: its library over liblumora-api1 of the same build, its
+# development files (with the GIR and the Vala bindings, which need the
+# typelib where it is built), and the typelib that Python (PyGObject),
+# JavaScript (gjs) and other GObject-introspection users load.
+set(CPACK_DEBIAN_GLIB_RUNTIME_PACKAGE_NAME liblumora-glib0)
+set(CPACK_DEBIAN_GLIB_RUNTIME_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_GLIB_RUNTIME_PACKAGE_DEPENDS "liblumora-api1 (= ${LUMORA_DEB_VERSION})")
+set(CPACK_DEBIAN_GLIB_RUNTIME_PACKAGE_CONTROL_EXTRA ${LUMORA_DEB_DIR}/triggers)
+set(CPACK_DEBIAN_GLIB_RUNTIME_DESCRIPTION
+    "GObject API of the television context service\nliblumora-glib gives the client library of the television context service a\nGObject interface (LumoraClient, LumoraSubscription) in GLib's own\nconventions: GTask, GCancellable, GError and signals in the caller's main\ncontext.")
+set(LUMORA_GLIB_DEV_DEPENDS
+    "liblumora-glib0 (= ${LUMORA_DEB_VERSION}), liblumora-api-dev (= ${LUMORA_DEB_VERSION}), libglib2.0-dev")
+if(LUMORA_BUILD_INTROSPECTION)
+  string(APPEND LUMORA_GLIB_DEV_DEPENDS ", gir1.2-lumora-1.0 (= ${LUMORA_DEB_VERSION})")
+endif()
+set(CPACK_DEBIAN_GLIB_DEV_PACKAGE_NAME liblumora-glib-dev)
+set(CPACK_DEBIAN_GLIB_DEV_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_GLIB_DEV_PACKAGE_DEPENDS "${LUMORA_GLIB_DEV_DEPENDS}")
+set(CPACK_DEBIAN_GLIB_DEV_PACKAGE_SHLIBDEPS OFF)
+set(CPACK_DEBIAN_GLIB_DEV_DESCRIPTION
+    "GObject API of the television context service (development files)\nThe headers, the .so link, the pkg-config and CMake package files, the\nGObject-introspection XML (Lumora-1.0.gir), the Vala bindings and the API\nreference of liblumora-glib.")
+set(CPACK_DEBIAN_GIR_PACKAGE_NAME gir1.2-lumora-1.0)
+set(CPACK_DEBIAN_GIR_PACKAGE_SECTION introspection)
+set(CPACK_DEBIAN_GIR_PACKAGE_DEPENDS "liblumora-glib0 (= ${LUMORA_DEB_VERSION}), gir1.2-glib-2.0")
+set(CPACK_DEBIAN_GIR_PACKAGE_SHLIBDEPS OFF)
+set(CPACK_DEBIAN_GIR_DESCRIPTION
+    "GObject introspection data of the television context service's API\nThe typelib of liblumora-glib (namespace Lumora, version 1.0), through which\nPython (from gi.repository import Lumora), JavaScript (gjs) and other\nlanguages use the client library of the television context service.")
+
 # Multi-Arch: the library and the development files are installed once per
 # architecture (everything architecture-specific of theirs is under the
 # multiarch libdir, the rest the same for all); the tools serve any
@@ -119,7 +161,7 @@ set(CPACK_DEBIAN_TOOLS_DESCRIPTION
 # no field for it, nor a way to leave out its own postinst/postrm that call
 # ldconfig for libraries under /usr/lib (the triggers file above does that
 # job): the finishing step after CPack writes the one and removes the others.
-set(CPACK_LUMORA_MULTI_ARCH "liblumora-api1=same;liblumora-api-dev=same;lumora-tools=foreign")
+set(CPACK_LUMORA_MULTI_ARCH "${LUMORA_DEB_MULTI_ARCH}")
 set(CPACK_LUMORA_LIBDIR ${CMAKE_INSTALL_LIBDIR})
 set(CPACK_POST_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/LumoraDebFinish.cmake)
 

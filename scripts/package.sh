@@ -1,6 +1,7 @@
 #!/bin/sh
-# Builds the Debian packages liblumora-api1, liblumora-api-dev and
-# lumora-tools from the tree into build/packages (a Release build of its own,
+# Builds the Debian packages liblumora-api1, liblumora-api-dev,
+# lumora-tools, liblumora-glib0, liblumora-glib-dev and (where introspection
+# is built: not in cross builds) gir1.2-lumora-1.0 from the tree into build/packages (a Release build of its own,
 # with the API reference, installed to /usr with the multiarch libdir
 # lib/<DEB_HOST_MULTIARCH>), then checks each with lintian when it is
 # installed: any error or warning fails (what is accepted, the packages'
@@ -52,7 +53,10 @@ fi
 mkdir -p "$out"
 out=$(cd "$out" && pwd)
 # Packages of an earlier version would be checked (and installed) alongside.
-debs="$out/liblumora-api1_*_$arch.deb $out/liblumora-api-dev_*_$arch.deb $out/lumora-tools_*_$arch.deb"
+debs=""
+for package in liblumora-api1 liblumora-api-dev lumora-tools liblumora-glib0 liblumora-glib-dev gir1.2-lumora-1.0; do
+  debs="$debs $out/${package}_*_$arch.deb"
+done
 # shellcheck disable=SC2086
 rm -f $debs
 # dpkg-shlibdeps, which CPack runs, reads the packages' architecture from the
@@ -64,6 +68,13 @@ else
 fi
 (cd "$build" && CC=$compiler dpkg-architecture -a"$arch" -c cpack -G DEB -B "$out" >/dev/null)
 rm -rf "$out/_CPack_Packages"
+# What was built (gir1.2-lumora-1.0 only where introspection is).
+built=""
+# shellcheck disable=SC2086
+for deb in $debs; do
+  [ ! -e "$deb" ] || built="$built $deb"
+done
+debs=$built
 # shellcheck disable=SC2086
 ls $debs
 if command -v lintian >/dev/null 2>&1; then
