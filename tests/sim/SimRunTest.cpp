@@ -244,18 +244,28 @@ TEST_F(SimRunTest, AfterARunWithTheMachinesTmpNoSimulatorDaemonMarkerOrSocketIsL
     EXPECT_EQ(std::string(), std::string((std::istreambuf_iterator<char>(lock)), std::istreambuf_iterator<char>()));
 }
 
-TEST_F(SimRunTest, AfterARunWithATmpOfItsOwnItsSimulatorAndDaemonAreGone) {
-    RunResult run = Run({}, "ls /tmp");
+TEST_F(SimRunTest, ATmpOfItsOwnHidesTheMachinesMarkerKeepsTheMachinesFilesAndLeavesNothingBehind) {
+    // A marker of this machine's /tmp, of a live process, which the run's
+    // command must not see; and a folder of files the command uses.
+    std::ofstream(contract::kReadyMarkerFile) << getpid() << "\n";
+    m_dir.Write("in.txt", "from the machine\n");
+    std::string top = "/tmp/lumora-run-test-top-" + std::to_string(getpid());
+    RunResult run = Run({}, "cat /tmp/lmf_service_ready; cat " + m_dir.File("in.txt") + "; echo from the command > " +
+                                m_dir.File("out.txt") + "; echo only in the run > " + top + "; cat " + top);
     ASSERT_EQ(0, run.exitStatus) << run.err;
     if (!RanInPrivateTmp()) GTEST_SKIP() << "this machine gives no run a /tmp of its own";
-    // The command's /tmp held the run's marker and bus folder, and nothing of this test's.
-    std::vector<std::string> seen = Lines(run.out);
-    ASSERT_EQ(2u, seen.size()) << run.out;
-    EXPECT_EQ("lmf_service_ready", seen[0]);
-    EXPECT_EQ(0u, seen[1].find("lumora-sim-run-")) << seen[1];
-    EXPECT_TRUE(ProcessGone(LoggedPid("run: simulator started (pid ")));
+    pid_t simulator = LoggedPid("run: simulator started (pid ");
+    EXPECT_EQ((std::vector<std::string>{std::to_string(simulator), "from the machine", "only in the run"}),
+              Lines(run.out));
+    std::ifstream out(m_dir.File("out.txt"));
+    EXPECT_EQ("from the command\n", std::string((std::istreambuf_iterator<char>(out)), std::istreambuf_iterator<char>()));
+    EXPECT_NE(0, access(top.c_str(), F_OK)) << "made at the top of the run's /tmp, gone with it";
+    std::ifstream marker(contract::kReadyMarkerFile);
+    EXPECT_EQ(std::to_string(getpid()) + "\n",
+              std::string((std::istreambuf_iterator<char>(marker)), std::istreambuf_iterator<char>()));
+    unlink(contract::kReadyMarkerFile);
+    EXPECT_TRUE(ProcessGone(simulator));
     EXPECT_TRUE(ProcessGone(LoggedPid("(dbus-daemon pid ")));
-    EXPECT_FALSE(ReadyMarkerExists());
 }
 
 TEST_F(SimRunTest, TwoRunsSideBySideEachServeTheirOwnSimulator) {
@@ -446,7 +456,7 @@ TEST_F(SimRunTest, WithoutRootAUserNamespaceGivesTheRunATmpOfItsOwn) {
     if (!NobodyMayUnshareUsers(*nobody)) GTEST_SKIP() << "this machine allows no unprivileged user namespace";
     passwd user = *nobody;
     // As nobody, with the sample scenario (this test's folder is root's).
-    std::string script = "id -u; lumora read Ctx/Media/Source/Info/Current; ls /tmp";
+    std::string script = "id -u; lumora read Ctx/Media/Source/Info/Current; cat /tmp/lmf_service_ready";
     Launch launch = LaunchOf(SimExecutable(), RunArgs({"--scenario", SampleScenario()}, script));
     std::vector<char*> argv = launch.Argv();
     int out[2];
@@ -466,11 +476,10 @@ TEST_F(SimRunTest, WithoutRootAUserNamespaceGivesTheRunATmpOfItsOwn) {
     ASSERT_TRUE(WIFEXITED(status));
     ASSERT_EQ(0, WEXITSTATUS(status)) << printed;
     std::vector<std::string> lines = Lines(printed);
-    ASSERT_EQ(4u, lines.size()) << printed;
+    ASSERT_EQ(3u, lines.size()) << printed;
     EXPECT_EQ(std::to_string(user.pw_uid), lines[0]);
     EXPECT_NE(std::string::npos, lines[1].find(R"("Source":"TV")")) << lines[1];
-    EXPECT_EQ("lmf_service_ready", lines[2]);
-    EXPECT_EQ(0u, lines[3].find("lumora-sim-run-")) << lines[3];
+    EXPECT_GT(std::stol(lines[2]), 0) << "the run's marker names its simulator";
     EXPECT_FALSE(ReadyMarkerExists());
 }
 

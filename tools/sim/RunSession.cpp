@@ -301,10 +301,7 @@ int RunSession::RunTheCommand() {
     int error = 0;
     pid_t pid = SpawnCommand(args, m_signals, error);
     if (pid < 0) {
-        std::string line = m_options.commandPath + ": " + strerror(error);
-        if (error == ENOENT && m_privateTmp && m_options.commandPath.rfind("/tmp/", 0) == 0)
-            line += " (the command's /tmp is a new one; a relative path from a folder there, or --shared-tmp, reaches it)";
-        Fail(line);
+        Fail(m_options.commandPath + ": " + strerror(error));
         return error == ENOENT ? kCommandNotFound : kCommandNotRunnable;
     }
     SIM_LOGI("run: command started (pid %d): %s", pid, m_options.command[0].c_str());

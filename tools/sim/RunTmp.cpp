@@ -2,11 +2,14 @@
 // the machine's marker.
 #include "RunTmp.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -67,6 +70,61 @@ pid_t PidIn(int fd) {
     return end != text && pid > 0 ? static_cast<pid_t>(pid) : -1;
 }
 
+// What of the machine's /tmp the run's own leaves out: the marker and its lock.
+bool KeptApart(const char* name) {
+    return strcmp(name, ".") == 0 || strcmp(name, "..") == 0 || strcmp(name, "lmf_service_ready") == 0 ||
+           strcmp(name, "lmf_service_ready.lock") == 0;
+}
+
+// Makes the machine's /tmp/name (machineTmp is its folder, now covered)
+// the run's /tmp/name too: a directory or a file bound there, a symbolic
+// link copied.
+bool ShowEntry(int machineTmp, const char* name) {
+    struct stat entry;
+    if (fstatat(machineTmp, name, &entry, AT_SYMLINK_NOFOLLOW) != 0) return false;
+    std::string target = std::string("/tmp/") + name;
+    if (S_ISLNK(entry.st_mode)) {
+        char link[PATH_MAX];
+        ssize_t n = readlinkat(machineTmp, name, link, sizeof link - 1);
+        if (n < 0) return false;
+        link[n] = '\0';
+        return symlink(link, target.c_str()) == 0;
+    }
+    if (S_ISDIR(entry.st_mode)) {
+        if (mkdir(target.c_str(), 0700) != 0) return false;
+    } else {
+        int fd = open(target.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+        if (fd < 0) return false;
+        close(fd);
+    }
+    // The descriptor's path still leads to the covered folder.
+    std::string source = "/proc/self/fd/" + std::to_string(machineTmp) + "/" + name;
+    return mount(source.c_str(), target.c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0;
+}
+
+// The command's files, build trees and sockets under the machine's /tmp stay
+// where it looks for them, and what it writes into them stays there after
+// the run; only the marker, and what is made at the top of /tmp from now
+// on, are the run's own.
+void ShowMachineEntries(int machineTmp) {
+    DIR* folder = fdopendir(dup(machineTmp));
+    if (folder == nullptr) {
+        SIM_LOGW("run: the machine's /tmp not listed: %s", strerror(errno));
+        return;
+    }
+    unsigned shown = 0;
+    while (const dirent* entry = readdir(folder)) {
+        if (KeptApart(entry->d_name)) continue;
+        if (ShowEntry(machineTmp, entry->d_name)) {
+            ++shown;
+        } else if (errno != ENOENT) {  // gone meanwhile: nothing to show
+            SIM_LOGW("run: /tmp/%s not reachable in the run's /tmp: %s", entry->d_name, strerror(errno));
+        }
+    }
+    closedir(folder);
+    SIM_LOGD("run: %u entries of the machine's /tmp reachable in the run's own", shown);
+}
+
 }  // namespace
 
 bool MakePrivateTmp(std::string& why) {
@@ -76,11 +134,19 @@ bool MakePrivateTmp(std::string& why) {
         why = Failed("mount --make-rprivate /");
         return false;
     }
-    if (mount("lumora-sim-tmp", "/tmp", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777") != 0) {
-        why = Failed("mount tmpfs on /tmp");
+    int machineTmp = open("/tmp", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (machineTmp < 0) {
+        why = Failed("/tmp");
         return false;
     }
-    return true;
+    bool mounted = mount("lumora-sim-tmp", "/tmp", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777") == 0;
+    if (mounted) {
+        ShowMachineEntries(machineTmp);
+    } else {
+        why = Failed("mount tmpfs on /tmp");
+    }
+    close(machineTmp);
+    return mounted;
 }
 
 pid_t MarkerPid() {

@@ -18,13 +18,15 @@ namespace lumora::sim {
 constexpr const char* kMarkerLockFile = "/tmp/lmf_service_ready.lock";
 
 /**
- * Gives this process, and every process it starts afterwards, an empty /tmp
- * of its own: a tmpfs mounted in a mount namespace of its own, entered
- * directly by root and through a user namespace (the caller's own uid and gid
- * mapped to themselves) by anyone else. Must be called while the process has
- * one thread. False, with why ("unshare(CLONE_NEWNS): Operation not
- * permitted; ..."), when the machine does not allow it; the machine's /tmp is
- * still the one seen then.
+ * Gives this process, and every process it starts afterwards, a /tmp of its
+ * own: a tmpfs mounted in a mount namespace of its own, entered directly by
+ * root and through a user namespace (the caller's own uid and gid mapped to
+ * themselves) by anyone else. Every entry of the machine's /tmp but the
+ * marker and its lock is bound at its place in it, so that what the command
+ * uses there stays reachable. Must be called while the process has one
+ * thread. False, with why ("unshare(CLONE_NEWNS): Operation not permitted;
+ * ..."), when the machine does not allow it; the machine's /tmp is still the
+ * one seen then.
  */
 bool MakePrivateTmp(std::string& why);
 
