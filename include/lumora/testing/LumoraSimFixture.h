@@ -47,7 +47,9 @@
  * Programs are found through the environment, then on PATH: LUMORA_SIM
  * (lumora-sim), LUMORA_SIM_DBUS_CONFIG (the private-bus configuration, else
  * share/lumora-sim/lumora-private-bus.conf beside lumora-sim's bin folder),
- * LUMORA_SIM_DBUS_DAEMON (dbus-daemon).
+ * LUMORA_SIM_DBUS_DAEMON (dbus-daemon); LUMORA_SIM_LAUNCHER, when set, names
+ * what lumora-sim runs under (words separated by spaces: qemu-arm for a
+ * cross build's simulator, valgrind).
  *
  * The service's readiness marker /tmp/lmf_service_ready is one file for the
  * machine: a Simulator holds the lock /tmp/lmf_service_ready.lock from Start()
@@ -77,7 +79,8 @@ struct SimulatorOptions {
     std::string scenario;
     /// More options of lumora-sim, e.g. "--broadcast".
     std::vector<std::string> extraArgs;
-    /// Words before lumora-sim's path: an emulator, or a checker such as valgrind.
+    /// Words before lumora-sim's path: an emulator, or a checker such as
+    /// valgrind; empty: the words of LUMORA_SIM_LAUNCHER, when set.
     std::vector<std::string> launcher;
     /// The simulator's log file; empty: sim.log in the Simulator's own folder.
     std::string logFile;
@@ -112,6 +115,16 @@ constexpr int kControlTimeoutMs = 10000;
 inline std::string Env(const char* name) {
     const char* value = getenv(name);
     return value != nullptr ? value : "";
+}
+
+inline std::vector<std::string> Words(const std::string& text) {
+    std::vector<std::string> words;
+    gchar** split = g_strsplit_set(text.c_str(), " \t", -1);
+    for (gchar** word = split; *word != nullptr; ++word) {
+        if (**word != '\0') words.push_back(*word);
+    }
+    g_strfreev(split);
+    return words;
 }
 
 inline bool Exists(const std::string& path) { return !path.empty() && access(path.c_str(), F_OK) == 0; }
@@ -505,6 +518,7 @@ private:
         pid_t stale = detail::MarkerPid();
         if (stale > 0 && !detail::Alive(stale)) unlink(detail::kMarker);  // left by a killed simulator
         std::vector<std::string> argv = m_options.launcher;
+        if (argv.empty()) argv = detail::Words(detail::Env("LUMORA_SIM_LAUNCHER"));
         argv.push_back(m_simulator);
         if (!m_options.scenario.empty()) argv.insert(argv.end(), {"--scenario", m_options.scenario});
         argv.insert(argv.end(), m_options.extraArgs.begin(), m_options.extraArgs.end());

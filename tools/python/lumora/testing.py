@@ -25,7 +25,8 @@ The marker's keywords are Simulator's. Without pytest (unittest, scripts):
 Programs are found through the environment, then beside this module's
 installed tree, then on PATH: LUMORA_SIM (lumora-sim), LUMORA_SIM_DBUS_CONFIG
 (the private-bus configuration; else share/lumora-sim beside lumora-sim),
-LUMORA_SIM_DBUS_DAEMON (dbus-daemon).
+LUMORA_SIM_DBUS_DAEMON (dbus-daemon); LUMORA_SIM_LAUNCHER, when set, names
+what lumora-sim runs under (words separated by spaces: an emulator, valgrind).
 
 The service's readiness marker /tmp/lmf_service_ready is one file for the
 machine: a Simulator holds /tmp/lmf_service_ready.lock (as `lumora-sim run
@@ -268,7 +269,9 @@ class Simulator:
     """lumora-sim on a private bus of its own; a context manager.
 
     scenario: a scenario file (None: every subject answers "{}"); args: more
-    options of lumora-sim (["--broadcast"]); http: a port for the control
+    options of lumora-sim (["--broadcast"]); launcher: words before
+    lumora-sim (an emulator, valgrind; None: LUMORA_SIM_LAUNCHER's words, when
+    set); http: a port for the control
     panel (0: a free one), whose URL is then http_url; log_file: the
     simulator's log (by default sim.log in the Simulator's own folder, see
     log_text()); set_environment: whether os.environ names the bus while the
@@ -279,11 +282,12 @@ class Simulator:
     when the call is refused.
     """
 
-    def __init__(self, scenario=None, args=(), http=None, log_file=None, set_environment=True,
+    def __init__(self, scenario=None, args=(), launcher=None, http=None, log_file=None, set_environment=True,
                  ready_timeout=30.0, lock_timeout=60.0):
         self.simulator = find_simulator()
         self.scenario = scenario
         self.args = list(args)
+        self.launcher = list(launcher) if launcher is not None else os.environ.get("LUMORA_SIM_LAUNCHER", "").split()
         self.http = http
         self.set_environment = set_environment
         self.ready_timeout = ready_timeout
@@ -351,7 +355,8 @@ class Simulator:
         stale = marker_pid()
         if stale and not _alive(stale):
             os.unlink(READY_MARKER)  # a simulator killed earlier could not remove it
-        command = _pdeath_prefix() + [self.simulator] + (["--scenario", self.scenario] if self.scenario else [])
+        command = _pdeath_prefix() + self.launcher + [self.simulator]
+        command += ["--scenario", self.scenario] if self.scenario else []
         command += self.args + (["--http", "127.0.0.1:%d" % self.http] if self.http is not None else [])
         environment = dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS=self.bus_address, LUMORA_LOG_FILE=self.log_path)
         self._process = subprocess.Popen(command, env=environment, stdin=subprocess.DEVNULL,
