@@ -32,6 +32,10 @@ def _through_emulator(program):
 
 
 if EMULATOR:
+    # The configuration beside the simulator itself, which the script is not.
+    os.environ.setdefault("LUMORA_SIM_DBUS_CONFIG", os.path.join(
+        os.path.dirname(os.path.realpath(os.environ["LUMORA_SIM"])), os.pardir, "share", "lumora-sim",
+        "lumora-private-bus.conf"))
     for variable in ("LUMORA_SIM", "LUMORA_CLI"):
         os.environ[variable] = _through_emulator(os.environ[variable])
 
