@@ -161,7 +161,10 @@ inline void SleepMs(int ms) { g_usleep(static_cast<gulong>(ms) * 1000); }
 inline int StopProcess(pid_t pid, int sig, int graceMs) {
     int status = 0;
     kill(pid, sig);
-    for (int waited = 0; waitpid(pid, &status, WNOHANG) != pid; waited += 10) {
+    for (int waited = 0;; waited += 10) {
+        pid_t ended = waitpid(pid, &status, WNOHANG);
+        if (ended < 0) return -1;  // not a child of this process (any more)
+        if (ended == pid) break;
         if (waited >= graceMs) {
             kill(pid, SIGKILL);
             waitpid(pid, &status, 0);
@@ -329,8 +332,14 @@ public:
         return StartSimulator();
     }
 
-    /// Whether the simulator started by this object still runs.
-    bool Running() const { return m_simPid > 0 && waitpid(m_simPid, nullptr, WNOHANG) == 0; }
+    /// Whether the simulator started by this object still runs (one that
+    /// ended is reaped, and Pid() is -1 from then on).
+    bool Running() {
+        if (m_simPid <= 0) return false;
+        if (waitpid(m_simPid, nullptr, WNOHANG) == 0) return true;
+        m_simPid = -1;
+        return false;
+    }
     /// The private bus, "unix:path=...", the same after RestartBus().
     const std::string& BusAddress() const { return m_address; }
     /// The simulator's pid, or -1.
