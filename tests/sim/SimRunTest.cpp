@@ -9,6 +9,7 @@
 #include <sched.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -386,6 +387,27 @@ TEST_F(SimRunTest, SigtermAndSigintSentToTheRunArePassedToTheCommand) {
     ASSERT_TRUE(run.Signal(SIGTERM));
     EXPECT_EQ(128 + SIGTERM, run.Wait(kRunTimeoutMs)) << run.Err();
     EXPECT_TRUE(Logged("run: simulator stopped (exit status 0)"));
+}
+
+TEST_F(SimRunTest, ASignalBeforeTheCommandStartedStopsWhatRunsAndEndsTheRunWith128PlusIt) {
+    // A bus daemon that never says its address: the run waits for it.
+    std::string started = m_dir.File("daemon.pid");
+    std::string daemon = m_dir.Write("silent-daemon", "#!/bin/sh\necho $$ > " + started + "\nexec sleep 60\n");
+    ASSERT_EQ(0, chmod(daemon.c_str(), 0755));
+    ScopedEnv silent("LUMORA_SIM_DBUS_DAEMON", daemon);
+    ChildProcess run;
+    ASSERT_TRUE(Start(run, {}, "echo must not run"));
+    pid_t daemonPid = -1;
+    for (int tries = 0; daemonPid <= 0 && tries < 1000; ++tries) {
+        std::ifstream pidFile(started);
+        if (!(pidFile >> daemonPid)) g_usleep(10000);
+    }
+    ASSERT_GT(daemonPid, 0);
+    ASSERT_TRUE(run.Signal(SIGTERM));
+    EXPECT_EQ(128 + SIGTERM, run.Wait(5000)) << run.Err();
+    EXPECT_EQ("", run.Out());
+    EXPECT_TRUE(ProcessGone(daemonPid));
+    EXPECT_TRUE(Logged("run: TERM before the command started, stopping"));
 }
 
 TEST_F(SimRunTest, ACommandThatDoesNotExistEnds127WithOneLineAndStartsNothing) {
