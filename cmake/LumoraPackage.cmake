@@ -131,6 +131,9 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "liblumora-api1 (= ${LUMORA_DEB_VERSION}), dbus-daemon, python3")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS "python3-gi")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "python3-pytest")
+# Its prerm removes the byte-code caches of lumora.testing.
+configure_file(${PROJECT_SOURCE_DIR}/cmake/debian/lumora-tools.prerm ${LUMORA_DEB_DIR}/tools/prerm COPYONLY)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA ${LUMORA_DEB_DIR}/tools/prerm)
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION
     "command-line client and simulator of the television context service\nlumora reads, writes, requests and follows the context service's subjects\nfrom a shell; lumora-sim plays the service on a private bus, with a sample\ntelevision, for developing applications off the set, and runs an\napplication's tests beside it (lumora-sim run, the Python module\nlumora.testing).")
 

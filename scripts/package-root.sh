@@ -11,14 +11,15 @@
 #   package-root.sh test ROOT DEBS_DIR SOURCE_DIR APT_CACHE [CROSS_ARCH CROSS_DEBS_DIR]
 #     installs the .deb files of DEBS_DIR with apt-get, builds the examples
 #     of SOURCE_DIR against them, runs tv-watcher against lumora-sim on a
-#     private bus and the tests of tv-app-tests; with CROSS_ARCH, installs that architecture's library and
+#     private bus, the tests of tv-app-tests and a Python program of the
+#     GObject API (tests/packages/gi_check.py); with CROSS_ARCH, installs that architecture's library and
 #     development packages of CROSS_DEBS_DIR beside them with Debian's cross
 #     compilers, and cross-builds the examples against them; then purges the
 #     packages and checks what is left.
 set -eu
 command=$1
 root=$2
-packages="liblumora-api1 liblumora-api-dev lumora-tools"
+packages="liblumora-api1 liblumora-api-dev lumora-tools liblumora-glib0 liblumora-glib-dev gir1.2-lumora-1.0"
 
 fail() {
   echo "packages: $*" >&2
@@ -237,7 +238,8 @@ test_packages() {
   apt_in_root "$test/apt-install.log" install --no-install-recommends $files
   pulled=$(sed -n '/^The following NEW packages will be installed:/,/^[^ ]/p' "$test/apt-install.log" |
     sed '1d;$d' | tr -s ' ' '\n' | grep -c .) || true
-  say "apt-get installed the three packages and $((pulled - 3)) others they depend on"
+  count=$(echo $packages | wc -w)
+  say "apt-get installed the $count packages and $((pulled - count)) others they depend on"
   # Whether the Depends were enough shows in what follows, as a user would
   # meet it: pkg-config, the builds, the bus.
   for package in $packages; do
@@ -351,6 +353,24 @@ test_packages() {
     grep -qx "$file" "$test/files" || fail "$file is not in the packages"
   done
 
+  # The GObject API from Python, as a user who installs PyGObject has it:
+  # the typelib of gir1.2-lumora-1.0 over liblumora-glib0, lumora.testing
+  # and the installed simulator.
+  say "the GObject API from Python: python3-gi, then tests/packages/gi_check.py"
+  apt_in_root "$test/apt-gi.log" install --no-install-recommends python3-gi
+  cp "$source_dir/tests/packages/gi_check.py" "$test/"
+  in_root env LUMORA_LOG_LEVEL=none python3 /tmp/lumora-test/gi_check.py >"$test/gi-check.out" 2>&1 || {
+    cat "$test/gi-check.out" >&2
+    fail "the Python program of the GObject API failed against the installed packages"
+  }
+  grep -qx "gi check ok" "$test/gi-check.out" || fail "gi_check.py did not finish"
+  grep -v "Failed to set fd limit" "$test/gi-check.out" | sed 's/^/  gi_check| /'
+  for file in "/usr/lib/$triplet/girepository-1.0/Lumora-1.0.typelib" /usr/share/gir-1.0/Lumora-1.0.gir \
+    /usr/share/vala/vapi/lumora-glib.vapi "/usr/lib/$triplet/pkgconfig/lumora-glib.pc"; do
+    grep -qx "$file" "$test/files" || fail "$file is not in the packages"
+  done
+  in_root pkg-config --cflags --libs lumora-glib >/dev/null || fail "pkg-config --cflags --libs lumora-glib failed"
+
   purge=$packages
   if [ -n "$cross" ]; then
     cross_packages "$cross" "$cross_debs"
@@ -379,7 +399,8 @@ test_packages() {
     fi
   done <"$test/files"
   for folder in /usr/share/lumora-sim /usr/include/lumora "/usr/lib/$triplet/cmake/LumoraApi" \
-    /usr/lib/python3/dist-packages/lumora \
+    /usr/lib/python3/dist-packages/lumora /usr/include/lumora-glib /usr/share/doc/lumora-glib \
+    /usr/share/doc/liblumora-glib0 /usr/share/doc/liblumora-glib-dev /usr/share/doc/gir1.2-lumora-1.0 \
     ${cross:+"/usr/lib/$cross_triplet/cmake/LumoraApi"} \
     /usr/share/doc/liblumora-api1 /usr/share/doc/liblumora-api-dev /usr/share/doc/lumora-tools; do
     [ ! -e "$root$folder" ] || { echo "packages: left behind: $folder" >&2; left=1; }

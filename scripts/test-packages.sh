@@ -11,11 +11,12 @@
 #     tarball under build/package-root and made again when its release,
 #     mirror or tool list changes or it is a week old;
 #  3. in a fresh copy of that root (chroot, in a mount and PID namespace of
-#     its own: scripts/package-root.sh) installs the three packages with
+#     its own: scripts/package-root.sh) installs the six packages with
 #     apt-get, so that their Depends alone bring in everything, builds both
 #     examples (pkg-config, find_package), runs tv-watcher against the
 #     installed lumora-sim on a private dbus-daemon and tv-app-tests' tests
-#     (the installed GoogleTest fixture, lumora-sim run), purges the
+#     (the installed GoogleTest fixture, lumora-sim run), a Python program
+#     of the GObject API with python3-gi (tests/packages/gi_check.py), purges the
 #     packages and checks that nothing of theirs is left;
 #  4. with --cross ARCH, before the purge: builds the packages of ARCH too
 #     (scripts/package.sh ARCH), installs its liblumora-api1 and
