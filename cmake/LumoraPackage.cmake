@@ -116,15 +116,23 @@ if(LUMORA_CONFIG_NEEDS_SQLITE)
 endif()
 string(APPEND LUMORA_DEV_DEPENDS ", pkg-config")
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "${LUMORA_DEV_DEPENDS}")
+# <lumora/testing/LumoraSimFixture.h> is for an application's GoogleTest tests,
+# which start lumora-sim.
+set(CPACK_DEBIAN_DEV_PACKAGE_SUGGESTS "libgtest-dev, lumora-tools")
 set(CPACK_DEBIAN_DEV_PACKAGE_SHLIBDEPS OFF)
 set(CPACK_DEBIAN_DEV_DESCRIPTION
     "client library of the television context service (development files)\nThe headers, the .so links, the pkg-config and CMake package files and the\nAPI reference of liblumora-api, the client library of the television\ncontext service.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME lumora-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
-set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "liblumora-api1 (= ${LUMORA_DEB_VERSION}), dbus-daemon")
+# The Python module lumora.testing is interpreted by python3 and drives the
+# simulator through GObject introspection's Gio (python3-gi); pytest only for
+# its fixture.
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "liblumora-api1 (= ${LUMORA_DEB_VERSION}), dbus-daemon, python3")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS "python3-gi")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "python3-pytest")
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION
-    "command-line client and simulator of the television context service\nlumora reads, writes, requests and follows the context service's subjects\nfrom a shell; lumora-sim plays the service on a private bus, with a sample\ntelevision, for developing applications off the set.")
+    "command-line client and simulator of the television context service\nlumora reads, writes, requests and follows the context service's subjects\nfrom a shell; lumora-sim plays the service on a private bus, with a sample\ntelevision, for developing applications off the set, and runs an\napplication's tests beside it (lumora-sim run, the Python module\nlumora.testing).")
 
 # The GObject API: its library over liblumora-api1 of the same build, its
 # development files (with the GIR and the Vala bindings, which need the

@@ -3,7 +3,8 @@
 
 The help texts are the one source: `lumora --help` and `lumora COMMAND --help`
 for every command it lists (each ends with an example), or `lumora-sim
---help` and `lumora-sim ctl --help` (every ctl command with an example). The
+--help`, `lumora-sim ctl --help` (every ctl command with an example) and
+`lumora-sim run --help`. The
 build runs this on the tools it has just built, so a page never says other
 than the tool.
 
@@ -91,10 +92,12 @@ def sim_page(tool, name, version, summary):
     usage = run(tool, "--help")
     synopsis, _, description = usage.partition("\n\n")
     ctl = run(tool, "ctl", "--help")
+    run_help = run(tool, "run", "--help")
     lines = header(name, version, summary)
     lines += [".SH SYNOPSIS"] + verbatim(synopsis.replace("Usage: ", "", 1))
     lines += [".SH DESCRIPTION"] + verbatim(description)
     lines += [".SH CTL COMMANDS"] + verbatim(ctl)
+    lines += [".SH RUN"] + verbatim(run_help.replace("Usage: ", "", 1))
     lines += [".SH SEE ALSO", ".BR lumora (1)"]
     return lines
 

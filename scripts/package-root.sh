@@ -11,7 +11,7 @@
 #   package-root.sh test ROOT DEBS_DIR SOURCE_DIR APT_CACHE [CROSS_ARCH CROSS_DEBS_DIR]
 #     installs the .deb files of DEBS_DIR with apt-get, builds the examples
 #     of SOURCE_DIR against them, runs tv-watcher against lumora-sim on a
-#     private bus; with CROSS_ARCH, installs that architecture's library and
+#     private bus and the tests of tv-app-tests; with CROSS_ARCH, installs that architecture's library and
 #     development packages of CROSS_DEBS_DIR beside them with Debian's cross
 #     compilers, and cross-builds the examples against them; then purges the
 #     packages and checks what is left.
@@ -331,6 +331,26 @@ test_packages() {
   kill -TERM "$bus_pid"
   wait "$bus_pid" || true
 
+  # An app's tests against the installed simulator: GoogleTest tests with
+  # the installed fixture header, each starting its own bus and simulator,
+  # and the app's program under lumora-sim run.
+  say "tv-app-tests: its GoogleTest tests against the installed lumora-sim, and its program under lumora-sim run"
+  { in_root cmake -S /tmp/lumora-test/examples/tv-app-tests -B /tmp/lumora-test/app-tests -DCMAKE_CXX_FLAGS=-Werror &&
+    in_root cmake --build /tmp/lumora-test/app-tests; } >"$test/app-tests.log" 2>&1 || {
+    cat "$test/app-tests.log" >&2
+    fail "tv-app-tests does not build with find_package(LumoraApi) and GoogleTest"
+  }
+  in_root ctest --test-dir /tmp/lumora-test/app-tests --output-on-failure >"$test/app-tests.out" 2>&1 || {
+    cat "$test/app-tests.out" >&2
+    fail "the tests of tv-app-tests failed against the installed lumora-sim"
+  }
+  grep -q "tv-source-badge-under-lumora-sim-run .* Passed" "$test/app-tests.out" ||
+    fail "tv-app-tests did not run its program under lumora-sim run"
+  grep "tests passed" "$test/app-tests.out" | sed 's/^/  tv-app-tests| /'
+  for file in /usr/include/lumora/testing/LumoraSimFixture.h /usr/lib/python3/dist-packages/lumora/testing.py; do
+    grep -qx "$file" "$test/files" || fail "$file is not in the packages"
+  done
+
   purge=$packages
   if [ -n "$cross" ]; then
     cross_packages "$cross" "$cross_debs"
@@ -359,6 +379,7 @@ test_packages() {
     fi
   done <"$test/files"
   for folder in /usr/share/lumora-sim /usr/include/lumora "/usr/lib/$triplet/cmake/LumoraApi" \
+    /usr/lib/python3/dist-packages/lumora \
     ${cross:+"/usr/lib/$cross_triplet/cmake/LumoraApi"} \
     /usr/share/doc/liblumora-api1 /usr/share/doc/liblumora-api-dev /usr/share/doc/lumora-tools; do
     [ ! -e "$root$folder" ] || { echo "packages: left behind: $folder" >&2; left=1; }

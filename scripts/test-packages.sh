@@ -6,16 +6,17 @@
 #  2. makes a minimal root of this machine's own Debian release with
 #     debootstrap --variant=minbase, from the Debian mirror that this
 #     machine's apt sources name, plus what building the examples takes
-#     (g++, make, cmake: an application's choice, which the packages do not
-#     depend on); the root is kept as a tarball under build/package-root
-#     and made again when its release, mirror or tool list changes or it is
-#     a week old;
+#     (g++, make, cmake, and GoogleTest for tv-app-tests: an application's
+#     choice, which the packages do not depend on); the root is kept as a
+#     tarball under build/package-root and made again when its release,
+#     mirror or tool list changes or it is a week old;
 #  3. in a fresh copy of that root (chroot, in a mount and PID namespace of
 #     its own: scripts/package-root.sh) installs the three packages with
 #     apt-get, so that their Depends alone bring in everything, builds both
 #     examples (pkg-config, find_package), runs tv-watcher against the
-#     installed lumora-sim on a private dbus-daemon, purges the packages and
-#     checks that nothing of theirs is left;
+#     installed lumora-sim on a private dbus-daemon and tv-app-tests' tests
+#     (the installed GoogleTest fixture, lumora-sim run), purges the
+#     packages and checks that nothing of theirs is left;
 #  4. with --cross ARCH, before the purge: builds the packages of ARCH too
 #     (scripts/package.sh ARCH), installs its liblumora-api1 and
 #     liblumora-api-dev beside the machine's own in the root (dpkg
@@ -67,7 +68,7 @@ sources=$(apt-get indextargets --format '$(REPO_URI) $(RELEASE) $(COMPONENT)' 'C
 mirror=$(echo "$sources" | awk -v c="$codename" '$3 == c { print $2; exit }')
 [ -n "$mirror" ] || fail "no apt source of this machine serves $codename for $arch (apt-get update first?)"
 # What building the examples takes, on top of minbase.
-build_tools="g++ make cmake"
+build_tools="g++ make cmake libgtest-dev"
 
 cache=${LUMORA_PACKAGE_ROOT_CACHE:-$source_dir/build/package-root}
 mkdir -p "$cache/apt-archives"

@@ -72,14 +72,36 @@ _lumora() {
     return 0
 }
 
+# lumora-sim run: its options, then after -- a command, then that command's
+# words as files.
+_lumora_sim_run() {
+    local cur=${COMP_WORDS[COMP_CWORD]} i
+    for ((i = 2; i < COMP_CWORD; i++)); do
+        [ "${COMP_WORDS[i]}" = -- ] || continue
+        if [ $((i + 1)) -eq "$COMP_CWORD" ]; then
+            mapfile -t COMPREPLY < <(compgen -c -- "$cur")
+        else
+            mapfile -t COMPREPLY < <(compgen -f -- "$cur")
+        fi
+        return
+    done
+    _lumora_reply "--scenario --broadcast --replay --speed --loop --http --http-allow-remote --shared-tmp --log --help --" "$cur"
+}
+
 _lumora_sim() {
     local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]}
-    if [ "$prev" = --scenario ]; then
-        mapfile -t COMPREPLY < <(compgen -f -- "$cur")
+    case $prev in
+        --scenario | --replay | --log)
+            mapfile -t COMPREPLY < <(compgen -f -- "$cur")
+            return
+            ;;
+    esac
+    if [ "${COMP_WORDS[1]}" = run ] && [ "$COMP_CWORD" -gt 1 ]; then
+        _lumora_sim_run
         return
     fi
     if [ "${COMP_WORDS[1]}" != ctl ] || [ "$COMP_CWORD" -eq 1 ]; then
-        _lumora_reply "ctl --scenario --broadcast --help --version" "$cur"
+        _lumora_reply "ctl run --scenario --broadcast --help --version" "$cur"
         return
     fi
     local at=2

@@ -73,6 +73,11 @@ TEST_F(ManualTest, TheSimulatorPageHasEveryCtlCommandWithAnExample) {
                              "enable", "disable", "whitelist", "restart", "status", "event"})
         EXPECT_NE(std::string::npos, page.out.find(std::string("lumora-sim ctl ") + verb)) << verb;
     EXPECT_NE(std::string::npos, page.out.find("--scenario FILE"));
+    // `lumora-sim run`, with the environment its command gets.
+    EXPECT_NE(std::string::npos, page.out.find("lumora-sim run [SIMULATOR OPTIONS]"));
+    for (const char* variable : {"DBUS_SYSTEM_BUS_ADDRESS", "LUMORA_SIM_BUS_ADDRESS", "LUMORA_SIM_PID",
+                                 "LUMORA_SIM_HTTP_URL", "--shared-tmp"})
+        EXPECT_NE(std::string::npos, page.out.find(variable)) << variable;
 }
 
 class CompletionTest : public CliServiceFixture {};
@@ -87,6 +92,9 @@ TEST_F(CompletionTest, CommandsOptionsAndTheRunningSimulatorsSubjectsAreComplete
     EXPECT_EQ((std::vector<std::string>{"Ctx/Only/In/This/Run"}), Complete({"lumora", "read", "Ctx/Only/"}));
     EXPECT_TRUE(Has(Complete({"lumora", "subscribe", "--initial", "Ctx/Sound/Vol"}), "Ctx/Sound/Volume/Level/Current"));
     EXPECT_EQ((std::vector<std::string>{"ctl"}), Complete({"lumora-sim", "c"}));
+    EXPECT_EQ((std::vector<std::string>{"run"}), Complete({"lumora-sim", "r"}));
+    EXPECT_EQ((std::vector<std::string>{"--shared-tmp"}), Complete({"lumora-sim", "run", "--sh"}));
+    EXPECT_TRUE(Has(Complete({"lumora-sim", "run", "--", "lumor"}), "lumora"));
     EXPECT_EQ((std::vector<std::string>{"stats", "stop-answering", "status"}), Complete({"lumora-sim", "ctl", "st"}));
     EXPECT_TRUE(Has(Complete({"lumora-sim", "ctl", "emit", "Ctx/App/"}), "Ctx/App/Info/Current"));
     EXPECT_EQ((std::vector<std::string>{"program"}), Complete({"lumora-sim", "ctl", "event", "pr"}));

@@ -6,7 +6,10 @@
 # what it prints and that Ctrl-C stops it with status 0. A cross build's
 # example is built with its compilers and toolchain file, and the example and
 # lumora-sim run under its emulator (build-tools.sh of the build tree).
-# Usage: run-example-test.sh BUILD_DIR [tv-watcher|tv-dashboard]
+# tv-app-tests is built with its CMakeLists.txt too and its own tests run
+# with ctest: GoogleTest tests that start a simulator each through the
+# installed fixture header, and its program under `lumora-sim run`.
+# Usage: run-example-test.sh BUILD_DIR [tv-watcher|tv-dashboard|tv-app-tests]
 set -eu
 build_dir=$1
 example=${2:-tv-watcher}
@@ -55,6 +58,21 @@ case $example in
       -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_FLAGS=-Werror >/dev/null
     cmake --build "$work/dashboard" >/dev/null
     app=$work/dashboard/tv-dashboard ;;
+  tv-app-tests)
+    # shellcheck disable=SC2086
+    cmake -S "$source_dir/examples/tv-app-tests" -B "$work/app-tests" $lumora_cmake_args \
+      -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_FLAGS=-Werror >/dev/null
+    cmake --build "$work/app-tests" >/dev/null
+    # The fixture finds the installed lumora-sim (the example's CMake names
+    # it), run under the emulator of a cross build.
+    LUMORA_SIM_LAUNCHER=$lumora_emulator ctest --test-dir "$work/app-tests" --output-on-failure >"$work/out" 2>&1 ||
+      fail "the example's tests failed"
+    grep -q "^100% tests passed" "$work/out" || fail "not every test of the example passed"
+    grep -q "tv-source-badge-under-lumora-sim-run .* Passed" "$work/out" || [ -n "$lumora_emulator" ] ||
+      fail "the program under lumora-sim run did not run"
+    cat "$work/out"
+    echo "example ok"
+    exit 0 ;;
   *) fail "unknown example $example" ;;
 esac
 

@@ -64,7 +64,12 @@ public:
     }
     const std::string& Path() {
         if (m_path.empty()) {
-            char name[] = "/tmp/lumora-emulated-XXXXXX";
+            // Under /tmp unless LUMORA_TEST_LINK_DIR names a folder: a test
+            // whose programs run with a /tmp of their own (lumora-sim run)
+            // keeps its links where they can still reach them.
+            const char* base = getenv("LUMORA_TEST_LINK_DIR");
+            std::string pattern = std::string(base != nullptr ? base : "/tmp") + "/lumora-emulated-XXXXXX";
+            char* name = pattern.data();
             if (mkdtemp(name) == nullptr) {
                 fprintf(stderr, "emulator: no folder for the links: %s\n", strerror(errno));
                 abort();

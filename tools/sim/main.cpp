@@ -1,6 +1,9 @@
 // lumora-sim: a context-service simulator for development off the television.
 #include <glib-unix.h>
 
+#include <unistd.h>
+
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -13,6 +16,7 @@
 #include "SimCtl.h"
 #include "SimHttp.h"
 #include "SimLog.h"
+#include "SimRun.h"
 #include "SimService.h"
 #include "Timeline.h"
 
@@ -22,6 +26,7 @@ constexpr const char* kHelp =
     "Usage: lumora-sim [--scenario FILE] [--broadcast] [--replay FILE [--speed X] [--loop]]\n"
     "                  [--http [ADDRESS:]PORT [--http-allow-remote]]\n"
     "       lumora-sim ctl [--address ADDRESS] COMMAND [ARGUMENTS]\n"
+    "       lumora-sim run [OPTIONS] [--shared-tmp] [--log FILE] [--] COMMAND [ARGUMENT...]\n"
     "       lumora-sim --help | --version\n"
     "\n"
     "Plays the television's context service on the system bus (DBUS_SYSTEM_BUS_ADDRESS\n"
@@ -101,6 +106,10 @@ constexpr const char* kHelp =
     "\n"
     "ctl arguments must be valid UTF-8 (they travel as D-Bus strings); others are a usage error.\n"
     "\n"
+    "`lumora-sim run [OPTIONS] -- COMMAND` runs COMMAND beside a simulator of its own on a\n"
+    "private bus, in a /tmp of its own where the machine allows it, and exits with COMMAND's\n"
+    "status (see lumora-sim run --help).\n"
+    "\n"
     "Exit status: 0 after SIGINT/SIGTERM; 1 when the name cannot be owned or is lost, when\n"
     "the system bus cannot be reached, or when the bus connection is lost (\"lost the bus\n"
     "connection\"); 2 on a usage or scenario error. Logs through the platform log\n"
@@ -117,6 +126,7 @@ struct Options {
     std::string httpAddress;
     unsigned httpPort = 0;
     bool httpAllowRemote = false;
+    int urlFd = -1;  // where the panel's URL line goes instead of standard output
 };
 
 // 0: run; 2: usage error; -1: help or version printed.
@@ -178,6 +188,20 @@ gboolean OnStopSignal(gpointer data) {
     return G_SOURCE_CONTINUE;
 }
 
+// `lumora-sim run` reads the URL from a pipe of its own; a person reads it on
+// standard output.
+void AnnouncePanel(const std::string& url, int urlFd) {
+    if (urlFd < 0) {
+        printf("lumora-sim: control panel at %s\n", url.c_str());
+        fflush(stdout);
+        return;
+    }
+    std::string line = url + "\n";
+    if (write(urlFd, line.data(), line.size()) != static_cast<ssize_t>(line.size()))
+        SIM_LOGW("the control panel's URL did not reach lumora-sim run: %s", strerror(errno));
+    close(urlFd);
+}
+
 int Serve(lumora::sim::Scenario scenario, const Options& options, std::vector<lumora::sim::TimelineEvent> timeline) {
     GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
     guint term = g_unix_signal_add(SIGTERM, OnStopSignal, loop);
@@ -199,10 +223,7 @@ int Serve(lumora::sim::Scenario scenario, const Options& options, std::vector<lu
             fprintf(stderr, "lumora-sim: %s\n", error.c_str());
             status = 2;
         } else if (service.Start()) {
-            if (panel) {
-                printf("lumora-sim: control panel at %s\n", panel->Url().c_str());
-                fflush(stdout);
-            }
+            if (panel) AnnouncePanel(panel->Url(), options.urlFd);
             if (replay) replay->Start();
             g_main_loop_run(loop);
             panel.reset();
@@ -220,32 +241,74 @@ int Serve(lumora::sim::Scenario scenario, const Options& options, std::vector<lu
     return status;
 }
 
-int Run(int argc, char** argv) {
-    if (argc > 1 && strcmp(argv[1], "ctl") == 0) return lumora::sim::RunCtl(argc - 2, argv + 2);
+// The simulator's command line checked and its files read: 0, or 2 (the
+// reason printed) when refused, or -1 when help or the version was printed.
+struct Prepared {
     Options options;
-    int parsed = ParseOptions(argc, argv, options);
-    if (parsed != 0) return parsed < 0 ? 0 : 2;
     lumora::sim::Scenario scenario;
+    std::vector<lumora::sim::TimelineEvent> timeline;
+};
+
+int Prepare(int argc, char** argv, Prepared& prepared) {
+    Options& options = prepared.options;
+    int parsed = ParseOptions(argc, argv, options);
+    if (parsed != 0) return parsed < 0 ? -1 : 2;
     if (!options.scenario.empty()) {
         std::string error;
-        if (!lumora::sim::LoadScenario(options.scenario, scenario, error)) {
+        if (!lumora::sim::LoadScenario(options.scenario, prepared.scenario, error)) {
             SIM_LOGE("scenario refused: %s", error.c_str());
             fprintf(stderr, "lumora-sim: %s\n", error.c_str());
             return 2;
         }
     }
-    if (options.broadcast) scenario.broadcastResponses = true;
-    std::vector<lumora::sim::TimelineEvent> timeline;
+    if (options.broadcast) prepared.scenario.broadcastResponses = true;
     if (!options.replay.empty()) {
         std::string error;
-        if (!lumora::sim::LoadTimeline(options.replay, timeline, error)) {
+        if (!lumora::sim::LoadTimeline(options.replay, prepared.timeline, error)) {
             SIM_LOGE("timeline refused: %s", error.c_str());
             fprintf(stderr, "lumora-sim: %s\n", error.c_str());
             return 2;
         }
     }
+    return 0;
+}
+
+int ServePrepared(Prepared& prepared) {
+    const Options& options = prepared.options;
     SIM_LOGI("starting with %s", options.scenario.empty() ? "an empty scenario" : options.scenario.c_str());
-    return Serve(std::move(scenario), options, std::move(timeline));
+    return Serve(std::move(prepared.scenario), options, std::move(prepared.timeline));
+}
+
+// The simulator as `lumora-sim run` starts it, in a child of the run.
+class LocalSimulator final : public lumora::sim::SimulatorMain {
+public:
+    bool Prepare(const std::vector<std::string>& words) override {
+        std::vector<std::string> argvWords = {"lumora-sim"};
+        argvWords.insert(argvWords.end(), words.begin(), words.end());
+        std::vector<char*> argv;
+        for (std::string& word : argvWords) argv.push_back(word.data());
+        argv.push_back(nullptr);
+        return ::Prepare(static_cast<int>(argvWords.size()), argv.data(), m_prepared) == 0;
+    }
+    int Serve(int urlFd) override {
+        m_prepared.options.urlFd = urlFd;
+        return ServePrepared(m_prepared);
+    }
+
+private:
+    Prepared m_prepared;
+};
+
+int Run(int argc, char** argv) {
+    if (argc > 1 && strcmp(argv[1], "ctl") == 0) return lumora::sim::RunCtl(argc - 2, argv + 2);
+    if (argc > 1 && strcmp(argv[1], "run") == 0) {
+        LocalSimulator simulator;
+        return lumora::sim::RunCommand(argc - 2, argv + 2, simulator);
+    }
+    Prepared prepared;
+    int status = Prepare(argc, argv, prepared);
+    if (status != 0) return status < 0 ? 0 : status;
+    return ServePrepared(prepared);
 }
 
 }  // namespace
