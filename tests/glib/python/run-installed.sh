@@ -26,7 +26,8 @@ modules=$(dirname "$(find "$prefix" -path '*/lumora/testing.py' | head -n 1)")
 unset LUMORA_SIM LUMORA_SIM_DBUS_CONFIG LUMORA_TV_DASHBOARD LUMORA_SAMPLE_SCENARIO
 export GI_TYPELIB_PATH="$libdir/girepository-1.0"
 export LD_LIBRARY_PATH="$libdir"
-export PYTHONPATH="$(dirname "$modules")"
+PYTHONPATH=$(dirname "$modules")
+export PYTHONPATH
 export PYTHONDONTWRITEBYTECODE=1
 export LUMORA_GI_EXPECT_PREFIX="$prefix"
 cd "$work"

@@ -294,8 +294,9 @@ def test_a_call_from_inside_a_c_request_callback_is_refused_not_hung(client, lum
     assert pump(lambda: len(seen) == 4)
     code = int(Lumora.ClientError.REENTRY_REFUSED)
     domain = "lumora-client-error-quark"
-    assert seen[0] == (domain, code, "the library refused the read of %s: it was called from inside a callback "
-                                     "that runs with a library lock held, where waiting would hang the thread" % SUBJECT)
+    assert seen[0] == (domain, code,
+                       "the library refused the read of %s: it was called from inside a callback that runs with "
+                       "a library lock held, where waiting would hang the thread" % SUBJECT)
     assert seen[1][:2] == (domain, code)
     assert seen[2][:2] == ("refusals", 2) and seen[2][2] < 0.5  # refused at once
     assert seen[3] == ("answer", SUBJECT.encode(), b'{"Source":"TV"}')

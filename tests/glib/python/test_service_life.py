@@ -9,7 +9,7 @@ import os
 import time
 
 import pytest
-from gi.repository import GLib, Lumora
+from gi.repository import Lumora
 
 from gisupport import SUBSCRIBE, AvailabilityLog, error_of, is_client_error, pump, settle
 
