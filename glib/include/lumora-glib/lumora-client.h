@@ -96,7 +96,8 @@ gboolean lumora_client_get_available (LumoraClient *client);
 /**
  * lumora_client_read_sync:
  * @client: a #LumoraClient
- * @subject: the subject to read
+ * @subject: (nullable): the subject to read; %NULL is refused with
+ *   %LUMORA_CLIENT_ERROR_INVALID_ARGUMENT
  * @input: (nullable): a text handed to the service with the subject, or
  *   %NULL (sent as the empty text)
  * @cancellable: (nullable): a #GCancellable, or %NULL
@@ -126,7 +127,8 @@ char *lumora_client_read_sync (LumoraClient  *client,
 /**
  * lumora_client_read:
  * @client: a #LumoraClient
- * @subject: the subject to read
+ * @subject: (nullable): the subject to read; %NULL is refused with
+ *   %LUMORA_CLIENT_ERROR_INVALID_ARGUMENT
  * @input: (nullable): a text handed to the service with the subject, or %NULL
  * @cancellable: (nullable): a #GCancellable, or %NULL
  * @callback: (scope async) (closure user_data): called once with the outcome
@@ -176,8 +178,10 @@ char *lumora_client_read_finish (LumoraClient  *client,
 /**
  * lumora_client_write:
  * @client: a #LumoraClient
- * @subject: the subject to write
- * @data: the text to write (usually JSON)
+ * @subject: (nullable): the subject to write; %NULL is refused with
+ *   %LUMORA_CLIENT_ERROR_INVALID_ARGUMENT
+ * @data: (nullable): the text to write (usually JSON); %NULL is refused with
+ *   %LUMORA_CLIENT_ERROR_INVALID_ARGUMENT
  * @error: return location for a #GError, or %NULL
  *
  * Writes @data to @subject. The write is queued on the bus and not awaited:
@@ -196,7 +200,8 @@ gboolean lumora_client_write (LumoraClient  *client,
 /**
  * lumora_client_request:
  * @client: a #LumoraClient
- * @subject: the subject to ask for
+ * @subject: (nullable): the subject to ask for; %NULL is refused with
+ *   %LUMORA_CLIENT_ERROR_INVALID_ARGUMENT
  * @input: (nullable): a text handed to the service with the subject, or %NULL
  * @cancellable: (nullable): a #GCancellable, or %NULL
  * @callback: (scope async) (closure user_data): called once with the outcome
@@ -256,7 +261,8 @@ GVariant *lumora_client_request_finish (LumoraClient  *client,
 /**
  * lumora_client_subscribe:
  * @client: a #LumoraClient
- * @subject: the subject to follow (three characters or more)
+ * @subject: (nullable): the subject to follow (three characters or more);
+ *   %NULL is refused with %LUMORA_CLIENT_ERROR_INVALID_ARGUMENT
  * @flags: how to follow it
  * @error: return location for a #GError, or %NULL
  *

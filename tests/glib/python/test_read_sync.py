@@ -15,10 +15,9 @@ Two codes cannot be met through the introspection data alone:
   meets it only by calling that C interface itself (ctypes), which
   test_a_call_from_inside_a_c_request_callback_is_refused_not_hung does.
 
-INVALID_ARGUMENT for a NULL subject or data is out of reach as well:
-PyGObject refuses None for an argument that the introspection data does not
-mark nullable (TypeError, nothing called); the other reasons for
-INVALID_ARGUMENT are met here.
+None for a subject or data reaches the library, which refuses it with
+INVALID_ARGUMENT as it refuses a NULL text from C: the introspection data
+marks them nullable so that the refusal is the library's GError.
 """
 import ctypes
 import time
@@ -150,16 +149,17 @@ def test_an_internal_subject_is_not_allowed_off_the_whitelist_and_allowed_on_it(
     assert monitor.requests(INTERNAL) == [("RequestSync", READ, "")]
 
 
-def test_none_for_a_subject_or_data_is_refused_by_pygobject_before_the_call(client, monitor):
-    # The introspection data marks subject and data not nullable: PyGObject
-    # raises before the library is called, so INVALID_ARGUMENT's NULL text
-    # cannot come from Python. The input is nullable.
-    with pytest.raises(TypeError, match="does not allow None"):
-        client.read_sync(None, None, None)
-    with pytest.raises(TypeError, match="does not allow None"):
-        client.write(SUBJECT, None)
-    with pytest.raises(TypeError, match="does not allow None"):
-        client.subscribe(None, Lumora.SubscribeFlags.NONE)
+def test_none_for_a_subject_or_data_is_invalid_argument_and_nothing_is_sent(client, monitor):
+    # As a NULL text from C: the library's GError, never a crash or a
+    # critical. The input is optional and may be None.
+    for call, name in ((lambda: client.read_sync(None, None, None), "subject"),
+                       (lambda: client.write(SUBJECT, None), "data"),
+                       (lambda: client.write(None, "{}"), "subject"),
+                       (lambda: client.subscribe(None, Lumora.SubscribeFlags.NONE), "subject")):
+        with pytest.raises(GLib.Error) as raised:
+            call()
+        assert is_client_error(raised.value, Lumora.ClientError.INVALID_ARGUMENT)
+        assert raised.value.message == f"{name} is NULL"
     monitor.sync_point(client)
     assert [call for call in monitor.calls() if call[1] != "ServiceEnable" and call[2][3] != SYNC_POINT] == []
 
