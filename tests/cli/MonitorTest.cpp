@@ -318,6 +318,12 @@ TEST_F(MonitorTest, EveryCallAnswerAndSignalOfASessionAppearsOnceDecoded) {
     StartMonitor(monitor, {"--json"});
     ChildProcess subscriber;
     Session(subscriber);
+    // The monitor takes the bus's copies in its own time: the session's last
+    // message, the answer to the unsubscribe, may still be on its way to a
+    // monitor that lags (a loaded machine) when the subscriber has gone.
+    EXPECT_TRUE(WaitUntil(
+        [&] { return Events(JsonLines(monitor.Out()), "answer", "Ctx/Sound/Volume/Level/Changed").size() >= 2; },
+        kWaitMs));
     std::vector<Json::Value> lines = JsonLines(StopMonitor(monitor));
 
     auto reads = Events(lines, "call", "Ctx/Media/Source/Info/Current");
