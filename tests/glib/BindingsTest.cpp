@@ -17,6 +17,7 @@
 #include "LogCapture.h"
 #include "MainLoopThread.h"
 #include "SimProcess.h"
+#include "SimStatus.h"
 #include "TempDir.h"
 #include "TestBus.h"
 
@@ -88,14 +89,8 @@ protected:
 
     std::vector<std::string> SimSubscribers(const std::string& subject) {
         std::vector<std::string> clients;
-        CallResult status = CallControl(m_control, lumora::sim::kCtlGetStatus);
-        if (!status.Ok()) return clients;
-        const gchar* text = nullptr;
-        g_variant_get(status.reply.get(), "(&s)", &text);
-        Json::Value root;
-        std::istringstream in(text);
-        if (!Json::parseFromStream(Json::CharReaderBuilder(), in, &root, nullptr)) return clients;
-        for (const Json::Value& client : root["subscriptions"][subject]) clients.push_back(client.asString());
+        Json::Value status = SimStatusOver(m_control);
+        for (const Json::Value& client : status["subscriptions"][subject]) clients.push_back(client.asString());
         return clients;
     }
 

@@ -23,6 +23,7 @@
 #include "ControlContract.h"
 #include "LogCapture.h"
 #include "SimProcess.h"
+#include "SimStatus.h"
 #include "TempDir.h"
 #include "TestBus.h"
 
@@ -157,16 +158,7 @@ protected:
     }
     std::string SimValue(const std::string& subject) { return ServiceValue(m_control, subject); }
 
-    Json::Value SimStatus() {
-        Json::Value root;
-        CallResult status = Control(lumora::sim::kCtlGetStatus);
-        if (!status.Ok()) return root;
-        const gchar* text = nullptr;
-        g_variant_get(status.reply.get(), "(&s)", &text);
-        std::istringstream in(text);
-        if (!Json::parseFromStream(Json::CharReaderBuilder(), in, &root, nullptr)) root = Json::Value();
-        return root;
-    }
+    Json::Value SimStatus() { return SimStatusOver(m_control); }
 
     /// What this process sent to the service up to now (not the test's own
     /// control calls): every call that has returned is included.

@@ -24,6 +24,7 @@
 #include "LogCapture.h"
 #include "MainLoopThread.h"
 #include "SimProcess.h"
+#include "SimStatus.h"
 #include "TempDir.h"
 #include "TestBus.h"
 
@@ -43,19 +44,6 @@ std::string AlreadySubscribed(const char* subject, Callback callback) {
     char pointer[32];
     snprintf(pointer, sizeof pointer, "%p", reinterpret_cast<const void*>(callback));
     return std::string("already subscribed subject[") + subject + "]cb[" + pointer + "], ";
-}
-
-/// The simulator's state as "lumora-sim ctl status" shows it, asked over
-/// control; null when it could not be had.
-inline Json::Value SimStatusOver(GDBusConnection* control) {
-    Json::Value root;
-    CallResult status = CallControl(control, lumora::sim::kCtlGetStatus);
-    if (!status.Ok()) return root;
-    const gchar* text = nullptr;
-    g_variant_get(status.reply.get(), "(&s)", &text);
-    std::istringstream in(text);
-    if (!Json::parseFromStream(Json::CharReaderBuilder(), in, &root, nullptr)) root = Json::Value();
-    return root;
 }
 
 /// Writes into dir the sample scenario with subject's value replaced by
