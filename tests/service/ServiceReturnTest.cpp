@@ -164,6 +164,10 @@ TEST_F(ServiceReturnTest, AvailabilityFollowsTheServiceAfterAStopAndStart) {
     ASSERT_TRUE(Lumora_InitService());
     ASSERT_TRUE(Lumora_AddAvailabilityCallback(RecordedAvailability<2>, nullptr));
     ASSERT_TRUE(WaitUntil([&] { return Heard(2).size() == 1; }, 5000));
+    // The callback is told the state it had before the match rule for the
+    // service's "BYE" left on GDBus's worker; a read's answer comes after the
+    // bus daemon handled every message sent before it on that connection.
+    free(Lumora_ReadCurrentSourceInfo(nullptr));
     ASSERT_EQ(0, kill(m_sim.Pid(), SIGTERM));
     EXPECT_EQ(0, m_sim.WaitForExit(5000));
     ASSERT_TRUE(m_sim.Start());
